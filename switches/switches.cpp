@@ -1,0 +1,296 @@
+#include "switches/switches.hpp"
+
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <new>
+
+namespace torvel {
+namespace {
+
+// Wavelengths in nm that a -w= style value may name; anything outside that
+// is neither a plausible index nor a plausible wavelength.
+constexpr int kLowestWavelength = 200;
+constexpr int kWavelengthLimit = 2000;
+// How far a file wavelength may lie from the one asked for and still match.
+constexpr double kWavelengthMatch = 0.5;
+
+// The shared scanner behind extract_switch_ints and extract_switch_floats.
+// The standard scan does the number syntax; only ":" is stepped over here,
+// so any other character is left for the next scan to accept (a sign) or
+// reject (everything else). Values beyond room go to a scratch cell so that
+// the count still tells the caller how many were given.
+template <typename T>
+int extract_values(const char* text, int room, T* values, const char* format)
+{
+    int count = 0;
+    const char* cursor = text;
+    for (;;) {
+        T value{};
+        int used = 0;
+        if (std::sscanf(cursor, format, &value, &used) != 1) {
+            return 0;
+        }
+        if (count < room) {
+            values[count] = value;
+        }
+        ++count;
+        cursor += used;
+        if (*cursor == '\0') {
+            return count;
+        }
+        if (*cursor == ':') {
+            ++cursor;
+        }
+    }
+}
+
+// The text after prefix in the first of argv[1..argc-1] that begins with it,
+// or null.
+const char* find_switch_value(const char* prefix, const char* const* argv,
+                              int argc)
+{
+    const std::size_t length = std::strlen(prefix);
+    for (int i = 1; i < argc; ++i) {
+        if (std::strncmp(argv[i], prefix, length) == 0) {
+            return argv[i] + length;
+        }
+    }
+    return nullptr;
+}
+
+void print_range_format_error(const char* program, const char* name,
+                              int allow_third)
+{
+    if (allow_third) {
+        std::fprintf(stderr,
+                     "%s: %s expects one to three integer values; the first\n"
+                     "    two must be non-negative; the second must at least as\n"
+                     "    large as the first; the third must be positive\n",
+                     program, name);
+    } else {
+        std::fprintf(stderr,
+                     "%s: %s expects one or two non-negative integer values\n"
+                     "    the second must be at least as large as the first\n",
+                     program, name);
+    }
+}
+
+// Checks the values of a range one after the other, storing each accepted
+// one. Returns 1 if a value lies beyond the dimension (message printed);
+// sets *format_error and stops at the first value of the wrong form.
+int check_range_values(const char* program, const char* name,
+                       const int* values, int count, int dim_size,
+                       int range[3], bool* format_error)
+{
+    int result = 0;
+    if (values[0] < 0) {
+        *format_error = true;
+        return result;
+    }
+    if (values[0] >= dim_size) {
+        std::fprintf(stderr,
+                     "%s: first argument to %s greater than or equal to "
+                     "dimension size %d\n",
+                     program, name, dim_size);
+        result = 1;
+    } else {
+        range[0] = values[0];
+    }
+    if (count < 2) {
+        return result;
+    }
+    if (values[1] < values[0]) {
+        *format_error = true;
+        return result;
+    }
+    if (values[1] >= dim_size) {
+        std::fprintf(stderr,
+                     "%s: second argument to %s greater than or equal to "
+                     "dimension size %d\n",
+                     program, name, dim_size);
+        result = 1;
+    } else {
+        range[1] = values[1];
+    }
+    if (count < 3) {
+        return result;
+    }
+    if (values[2] < 1) {
+        *format_error = true;
+        return result;
+    }
+    range[2] = values[2];
+    return result;
+}
+
+// The first index of file_waves within the match distance of wavelength, or
+// -1. The difference is formed in float, as the file holds floats, and only
+// its magnitude is compared in double.
+int find_wavelength(const float* file_waves, int file_wave_count,
+                    int wavelength)
+{
+    for (int i = 0; i < file_wave_count; ++i) {
+        const float difference = file_waves[i] - static_cast<float>(wavelength);
+        if (std::fabs(static_cast<double>(difference)) <= kWavelengthMatch) {
+            return i;
+        }
+    }
+    return -1;
+}
+
+// Resolves one -w= style value into *index. An index is preferred whenever
+// the value can be one. Returns 1 after a message when the value is rejected.
+int resolve_wave_value(const char* program, const char* name, int value,
+                       const float* file_waves, int file_wave_count,
+                       int* index)
+{
+    if (value >= 0 && value < file_wave_count) {
+        *index = value;
+        return 0;
+    }
+    if (value < kLowestWavelength || value >= kWavelengthLimit) {
+        std::fprintf(stderr,
+                     "%s: values passed to %s are expected to be wavelengths "
+                     "or indices\n",
+                     program, name);
+        return 1;
+    }
+    const int found = find_wavelength(file_waves, file_wave_count, value);
+    if (found < 0) {
+        std::fprintf(stderr,
+                     "%s: wavelength %d is not present in the input file\n",
+                     program, value);
+        return 1;
+    }
+    *index = found;
+    return 0;
+}
+
+}  // namespace
+
+int extract_switch_ints(const char* text, int room, int* values)
+{
+    return extract_values(text, room, values, "%d%n");
+}
+
+int extract_switch_floats(const char* text, int room, float* values)
+{
+    return extract_values(text, room, values, "%f%n");
+}
+
+int get_charswitchc(const char* prefix, const char* const* argv, int argc,
+                    int size, char* out)
+{
+    const char* value = find_switch_value(prefix, argv, argc);
+    if (value == nullptr) {
+        return -1;
+    }
+    const std::size_t length = std::strlen(value);
+    if (size > 0 && length < static_cast<std::size_t>(size)) {
+        std::memcpy(out, value, length + 1);
+    }
+    return 1;
+}
+
+int get_intswitchc(const char* prefix, const char* const* argv, int argc,
+                   int room, int* values)
+{
+    const char* value = find_switch_value(prefix, argv, argc);
+    return value == nullptr ? -1 : extract_switch_ints(value, room, values);
+}
+
+int get_floatswitch(const char* prefix, const char* const* argv, int argc,
+                    int room, float* values)
+{
+    const char* value = find_switch_value(prefix, argv, argc);
+    return value == nullptr ? -1 : extract_switch_floats(value, room, values);
+}
+
+int handle_range_switch(const char* program, const char* name,
+                        const char* text, int dim_size, int allow_third,
+                        int range[3])
+{
+    const int room = allow_third ? 3 : 2;
+    int values[3] = {0, 0, 0};
+    const int count = extract_switch_ints(text, room, values);
+    bool format_error = count < 1 || count > room;
+    int result = 0;
+    if (!format_error) {
+        result = check_range_values(program, name, values, count, dim_size,
+                                    range, &format_error);
+    }
+    if (format_error) {
+        print_range_format_error(program, name, allow_third);
+        result = 1;
+    }
+    return result;
+}
+
+int handle_wave_switch(const char* program, const char* name,
+                       const char* text, const float* file_waves,
+                       int file_wave_count, int max_values, int* indices)
+{
+    // A negative limit is an impossible request for room, like a failed
+    // allocation, and fails the same silent way.
+    if (max_values < 0) {
+        return 1;
+    }
+    std::unique_ptr<int[]> values(new (std::nothrow) int[max_values]);
+    if (!values) {
+        return 1;
+    }
+    const int count = extract_switch_ints(text, max_values, values.get());
+    if (count == 0) {
+        std::fprintf(stderr, "%s: %s expects at least one value\n", program,
+                     name);
+        return 1;
+    }
+    if (count > max_values) {
+        std::fprintf(stderr, "%s: %s expects at most %d values\n", program,
+                     name, max_values);
+        return 1;
+    }
+    int result = 0;
+    for (int k = 0; k < count; ++k) {
+        result |= resolve_wave_value(program, name, values[k], file_waves,
+                                     file_wave_count, &indices[k]);
+    }
+    indices[count] = -1;
+    return result;
+}
+
+int help_requested(int argc, const char* const* argv)
+{
+    static const char* const kHelpSwitches[] = {"-h", "-H", "-help", "-Help"};
+    for (int i = 1; i < argc; ++i) {
+        if (search_string_list(kHelpSwitches, 4, argv[i]) >= 0) {
+            return 1;
+        }
+    }
+    return 0;
+}
+
+int search_string_list(const char* const* list, int length, const char* text)
+{
+    for (int i = 0; i < length; ++i) {
+        if (std::strcmp(list[i], text) == 0) {
+            return i;
+        }
+    }
+    return -1;
+}
+
+void print_invalid_name(const char* program, const char* name,
+                        const char* value, const char* const* valid,
+                        int length)
+{
+    std::fprintf(stderr, "%s: invalid argument, %s, to %s; valid values are:",
+                 program, value, name);
+    for (int i = 0; i < length; ++i) {
+        std::fprintf(stderr, i + 1 < length ? " %s," : " %s\n", valid[i]);
+    }
+}
+
+}  // namespace torvel
