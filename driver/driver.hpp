@@ -5,10 +5,11 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <memory>
+
+#include "pupil/pupil.hpp"
 
 namespace torvel {
-
-struct ParametricPupil;
 
 inline constexpr int kMaxSelectedWavelengths = 5;
 
@@ -50,5 +51,68 @@ void print_input_summary(const fit_inputs& inputs);
 ParametricPupil* setup_parametric_output(const fit_inputs& inputs,
                                          std::int32_t lens_id, float na,
                                          float n_imm);
+
+// Header values of the input image that the run uses, and what follows from
+// them: the aperture and immersion index unscaled from P1 and P2, and the
+// pupil centre in pixel units.
+struct input_header {
+    std::int32_t nx, ny, mode;
+    std::int32_t nz, nw, nt;
+    std::int32_t type, lens_id;
+    float dx, dy, xorig, yorig;
+    float na, n_imm;
+    float x0, y0;
+    bool complex_pixels;
+};
+
+struct pupil_deleter {
+    void operator()(ParametricPupil* pupil) const { destroy_parametric_pupil(pupil); }
+};
+
+// What one run owns from its first open to its exit: the input stream (1),
+// the residual stream (2) with the statistics kept for its header, the two
+// work planes and the fit record. Destroying it is the run's clean-up, in
+// order: input closed, residual header written and closed, record destroyed,
+// planes freed.
+struct fit_run {
+    bool input_open = false;
+    bool residual_open = false;
+    float residual_stats[3] = {0.0f, 0.0f, 0.0f};  // min, max, mean of slot 0
+    std::unique_ptr<float[]> amplitude;  // A: the whole section as read
+    std::unique_ptr<float[]> phase;      // B
+    std::unique_ptr<ParametricPupil, pupil_deleter> pupil;
+
+    fit_run() = default;
+    fit_run(const fit_run&) = delete;
+    fit_run& operator=(const fit_run&) = delete;
+    ~fit_run();
+};
+
+// Opens the input on stream 1 and reads the header values the run uses.
+// Returns 0, or 1 after "unable to open".
+int open_input_image(const char* name, fit_run* run, input_header* header);
+
+// Runs every check of the input header, printing one message per failed
+// check in their fixed order. Returns 0 when all pass, else 1.
+int check_input_header(const char* name, const input_header& header);
+
+// Allocates the amplitude (or complex) and phase planes. Returns 0, or 1
+// after "insufficient memory".
+int allocate_work_planes(const input_header& header, fit_run* run);
+
+// Creates the residual image on stream 2 with the input header copied and
+// laid out for one complex section per selected wavelength. Returns 0, or 1
+// after "unable to open ... for writing".
+int open_residual_image(const fit_inputs& inputs, fit_run* run);
+
+// Reads, fits (amplitude, then unwrapped phase) and, when a residual image
+// is open, writes the residuals of selected wavelength slot. Returns 0, or
+// the failing step's status after its message.
+int fit_wavelength(const fit_inputs& inputs, const input_header& header,
+                   int slot, fit_run* run);
+
+// Writes the fit record to name. Returns 0, or 1 after a message naming the
+// failure; a file left half written is removed.
+int write_fit_file(ParametricPupil* pupil, const char* name);
 
 }  // namespace torvel

@@ -1,0 +1,253 @@
+// The steps of one fitting run, in the order main takes them.
+
+#include <cstdint>
+#include <cstdio>
+#include <limits>
+#include <new>
+
+#include "driver/driver.hpp"
+#include "fit/fit.hpp"
+#include "imageio/imageio.hpp"
+#include "pupil/pupil.hpp"
+#include "unwrap/unwrap.hpp"
+
+namespace torvel {
+namespace {
+
+constexpr int kInput = 1;
+constexpr int kResidual = 2;
+constexpr int kPupilImageType = 8000;
+constexpr int kComplexFloatMode = 4;
+
+bool is_complex_mode(int mode) { return mode == 3 || mode == 4; }
+
+// Floats in one plane of the image; the fitting code indexes pixels with int,
+// so a plane must stay countable in one.
+std::int64_t plane_pixels(const input_header& header) {
+    return std::int64_t(header.nx) * header.ny;
+}
+
+std::unique_ptr<float[]> allocate_floats(std::int64_t count) {
+    if (count <= 0 || count > std::numeric_limits<int>::max()) return nullptr;
+    return std::unique_ptr<float[]>(new (std::nothrow) float[std::size_t(count)]);
+}
+
+int report_insufficient_memory() {
+    std::fprintf(stderr, "torvel: insufficient memory\n");
+    return 1;
+}
+
+// The residual of one slot: computed into a plane of its own, written at
+// output section (0, slot, 0). Slot 0's statistics become the image-wide ones
+// of the final header; later slots record theirs per wavelength.
+int write_residual_section(const fit_inputs& inputs, const input_header& h, int slot,
+                           float cutoff, fit_run* run) {
+    if (image_seek_section(kResidual, 0, slot, 0) != 0) {
+        std::fprintf(stderr, "torvel: unable to position at output section 0 %d 0\n", slot);
+        return 1;
+    }
+    std::unique_ptr<float[]> residual = allocate_floats(2 * plane_pixels(h));
+    if (!residual) return report_insufficient_memory();
+    float stats[3];
+    compute_residual(h.x0, h.y0, h.dx, h.dy, cutoff, h.nx, h.ny, run->amplitude.get(),
+                     run->phase.get(), inputs.amplitude_n, inputs.amplitude_m,
+                     get_parametric_pupil_amplitude_zernike_coeff(run->pupil.get(), slot),
+                     inputs.phase_n, inputs.phase_m,
+                     get_parametric_pupil_phase_zernike_coeff(run->pupil.get(), slot),
+                     residual.get(), stats);
+    if (slot == 0) {
+        for (int k = 0; k < 3; ++k) run->residual_stats[k] = stats[k];
+    } else {
+        image_set_wavelength_min_max(kResidual, slot, stats[0], stats[1]);
+    }
+    image_write_section(kResidual, residual.get());
+    return 0;
+}
+
+// Reads wavelength w into the work planes: the amplitude into A and the
+// phase into B, splitting a complex section when the image holds one.
+int read_amplitude_and_phase(const input_header& h, int w, fit_run* run) {
+    if (image_seek_section(kInput, 0, w, 0) != 0) {
+        std::fprintf(stderr, "torvel: unable to position input at section 0 %d 0\n", w);
+        return 1;
+    }
+    image_read_section(kInput, run->amplitude.get());
+    if (h.complex_pixels) {
+        separate_amplitude_phase(h.nx * h.ny, run->amplitude.get(), run->phase.get());
+        return 0;
+    }
+    // A missing phase section is reported but, as it always has been, does
+    // not stop the run: the read below then takes the next section in turn.
+    if (image_seek_section(kInput, 1, w, 0) != 0)
+        std::fprintf(stderr, "torvel: unable to position input at section 1 %d 0\n", w);
+    image_read_section(kInput, run->phase.get());
+    return 0;
+}
+
+}  // namespace
+
+fit_run::~fit_run() {
+    if (input_open) image_close(kInput);
+    if (residual_open) {
+        image_write_header(kResidual, nullptr, -1, residual_stats[0], residual_stats[1],
+                           residual_stats[2]);
+        image_close(kResidual);
+    }
+}
+
+int open_input_image(const char* name, fit_run* run, input_header* header) {
+    if (image_open(kInput, name, "ro") != 0) {
+        std::fprintf(stderr, "torvel: unable to open %s for reading\n", name);
+        return 1;
+    }
+    run->input_open = true;
+
+    input_header& h = *header;
+    int dims[3], second[3], order, n1, n2;
+    float dmin, dmax, dmean, p1, p2, dz, zorig;
+    image_read_header(kInput, dims, second, &h.mode, &dmin, &dmax, &dmean);
+    image_get_zwt_sizes(kInput, &h.nz, &h.nw, &h.nt, &order);
+    image_get_type_info(kInput, &h.type, &h.lens_id, &n1, &n2, &p1, &p2);
+    image_get_pixel_spacing(kInput, &h.dx, &h.dy, &dz);
+    image_get_origin(kInput, &h.xorig, &h.yorig, &zorig);
+    h.nx = dims[0];
+    h.ny = dims[1];
+    // The header keeps the aperture times 10 and the index times 100.
+    h.na = p1 / 10.0f;
+    h.n_imm = p2 / 100.0f;
+    h.x0 = (0.0f - h.xorig) / h.dx;
+    h.y0 = (0.0f - h.yorig) / h.dy;
+    h.complex_pixels = is_complex_mode(h.mode);
+    return 0;
+}
+
+int check_input_header(const char* name, const input_header& h) {
+    int status = 0;
+    if (h.nx < 1 || h.ny < 1 || h.nz < 1 || h.nw < 1 || h.nt < 1) {
+        std::fprintf(stderr, "torvel: no image data for pupil function image\n");
+        status = 1;
+    }
+    if (h.complex_pixels && h.nz != 1) {
+        std::fprintf(stderr,
+                     "torvel: for complex-valued pupil function image expect one z section\n");
+        status = 1;
+    } else if (!h.complex_pixels && h.nz != 2) {
+        std::fprintf(stderr,
+                     "torvel: for real-valued pupil function image expect two z sections\n");
+        status = 1;
+    }
+    if (!(h.dx > 0.0f && h.dy > 0.0f)) {
+        std::fprintf(stderr, "torvel: invalid pixel spacing (%g %g) for pupil function image\n",
+                     h.dx, h.dy);
+        status = 1;
+    }
+    if (h.type != kPupilImageType) {
+        std::fprintf(stderr, "torvel: %s is not a pupil image file\n", name);
+        status = 1;
+    } else if (!(h.na >= 0.0f && h.na <= h.n_imm)) {
+        std::fprintf(stderr,
+                     "torvel: invalid numerical aperture (%g) or immersion media refractive "
+                     "index (%g) for pupil function image\n",
+                     h.na, h.n_imm);
+        status = 1;
+    }
+    return status;
+}
+
+int allocate_work_planes(const input_header& h, fit_run* run) {
+    const std::int64_t pixels = plane_pixels(h);
+    run->amplitude = allocate_floats(h.complex_pixels ? 2 * pixels : pixels);
+    run->phase = allocate_floats(pixels);
+    if (!run->amplitude || !run->phase) return report_insufficient_memory();
+    return 0;
+}
+
+ParametricPupil* setup_parametric_output(const fit_inputs& inputs, std::int32_t lens_id,
+                                         float na, float n_imm) {
+    std::unique_ptr<ParametricPupil, pupil_deleter> pupil(create_parametric_pupil());
+    if (!pupil || !set_parametric_pupil_lens_id(pupil.get(), lens_id) ||
+        !set_parametric_pupil_wavelength_count(pupil.get(), inputs.wavelength_count)) {
+        std::fprintf(stderr, "torvel: insufficient memory\n");
+        return nullptr;
+    }
+    for (int i = 0; i < inputs.wavelength_count; ++i) {
+        if (!set_parametric_pupil_wavelength(pupil.get(), i, inputs.wavelength[i] / 1000.0f)) {
+            std::fprintf(stderr, "torvel: internal error setting output wavelengths\n");
+            return nullptr;
+        }
+    }
+    if (!set_parametric_pupil_na_nimm(pupil.get(), na, n_imm)) {
+        std::fprintf(stderr,
+                     "torvel: invalid combination of numerical aperture, %g, and immersion "
+                     "media refractive index, %g\n",
+                     na, n_imm);
+        return nullptr;
+    }
+    if (!set_parametric_pupil_amplitude_zernike_orders(pupil.get(), inputs.amplitude_n,
+                                                       inputs.amplitude_m)) {
+        std::fprintf(stderr, "torvel: unable to set up Zernike functions for the amplitude\n");
+        return nullptr;
+    }
+    if (!set_parametric_pupil_phase_zernike_orders(pupil.get(), inputs.phase_n,
+                                                   inputs.phase_m)) {
+        std::fprintf(stderr, "torvel: unable to set up Zernike functions for the phase\n");
+        return nullptr;
+    }
+    return pupil.release();
+}
+
+int open_residual_image(const fit_inputs& inputs, fit_run* run) {
+    if (image_open(kResidual, inputs.residual_name, "new") != 0) {
+        std::fprintf(stderr, "torvel: unable to open %s for writing\n", inputs.residual_name);
+        return 1;
+    }
+    image_copy_header(kResidual, kInput);
+    image_set_resolutions(kResidual, 1, 1);
+    image_set_extended_header_size(kResidual, 0, 0, 0);
+    image_set_zwt_sizes(kResidual, 1, inputs.wavelength_count, 1, 0);
+    image_set_wavelengths(kResidual, inputs.wavelength_count, inputs.wavelength);
+    image_set_pixel_mode(kResidual, kComplexFloatMode);
+    run->residual_open = true;
+    return 0;
+}
+
+int fit_wavelength(const fit_inputs& inputs, const input_header& h, int slot, fit_run* run) {
+    const float na_times_1000 = h.na * 1000.0f;
+    const float cutoff = na_times_1000 / inputs.wavelength[slot];
+    if (read_amplitude_and_phase(h, inputs.wavelength_index[slot], run) != 0) return 1;
+
+    std::printf("\nPerforming least squares fit to amplitude...\n");
+    int status = compute_fit(h.x0, h.y0, h.dx, h.dy, cutoff, h.nx, h.ny, run->amplitude.get(),
+                             inputs.amplitude_n, inputs.amplitude_m,
+                             get_parametric_pupil_amplitude_zernike_coeff(run->pupil.get(), slot),
+                             inputs.tolerance);
+    if (status != 0) return status;
+
+    std::printf("\nPerforming least squares fit to phase...\n");
+    phunwrap(h.x0, h.y0, h.dx, h.dy, cutoff, h.nx, h.ny, run->phase.get());
+    status = compute_fit(h.x0, h.y0, h.dx, h.dy, cutoff, h.nx, h.ny, run->phase.get(),
+                         inputs.phase_n, inputs.phase_m,
+                         get_parametric_pupil_phase_zernike_coeff(run->pupil.get(), slot),
+                         inputs.tolerance);
+    if (status != 0) return status;
+
+    if (run->residual_open) return write_residual_section(inputs, h, slot, cutoff, run);
+    return 0;
+}
+
+int write_fit_file(ParametricPupil* pupil, const char* name) {
+    std::int32_t code = 0;
+    if (write_parametric_pupil(pupil, name, &code)) return 0;
+    if (code == 1) {
+        std::fprintf(stderr, "torvel: unable to open %s for writing\n", name);
+    } else if (code == 2) {
+        std::fprintf(stderr, "torvel: an I/O error occurred while writing %s\n", name);
+        std::remove(name);  // never leave a truncated fit behind as if it were whole
+    } else {
+        std::fprintf(stderr, "torvel: an unrecognized error code, %d, occurred while writing %s\n",
+                     code, name);
+    }
+    return 1;
+}
+
+}  // namespace torvel

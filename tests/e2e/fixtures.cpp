@@ -1,0 +1,116 @@
+#include "fixtures.hpp"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <vector>
+
+#include "imageio/imageio.hpp"
+
+namespace fs = std::filesystem;
+
+namespace torvel_e2e {
+namespace {
+
+// A tiny 8 x 8 image whose header values are set one by one; its sections
+// hold zeros, so only the header decides what torvel makes of it.
+struct HeaderSpec {
+    int nx = 8, ny = 8, nz = 2, mode = 2, type = 8000;
+    float p1 = 14.0f, p2 = 151.5f, dx = 0.1f, dy = 0.1f;
+};
+
+void write_header_fixture(const fs::path& path, const HeaderSpec& s) {
+    const float wave = 525.0f;
+    ASSERT_EQ(torvel::image_open(3, path.c_str(), "new"), 0);
+    torvel::image_set_dimensions(3, s.nx, s.ny);
+    torvel::image_set_zwt_sizes(3, s.nz, 1, 1, 0);
+    torvel::image_set_wavelengths(3, 1, &wave);
+    torvel::image_set_type_info(3, s.type, 7, 0, 0, s.p1, s.p2);
+    torvel::image_set_pixel_mode(3, s.mode);
+    torvel::image_set_pixel_spacing(3, s.dx, s.dy, 1.0f);
+    torvel::image_set_origin(3, -0.4f, -0.4f, 0.0f);
+    const std::vector<float> zeros(2 * std::size_t(s.nx) * s.ny, 0.0f);
+    for (int z = 0; z < s.nz; ++z) {
+        torvel::image_seek_section(3, z, 0, 0);
+        torvel::image_write_section(3, zeros.data());
+    }
+    torvel::image_write_header(3, nullptr, -1, 0.0f, 0.0f, 0.0f);
+    torvel::image_close(3);
+}
+
+void run_maker(const fs::path& dir, const std::string& args) {
+    const RunResult r = run_in(dir, TORVEL_SAMPLE_MAKER, args);
+    ASSERT_EQ(r.status, 0) << "make_sample_pupil " << args << ": " << r.err;
+}
+
+void make_fixtures(const fs::path& dir) {
+    run_maker(dir, "complex.mrc -size=64 -mode=4 -noise=0");
+    run_maker(dir, "real.mrc -size=64 -mode=2 -noise=0");
+    run_maker(dir, "small.mrc -size=16 -mode=4 -noise=0");
+    run_maker(dir, "--truth truth.txt");
+    write_header_fixture(dir / "three_sections.mrc", {.nz = 3});
+    write_header_fixture(dir / "complex_two_sections.mrc", {.mode = 4});
+    write_header_fixture(dir / "no_spacing_not_pupil.mrc", {.type = 0, .dx = 0.0f, .dy = 0.0f});
+    write_header_fixture(dir / "aperture_too_large.mrc", {.p1 = 16.0f});
+    write_header_fixture(dir / "zero_aperture.mrc", {.p1 = 0.0f});
+    write_header_fixture(dir / "no_data.mrc", {.nx = 0, .ny = 0, .nz = 0});
+    std::ofstream(dir / "not_an_image.txt") << "just some text, not an image\n";
+}
+
+std::string slurp(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+}  // namespace
+
+// The fixture directory lives as long as the test process and goes with it.
+struct TemporaryDir {
+    fs::path path;
+    TemporaryDir() {
+        std::string pattern = (fs::temp_directory_path() / "torvel-e2e-XXXXXX").string();
+        if (mkdtemp(pattern.data()) == nullptr) std::abort();
+        path = pattern;
+    }
+    ~TemporaryDir() {
+        std::error_code ignored;
+        fs::remove_all(path, ignored);
+    }
+};
+
+const fs::path& fixture_dir() {
+    static const TemporaryDir dir;
+    static const bool made = (make_fixtures(dir.path), true);
+    (void)made;
+    return dir.path;
+}
+
+fs::path fresh_case_dir(const std::string& name) {
+    const fs::path& inputs = fixture_dir();
+    const fs::path dir = inputs / "runs" / name;
+    fs::remove_all(dir);
+    fs::create_directories(dir);
+    for (const auto& entry : fs::directory_iterator(inputs))
+        if (entry.is_regular_file()) fs::create_symlink(entry.path(), dir / entry.path().filename());
+    return dir;
+}
+
+RunResult run_in(const fs::path& dir, const std::string& program, const std::string& args) {
+    const fs::path out = dir.string() + ".stdout", err = dir.string() + ".stderr";
+    const std::string command = "cd '" + dir.string() + "' && '" + program + "' " + args +
+                                " > '" + out.string() + "' 2> '" + err.string() + "' < /dev/null";
+    const int raw = std::system(command.c_str());
+    RunResult r;
+    r.status = (raw != -1 && WIFEXITED(raw)) ? WEXITSTATUS(raw) : -1;
+    r.out = slurp(out);
+    r.err = slurp(err);
+    return r;
+}
+
+}  // namespace torvel_e2e
