@@ -60,8 +60,7 @@ int write_residual_section(const fit_inputs& inputs, const input_header& h, int 
     } else {
         image_set_wavelength_min_max(kResidual, slot, stats[0], stats[1]);
     }
-    image_write_section(kResidual, residual.get());
-    return 0;
+    return image_write_section(kResidual, residual.get()) != 0 ? 1 : 0;
 }
 
 // Reads wavelength w into the work planes: the amplitude into A and the
@@ -71,7 +70,9 @@ int read_amplitude_and_phase(const input_header& h, int w, fit_run* run) {
         std::fprintf(stderr, "torvel: unable to position input at section 0 %d 0\n", w);
         return 1;
     }
-    image_read_section(kInput, run->amplitude.get());
+    // The layer has said why when a read fails; fitting the stale plane
+    // would pass made-up values off as a fit.
+    if (image_read_section(kInput, run->amplitude.get()) != 0) return 1;
     if (h.complex_pixels) {
         separate_amplitude_phase(h.nx * h.ny, run->amplitude.get(), run->phase.get());
         return 0;
@@ -80,8 +81,7 @@ int read_amplitude_and_phase(const input_header& h, int w, fit_run* run) {
     // not stop the run: the read below then takes the next section in turn.
     if (image_seek_section(kInput, 1, w, 0) != 0)
         std::fprintf(stderr, "torvel: unable to position input at section 1 %d 0\n", w);
-    image_read_section(kInput, run->phase.get());
-    return 0;
+    return image_read_section(kInput, run->phase.get()) != 0 ? 1 : 0;
 }
 
 }  // namespace
