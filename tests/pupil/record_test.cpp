@@ -191,12 +191,17 @@ TEST(ParametricPupilRecord, inserts_labels_with_empty_gaps_and_copies_the_text) 
               (std::vector<std::string>{"", "two", "mid", "second", "", "", ""}));
 
     ASSERT_NE(set_parametric_pupil_label_count(p.get(), 2), nullptr);
-    ASSERT_NE(set_parametric_pupil_label_count(p.get(), 17), nullptr);
+    ASSERT_NE(insert_parametric_pupil_label(p.get(), 17, "end"), nullptr);  // past 16
     EXPECT_EQ(p->label_capacity, 24);
+    EXPECT_EQ(get_parametric_pupil_label_count(p.get()), 18);
     EXPECT_EQ(get_parametric_pupil_label(p.get(), 1), std::string("two"));
     EXPECT_EQ(get_parametric_pupil_label(p.get(), 16), std::string(""));
+    EXPECT_EQ(get_parametric_pupil_label(p.get(), 17), std::string("end"));
+    ASSERT_NE(set_parametric_pupil_label_count(p.get(), 25), nullptr);
+    EXPECT_EQ(p->label_capacity, 32);
+    EXPECT_EQ(get_parametric_pupil_label(p.get(), 24), std::string(""));
     EXPECT_EQ(set_parametric_pupil_label_count(p.get(), -1), nullptr);
-    EXPECT_EQ(get_parametric_pupil_label_count(p.get()), 17);
+    EXPECT_EQ(get_parametric_pupil_label_count(p.get()), 25);
 }
 
 TEST(ParametricPupilRecord, grows_wavelengths_in_steps_of_five_and_never_shrinks) {
@@ -249,13 +254,21 @@ TEST(ParametricPupilRecord, inserts_and_deletes_wavelengths_moving_their_arrays)
     EXPECT_EQ(p->wavelength_capacity, 10);
     EXPECT_EQ(insert_parametric_pupil_wavelength(p.get(), -1), nullptr);
 
-    ASSERT_NE(delete_parametric_pupil_wavelength(p.get(), 8), nullptr);
+    ASSERT_NE(insert_parametric_pupil_wavelength(p.get(), 9), nullptr);  // full
+    ASSERT_NE(insert_parametric_pupil_wavelength(p.get(), 2), nullptr);  // new array
+    EXPECT_EQ(p->wavelength_capacity, 15);
+    EXPECT_EQ(get_parametric_pupil_wavelength_count(p.get()), 11);
+    EXPECT_EQ(get_parametric_pupil_amplitude_zernike_coeff(p.get(), 2)[2], 0.0);
+    EXPECT_EQ(get_parametric_pupil_amplitude_zernike_coeff(p.get(), 3)[2], 2.0);
+
+    ASSERT_NE(delete_parametric_pupil_wavelength(p.get(), 10), nullptr);
     ASSERT_NE(delete_parametric_pupil_wavelength(p.get(), 1), nullptr);
-    EXPECT_EQ(delete_parametric_pupil_wavelength(p.get(), 7), nullptr);
-    EXPECT_EQ(get_parametric_pupil_wavelength_count(p.get()), 7);
-    EXPECT_EQ(get_parametric_pupil_amplitude_zernike_coeff(p.get(), 1)[2], 2.0);
-    EXPECT_EQ(get_parametric_pupil_wavelength(p.get(), 2), 0.6f);
-    EXPECT_EQ(p->wavelength_capacity, 10);
+    EXPECT_EQ(delete_parametric_pupil_wavelength(p.get(), 9), nullptr);
+    EXPECT_EQ(get_parametric_pupil_wavelength_count(p.get()), 9);
+    EXPECT_EQ(get_parametric_pupil_wavelength(p.get(), 1), 0.0f);
+    EXPECT_EQ(get_parametric_pupil_amplitude_zernike_coeff(p.get(), 2)[2], 2.0);
+    EXPECT_EQ(get_parametric_pupil_wavelength(p.get(), 3), 0.6f);
+    EXPECT_EQ(p->wavelength_capacity, 15);
 }
 
 }  // namespace
