@@ -131,9 +131,10 @@ void image_set_dimensions(int stream, int nx, int ny) noexcept;
 void image_set_type_info(int stream, int type, int lens, int n1, int n2,
                          float p1, float p2) noexcept;
 
-// Sets the pixel spacing by storing CELLA = spacing * M, chosen so that
-// image_get_pixel_spacing returns the given values exactly. A sampling word M
-// that is not positive first becomes NX (NY, 1 for z), or 1 when that is 0.
+// Sets the pixel spacing by storing CELLA = spacing * M rounded once to float;
+// image_get_pixel_spacing gives the values back exactly whenever the format
+// can hold them (always when M is a power of two). A sampling word M that is
+// not positive first becomes NX (NY, 1 for z), or 1 when that is 0.
 void image_set_pixel_spacing(int stream, float dx, float dy, float dz) noexcept;
 
 // Sets the x, y, z origin.
