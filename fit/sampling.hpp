@@ -1,0 +1,73 @@
+#pragma once
+// Inside fit/ only: the pixel-selection rule and the pixel-to-pupil mapping
+// that fill_rhs, fill_matrix and compute_residual must share exactly, and the
+// assertion that guards buffer sizes. Not installed; other modules use
+// fit/fit.hpp.
+
+#include <cstdint>
+
+namespace torvel::fit_detail {
+
+// The geometry every fitting function takes, in its argument order.
+struct PupilGeometry {
+    float x0, y0, dx, dy, cutoff;
+    int nx, ny;
+};
+
+// A half-open index range [begin, end); empty when begin >= end.
+struct IndexRange {
+    int begin;
+    int end;
+};
+
+// Rows of the disc: ry = cutoff / dy; begin = ceil(y0 - ry), or 0 when
+// y0 - ry < 0; end = ceil(y0 + ry), or ny when y0 + ry > ny.
+IndexRange disc_rows(const PupilGeometry& g);
+
+// Float offset from the centre along one axis: (index - centre) * spacing.
+float axis_offset(int index, float centre, float spacing);
+
+// Columns of the disc in the row whose offset is y: half-width
+// hw = sqrt(cutoff^2 - y^2) / dx (difference in float, root and quotient in
+// double, rounded to float), then bounds as for the rows with x0 and nx.
+// Returns an empty range when hw is not a number.
+IndexRange disc_columns(const PupilGeometry& g, float y);
+
+// Pupil coordinates of a selected pixel at offsets (x, y).
+struct PupilPoint {
+    double rho;
+    double theta;
+};
+
+// rho = sqrt(x^2 + y^2) / cutoff, the sum in float, root and quotient in
+// double; theta = atan2(y, x) when rho > 0, else 0. yy is y * y (shared by a
+// row).
+PupilPoint pupil_point(float x, float y, float yy, float cutoff);
+
+// Calls visit(iy, y, columns) for every row of the disc, in ascending order.
+template <class Visit>
+void for_each_disc_row(const PupilGeometry& g, Visit&& visit) {
+    const IndexRange rows = disc_rows(g);
+    for (int iy = rows.begin; iy < rows.end; ++iy) {
+        const float y = axis_offset(iy, g.y0, g.dy);
+        visit(iy, y, disc_columns(g, y));
+    }
+}
+
+// Number of pixels the disc selects (what fill_rhs would count).
+std::int64_t count_disc_pixels(const PupilGeometry& g);
+
+// Prints a report like the C library's assertion ("torvel: file:line:
+// function: Assertion `expression' failed.") on standard error and aborts.
+[[noreturn]] void assertion_failed(const char* expression, const char* file, int line,
+                                   const char* function);
+
+}  // namespace torvel::fit_detail
+
+// Guards buffer sizes whatever NDEBUG says: a failure means the walk and the
+// buffer disagree, and writing on would corrupt memory. function names the
+// public function in which the check stands (__func__ would name a lambda).
+#define TORVEL_ASSERT(expression, function)                                          \
+    ((expression) ? static_cast<void>(0)                                             \
+                  : ::torvel::fit_detail::assertion_failed(#expression, __FILE__,     \
+                                                           __LINE__, function))

@@ -1,0 +1,38 @@
+// Complex samples split into amplitude and phase, and two complex helpers.
+
+#include <cmath>
+
+#include "fit/fit.hpp"
+
+namespace torvel {
+
+void separate_amplitude_phase(int count, float* samples, float* phase) {
+    // Amplitude i goes to slot i, which samples 2i and 2i + 1 of this or a
+    // later pixel never occupy once it is written: sample i has been read,
+    // and every later sample starts at 2(i + 1) > i.
+    for (int i = 0; i < count; ++i) {
+        const float re = samples[2 * i];
+        const float im = samples[2 * i + 1];
+        const float s = re * re + im * im;
+        // A zero or NaN modulus has no direction; the phase is 0, and atan2
+        // is not asked.
+        if (s == 0.0f || std::isnan(s)) {
+            phase[i] = 0.0f;
+        } else {
+            phase[i] = static_cast<float>(
+                std::atan2(static_cast<double>(im), static_cast<double>(re)));
+        }
+        samples[i] = std::sqrt(s);
+    }
+}
+
+fcomplex cmult(fcomplex a, fcomplex b) {
+    return {a.re * b.re - a.im * b.im, a.re * b.im + a.im * b.re};
+}
+
+fcomplex cdiv(fcomplex a, fcomplex b) {
+    const float d = b.re * b.re + b.im * b.im;
+    return {(a.re * b.re + a.im * b.im) / d, (a.im * b.re - a.re * b.im) / d};
+}
+
+}  // namespace torvel
