@@ -131,18 +131,26 @@ void write_row_direct(const PupilPoint& p, int n, int m, int nrow, std::int64_t 
         [&](int l, double* c, double* s) { ::sincos(static_cast<double>(l) * p.theta, s, c); });
 }
 
-// The same row with the powers of rho, the sines and cosines of l theta and
-// the binomials computed once per pixel instead of once per column; the
-// values are the very same calls' results, so the row is identical.
-void write_row_from_tables(const ZernikeTables& tables, int n, int m, int nrow,
-                           std::int64_t ntot, int irow, double* matrix) {
-    write_row(
-        n, m, nrow, ntot, irow, matrix,
-        [&](int k, int l) { return evaluate_rnm_from_tables(tables, k, l); },
-        [&](int l, double* c, double* s) {
-            *c = tables.cos_sin[2 * l];
-            *s = tables.cos_sin[2 * l + 1];
-        });
+// The same row from basis values computed with the powers of rho, the sines
+// and cosines of l theta and the binomials shared by all columns: the very
+// same calls' results, so the row is identical. basis holds one pixel's
+// values in slot order.
+void write_row_from_basis(const double* basis, int n, int m, int nrow, std::int64_t ntot,
+                          int irow, double* matrix) {
+    std::int64_t offset = irow;
+    int i = 0;
+    for_each_zernike_term(n, m, [&](int, int l) {
+        if (l == 0) {
+            TORVEL_ASSERT(offset < ntot, "fill_matrix");
+            matrix[offset] = basis[i++];
+            offset += nrow;
+            return;
+        }
+        TORVEL_ASSERT(offset < ntot - nrow, "fill_matrix");
+        matrix[offset] = basis[i++];
+        matrix[offset + nrow] = basis[i++];
+        offset += 2 * static_cast<std::int64_t>(nrow);
+    });
 }
 
 }  // namespace
@@ -167,6 +175,7 @@ void fill_matrix(float x0, float y0, float dx, float dy, float cutoff, int nx, i
     const std::int64_t ntot = static_cast<std::int64_t>(nrow) * ncol;
     const ZernikeTableSize size = zernike_table_size(n, m);
     ZernikeTables tables;
+    double basis[zernike_table_max_terms];
     int irow = 0;
     const IndexRange rows = fit_detail::disc_rows(g);
     for (int iy = rows.begin; iy < rows.end; ++iy) {
@@ -178,7 +187,8 @@ void fill_matrix(float x0, float y0, float dx, float dy, float cutoff, int nx, i
             const float x = fit_detail::axis_offset(ix, x0, dx);
             const PupilPoint p = fit_detail::pupil_point(x, y, yy, cutoff);
             if (fill_zernike_tables(p.rho, p.theta, size, &tables)) {
-                write_row_from_tables(tables, n, m, nrow, ntot, irow, matrix);
+                evaluate_zernike_basis(tables, n, m, basis);
+                write_row_from_basis(basis, n, m, nrow, ntot, irow, matrix);
             } else {
                 write_row_direct(p, n, m, nrow, ntot, irow, matrix);
             }

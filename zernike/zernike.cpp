@@ -199,6 +199,20 @@ bool fill_zernike_tables(double rho, double theta, ZernikeTableSize size,
     return true;
 }
 
+void evaluate_zernike_basis(const ZernikeTables& tables, int n, int m, double* values) {
+    const TableBinomial binomial{&binomial_table()};
+    int i = 0;
+    for_each_zernike_term(n, m, [&](int k, int l) {
+        const double r = radial_polynomial(k, l, ArrayPower{tables.powers}, binomial);
+        if (l == 0) {
+            values[i++] = r;
+            return;
+        }
+        values[i++] = r * tables.cos_sin[2 * l];
+        values[i++] = r * tables.cos_sin[2 * l + 1];
+    });
+}
+
 double evaluate_zernike_series_from_tables(const ZernikeTables& tables, int n, int m,
                                            const double* coeffs) {
     const TableBinomial binomial{&binomial_table()};

@@ -109,6 +109,16 @@ bool fill_zernike_tables(double rho, double theta, ZernikeTableSize size,
 // process, so no binomial loop runs per point.
 double evaluate_rnm_from_tables(const ZernikeTables& tables, int n, int m);
 
+// Most terms a set within the tables' order can hold.
+inline constexpr int zernike_table_max_terms =
+    (zernike_table_max_order * (zernike_table_max_order + 1)) / 2 + zernike_table_max_order + 1;
+
+// Writes the zernike_term_count(n, m) basis values of the valid set (n, m)
+// at the point of tables (filled for at least zernike_table_size(n, m)) to
+// values, in slot order: R_k^0, or R_k^l cos(l theta) then R_k^l sin(l theta),
+// each product formed from R_k^l as evaluate_rnm gives it.
+void evaluate_zernike_basis(const ZernikeTables& tables, int n, int m, double* values);
+
 // evaluate_zernike_series at the point of tables, which must be filled for at
 // least zernike_table_size(n, m).
 double evaluate_zernike_series_from_tables(const ZernikeTables& tables, int n,
