@@ -5,6 +5,8 @@
 
 #include "pupil/pupil.hpp"
 
+#include "zernike/zernike.hpp"
+
 #include <cstring>
 #include <new>
 
@@ -26,20 +28,23 @@ constexpr std::int32_t kErrorSyntax = 12;
 constexpr std::int32_t kErrorValue = 13;
 constexpr std::int32_t kErrorMemory = 20;
 
-// Index of the first slot of Zernike radial order n.
-std::int64_t zernike_order_start(std::int32_t n) {
-    return std::int64_t(n) * (std::int64_t(n) + 1) / 2;
-}
-
 bool is_valid_zernike_set(std::int32_t n, std::int32_t m) {
     return m >= 0 && m <= n && (n - m) % 2 == 0;
 }
 
 // A Zernike term lies inside a set of `count` terms exactly when its last
-// slot does, since the terms of a set fill slots 0 .. count-1 in order.
+// slot does, since the terms of a set fill slots 0 .. count-1 in order. The
+// order bound keeps the term arithmetic within int.
 bool zernike_term_inside(std::int32_t n, std::int32_t m, std::int32_t count) {
-    return n >= 0 && is_valid_zernike_set(n, m) &&
-           zernike_order_start(n) + m < count;
+    return n >= 0 && n <= kMaxZernikeOrder && is_valid_zernike_set(n, m) &&
+           zernike_term_count(n, m) <= count;
+}
+
+// Lowest radial order whose full set holds at least count terms.
+std::int32_t zernike_top_order(std::int32_t count) {
+    std::int32_t n = 0;
+    while (n < kMaxZernikeOrder && zernike_term_count(n, n) < count) ++n;
+    return n;
 }
 
 void set_if(std::int32_t* out, std::int32_t value) {
@@ -464,23 +469,19 @@ void write_zernike_coeff(std::FILE* stream, const double* coeff,
                          const char* name) {
     if (count < 1) return;
     std::fprintf(stream, "#%s_%d\n", name, wavelength_index);
-    // Walk the terms in slot order; only whole terms inside count are
-    // written, so a count that ends inside a term never reads past it.
-    std::int32_t n = 0, m = 0;
-    while (zernike_term_inside(n, m, count)) {
-        const std::int64_t start = zernike_order_start(n);
+    // Every term of the full set up to the top order, in slot order; only
+    // whole terms inside count are written, so a count that ends inside a
+    // term never reads past it.
+    const std::int32_t top = zernike_top_order(count);
+    for_each_zernike_term(top, top, [&](int n, int m) {
+        if (!zernike_term_inside(n, m, count)) return;
+        const int slot = zernike_term_index(n, m);
         if (m == 0)
-            std::fprintf(stream, "%3d %3d %g\n", n, m, coeff[start]);
+            std::fprintf(stream, "%3d %3d %g\n", n, m, coeff[slot]);
         else
-            std::fprintf(stream, "%3d %3d %g %g\n", n, m, coeff[start + m - 1],
-                         coeff[start + m]);
-        if (m < n) {
-            m += 2;
-        } else {
-            ++n;
-            m = n % 2;
-        }
-    }
+            std::fprintf(stream, "%3d %3d %g %g\n", n, m, coeff[slot],
+                         coeff[slot + 1]);
+    });
 }
 
 void write_polarf_coeff(std::FILE* stream, const double* coeff, std::int32_t a,
@@ -552,13 +553,12 @@ int read_zernike_coeff(std::FILE* stream, std::int32_t count, double* coeff,
             return 1;
         if (!zernike_term_inside(n, m, count))
             return reject_term(error_code, column);
-        const std::int64_t start = zernike_order_start(n);
+        const int slot = zernike_term_index(n, m);
+        coeff[slot] = head.value;
         if (m == 0) {
-            coeff[start] = head.value;
             counted += 1;
         } else {
-            coeff[start + m - 1] = head.value;
-            coeff[start + m] = sine;
+            coeff[slot + 1] = sine;
             counted += 2;
         }
     }

@@ -5,6 +5,8 @@
 
 #include "pupil/pupil.hpp"
 
+#include "zernike/zernike.hpp"
+
 #include <algorithm>
 #include <cstring>
 #include <new>
@@ -21,13 +23,6 @@ constexpr std::int32_t kLabelCapacityStep = 8;
 constexpr std::int64_t kMaxCount = INT32_MAX;
 
 constexpr double kInverseSqrt2 = 0.7071067811865475;
-
-// Term count of a Zernike set; n must already be known to lie in
-// [-1, kMaxZernikeOrder] so that the count fits in 32 bits.
-std::int32_t zernike_count(std::int32_t n, std::int32_t m) {
-    if (n < 0) return 0;
-    return n * (n + 1) / 2 + m + 1;
-}
 
 bool is_valid_zernike_set(std::int32_t n, std::int32_t m) {
     return n >= 0 && n <= kMaxZernikeOrder && m >= 0 && m <= n &&
@@ -242,7 +237,7 @@ ParametricPupil* set_zernike_orders(ParametricPupil* pupil, Series series,
                                     std::int32_t old_count) {
     if (pupil == nullptr) return nullptr;
     if (n >= 0 && !is_valid_zernike_set(n, m)) return nullptr;
-    return change_orders(pupil, series, n, m, old_count, zernike_count(n, m));
+    return change_orders(pupil, series, n, m, old_count, zernike_term_count(n, m));
 }
 
 ParametricPupil* set_polarf_orders(ParametricPupil* pupil, Series series,
@@ -556,13 +551,14 @@ void get_parametric_pupil_phase_polarf_orders(const ParametricPupil* pupil,
 std::int32_t get_parametric_pupil_amplitude_zernike_count(
     const ParametricPupil* pupil) {
     if (pupil == nullptr) return 0;
-    return zernike_count(pupil->amplitude_zernike_n, pupil->amplitude_zernike_m);
+    return zernike_term_count(pupil->amplitude_zernike_n,
+                              pupil->amplitude_zernike_m);
 }
 
 std::int32_t get_parametric_pupil_phase_zernike_count(
     const ParametricPupil* pupil) {
     if (pupil == nullptr) return 0;
-    return zernike_count(pupil->phase_zernike_n, pupil->phase_zernike_m);
+    return zernike_term_count(pupil->phase_zernike_n, pupil->phase_zernike_m);
 }
 
 std::int32_t get_parametric_pupil_amplitude_polarf_count(
