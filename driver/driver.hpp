@@ -96,6 +96,11 @@ int open_input_image(const char* name, fit_run* run, input_header* header);
 // check in their fixed order. Returns 0 when all pass, else 1.
 int check_input_header(const char* name, const input_header& header);
 
+// Refuses a fit file or residual image name that names the input image or
+// each other: writing it would destroy data that the run still reads or has
+// just written. Returns 0, or 1 after one message.
+int check_output_names(const fit_inputs& inputs);
+
 // Allocates the amplitude (or complex) and phase planes. Returns 0, or 1
 // after "insufficient memory".
 int allocate_work_planes(const input_header& header, fit_run* run);

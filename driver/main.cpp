@@ -23,6 +23,7 @@ int main(int argc, char** argv) {
     input_header header;
     if (open_input_image(inputs.input_name, &run, &header) != 0) return 1;
     if (check_input_header(inputs.input_name, header) != 0) return 1;
+    if (check_output_names(inputs) != 0) return 1;
     if (allocate_work_planes(header, &run) != 0) return 1;
     run.pupil.reset(setup_parametric_output(inputs, header.lens_id, header.na, header.n_imm));
     if (!run.pupil) return 1;

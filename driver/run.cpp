@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <limits>
 #include <new>
 
@@ -152,6 +153,26 @@ int check_input_header(const char* name, const input_header& h) {
         status = 1;
     }
     return status;
+}
+
+int check_output_names(const fit_inputs& inputs) {
+    auto same_file = [](const char* a, const char* b) {
+        std::error_code ignored;  // a file that does not exist yet is no one else's
+        return a != nullptr && b != nullptr && std::filesystem::equivalent(a, b, ignored);
+    };
+    const char* clash = nullptr;
+    if (same_file(inputs.output_name, inputs.input_name)) clash = inputs.output_name;
+    else if (same_file(inputs.residual_name, inputs.input_name)) clash = inputs.residual_name;
+    if (clash != nullptr) {
+        std::fprintf(stderr, "torvel: %s is the input image; it is not overwritten\n", clash);
+        return 1;
+    }
+    if (same_file(inputs.residual_name, inputs.output_name)) {
+        std::fprintf(stderr, "torvel: %s cannot be both the fit file and the residual image\n",
+                     inputs.output_name);
+        return 1;
+    }
+    return 0;
 }
 
 int allocate_work_planes(const input_header& h, fit_run* run) {
