@@ -31,8 +31,8 @@ namespace {
 
 constexpr double kPi = 3.141592653589793;
 
-// dgelsd needs fewer than 104 integers per unknown for any size this program
-// can allocate (3 * nlvl + 11 with nlvl below 31).
+// dgelsd asks for 3 * nlvl + 11 integers per unknown, nlvl being the depth
+// of its divide-and-conquer tree, below 28 for any int size: 104 is ample.
 constexpr int kIntegerWorkPerUnknown = 104;
 
 // Upper estimate of the pixels in the disc: its area enlarged by one pixel
@@ -60,8 +60,9 @@ std::unique_ptr<T[]> allocate(std::int64_t count) {
 }
 
 // Reports dgelsd's INFO. The messages are paired with the signs the other
-// way round from LAPACK's own convention; users and scripts know these texts
-// by the pairing they have always had, so it stays.
+// way round from LAPACK's own convention (negative: illegal argument,
+// positive: no convergence); the program has always reported them this way
+// and keeps doing so.
 int report_info(int info) {
     if (info > 0) {
         std::fprintf(stderr, "torvel: internal error: invalid input to dgelsd\n");

@@ -1,12 +1,13 @@
 #pragma once
-// Shared by the fit tests: a pupil geometry and the pixels and pupil
-// coordinates it selects.
+// Shared by the fit tests: a pupil geometry, the pixels it selects, their
+// pupil coordinates and planes made from a Zernike series.
 
 #include <cmath>
 #include <cstddef>
 #include <vector>
 
 #include "fit/fit.hpp"
+#include "zernike/zernike.hpp"
 
 namespace torvel {
 
@@ -31,6 +32,19 @@ inline void pupil_coordinates(const Geometry& g, int pixel, double* rho, double*
     const float y = (static_cast<float>(pixel / g.nx) - g.y0) * g.dy;
     *rho = std::sqrt(static_cast<double>(x * x + y * y)) / static_cast<double>(g.cutoff);
     *theta = *rho > 0.0 ? std::atan2(static_cast<double>(y), static_cast<double>(x)) : 0.0;
+}
+
+// A plane holding the series (n, m, c) rounded to float on the selected
+// pixels and `outside` everywhere else.
+inline std::vector<float> series_plane(const Geometry& g, int n, int m,
+                                       const std::vector<double>& c, float outside) {
+    std::vector<float> plane(static_cast<std::size_t>(g.nx) * g.ny, outside);
+    for (int pixel : selected_pixels(g)) {
+        double rho = 0.0, theta = 0.0;
+        pupil_coordinates(g, pixel, &rho, &theta);
+        plane[pixel] = static_cast<float>(evaluate_zernike_series(rho, theta, n, m, c.data()));
+    }
+    return plane;
 }
 
 }  // namespace torvel
