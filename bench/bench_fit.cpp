@@ -31,8 +31,15 @@ struct Plane {
     int nrow;
 
     explicit Plane(int n)
-        : size(n), x0(n / 2.0f), y0(n / 2.0f), dx(2.0f / n), dy(2.0f / n), cutoff(1.0f),
-          amplitude(static_cast<std::size_t>(n) * n), phase(amplitude.size()), nrow(0) {
+        : size(n),
+          x0(n / 2.0f),
+          y0(n / 2.0f),
+          dx(2.0f / n),
+          dy(2.0f / n),
+          cutoff(1.0f),
+          amplitude(static_cast<std::size_t>(n) * n),
+          phase(amplitude.size()),
+          nrow(0) {
         for (int iy = 0; iy < n; ++iy) {
             for (int ix = 0; ix < n; ++ix) {
                 const double x = (ix - x0) * dx;
@@ -72,8 +79,8 @@ const System& system_for(const Plane& p, int n, int m) {
         s.rhs.resize(p.nrow);
         s.matrix.resize(static_cast<std::size_t>(s.ncol) * p.nrow);
         int nrow = 0;
-        fill_rhs(p.x0, p.y0, p.dx, p.dy, p.cutoff, p.size, p.size, p.amplitude.data(),
-                 s.rhs.data(), &nrow);
+        fill_rhs(p.x0, p.y0, p.dx, p.dy, p.cutoff, p.size, p.size, p.amplitude.data(), s.rhs.data(),
+                 &nrow);
         fill_matrix(p.x0, p.y0, p.dx, p.dy, p.cutoff, p.size, p.size, s.ncol, nrow, n, m,
                     s.matrix.data());
     }
@@ -83,7 +90,7 @@ const System& system_for(const Plane& p, int n, int m) {
 // Sends standard output to /dev/null for its lifetime (the fit prints its
 // progress lines there), flushing before each switch.
 class QuietStdout {
-public:
+  public:
     QuietStdout() : saved_(dup(STDOUT_FILENO)) {
         std::fflush(stdout);
         std::FILE* null = std::fopen("/dev/null", "w");
@@ -98,7 +105,7 @@ public:
     QuietStdout(const QuietStdout&) = delete;
     QuietStdout& operator=(const QuietStdout&) = delete;
 
-private:
+  private:
     int saved_;
 };
 
@@ -116,8 +123,8 @@ void BM_FillSystem(benchmark::State& state) {
     std::vector<double> matrix(static_cast<std::size_t>(ncol) * p.nrow);
     for (auto _ : state) {
         int nrow = 0;
-        fill_rhs(p.x0, p.y0, p.dx, p.dy, p.cutoff, p.size, p.size, p.amplitude.data(),
-                 rhs.data(), &nrow);
+        fill_rhs(p.x0, p.y0, p.dx, p.dy, p.cutoff, p.size, p.size, p.amplitude.data(), rhs.data(),
+                 &nrow);
         fill_matrix(p.x0, p.y0, p.dx, p.dy, p.cutoff, p.size, p.size, ncol, nrow, n, m,
                     matrix.data());
         benchmark::DoNotOptimize(matrix.data());
@@ -140,7 +147,8 @@ void BM_Dgelsd(benchmark::State& state) {
         state.ResumeTiming();
         int rank = 0;
         int info = 0;
-        if (solve_least_squares(p.nrow, s.ncol, matrix.data(), rhs.data(), 1e-4, &rank, &info) != 0 ||
+        if (solve_least_squares(p.nrow, s.ncol, matrix.data(), rhs.data(), 1e-4, &rank, &info) !=
+                0 ||
             info != 0) {
             state.SkipWithError("dgelsd failed");
             break;
@@ -157,8 +165,8 @@ void BM_ComputeFit(benchmark::State& state) {
     std::vector<double> coeff(zernike_term_count(n, m));
     for (auto _ : state) {
         QuietStdout quiet;
-        if (compute_fit(p.x0, p.y0, p.dx, p.dy, p.cutoff, p.size, p.size, p.amplitude.data(), n,
-                        m, coeff.data(), 1e-4f) != 0) {
+        if (compute_fit(p.x0, p.y0, p.dx, p.dy, p.cutoff, p.size, p.size, p.amplitude.data(), n, m,
+                        coeff.data(), 1e-4f) != 0) {
             state.SkipWithError("compute_fit failed");
             break;
         }
@@ -206,7 +214,7 @@ BENCHMARK(BM_ComputeResidual)->Apply(sizes_and_sets);
 // Console output as usual, plus the time of every run kept by name, so that
 // the ratios can be printed once everything has run.
 class RatioReporter : public benchmark::ConsoleReporter {
-public:
+  public:
     void ReportRuns(const std::vector<Run>& runs) override {
         for (const Run& run : runs) {
             if (!run.error_occurred && run.run_type == Run::RT_Iteration) {
@@ -235,7 +243,7 @@ public:
         }
     }
 
-private:
+  private:
     std::map<std::string, double> seconds_;
 };
 

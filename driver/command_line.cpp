@@ -69,8 +69,7 @@ struct FileWavelengths {
 // program's words. An input that cannot be opened yields one wavelength of
 // 0 nm, which the final wavelength check then rejects: the parse goes on so
 // that every other problem of the command line is reported in the same run.
-FileWavelengths probe_input_wavelengths(const char* input_name)
-{
+FileWavelengths probe_input_wavelengths(const char* input_name) {
     FileWavelengths list = {1, {0, 0, 0, 0, 0}};
     image_set_message_printing(0);
     if (image_open(kInputStream, input_name, "ro") == 0) {
@@ -80,8 +79,7 @@ FileWavelengths probe_input_wavelengths(const char* input_name)
         float dmin = 0;
         float dmax = 0;
         float dmean = 0;
-        image_read_header(kInputStream, dims, second, &mode, &dmin, &dmax,
-                          &dmean);
+        image_read_header(kInputStream, dims, second, &mode, &dmin, &dmax, &dmean);
         list.count = 0;
         image_get_wavelengths(kInputStream, &list.count, list.nm);
         image_close(kInputStream);
@@ -92,16 +90,14 @@ FileWavelengths probe_input_wavelengths(const char* input_name)
             list.count = kMaxSelectedWavelengths;
         }
     } else {
-        std::fprintf(stderr, "torvel: unable to open %s for reading\n",
-                     input_name);
+        std::fprintf(stderr, "torvel: unable to open %s for reading\n", input_name);
     }
     image_set_message_printing(1);
     return list;
 }
 
 // Selects every wavelength of the list in file order.
-void select_all_wavelengths(const FileWavelengths& list, fit_inputs* inputs)
-{
+void select_all_wavelengths(const FileWavelengths& list, fit_inputs* inputs) {
     for (int k = 0; k < list.count; ++k) {
         inputs->wavelength_index[k] = k;
         inputs->wavelength[k] = list.nm[k];
@@ -110,35 +106,33 @@ void select_all_wavelengths(const FileWavelengths& list, fit_inputs* inputs)
     inputs->wavelength_count = list.count;
 }
 
-bool starts_with(const char* text, const char* prefix)
-{
+bool starts_with(const char* text, const char* prefix) {
     return std::strncmp(text, prefix, std::strlen(prefix)) == 0;
 }
 
 // The option text that arg begins with, or null. The second character picks
 // the only option that can match, so "-wave=1" is not taken for "-w=".
-const char* recognised_option(const char* arg)
-{
+const char* recognised_option(const char* arg) {
     if (arg[0] != '-') {
         return nullptr;
     }
     const char* candidates[2] = {nullptr, nullptr};
     switch (arg[1]) {
-    case 'r':
-        candidates[0] = kResidualOption;
-        break;
-    case 't':
-        candidates[0] = kToleranceOption;
-        break;
-    case 'w':
-        candidates[0] = kWaveOption;
-        break;
-    case 'z':
-        candidates[0] = kAmplitudeOption;
-        candidates[1] = kPhaseOption;
-        break;
-    default:
-        break;
+        case 'r':
+            candidates[0] = kResidualOption;
+            break;
+        case 't':
+            candidates[0] = kToleranceOption;
+            break;
+        case 'w':
+            candidates[0] = kWaveOption;
+            break;
+        case 'z':
+            candidates[0] = kAmplitudeOption;
+            candidates[1] = kPhaseOption;
+            break;
+        default:
+            break;
     }
     for (const char* option : candidates) {
         if (option != nullptr && starts_with(arg, option)) {
@@ -148,8 +142,7 @@ const char* recognised_option(const char* arg)
     return nullptr;
 }
 
-int parse_tolerance(const char* value, fit_inputs* inputs)
-{
+int parse_tolerance(const char* value, fit_inputs* inputs) {
     float tolerance = 0;
     if (extract_switch_floats(value, 1, &tolerance) != 1) {
         std::fprintf(stderr, "torvel: -tol= expects one value\n");
@@ -159,12 +152,9 @@ int parse_tolerance(const char* value, fit_inputs* inputs)
     return 0;
 }
 
-int parse_wavelength_selection(const char* value, const FileWavelengths& list,
-                               fit_inputs* inputs)
-{
+int parse_wavelength_selection(const char* value, const FileWavelengths& list, fit_inputs* inputs) {
     if (handle_wave_switch(kProgram, kWaveOption, value, list.nm, list.count,
-                           kMaxSelectedWavelengths,
-                           inputs->wavelength_index) != 0) {
+                           kMaxSelectedWavelengths, inputs->wavelength_index) != 0) {
         return 1;
     }
     int count = 0;
@@ -179,13 +169,11 @@ int parse_wavelength_selection(const char* value, const FileWavelengths& list,
 // Reads n or n:m into *n, *m. A negative n turns the fit off, whatever m.
 // n is kept even when m is rejected; the run fails anyway. Both options
 // report a wrong number of values with the amplitude option's wording.
-int parse_zernike_set(const char* option, const char* value, int* n, int* m)
-{
+int parse_zernike_set(const char* option, const char* value, int* n, int* m) {
     int values[2] = {0, 0};
     const int count = extract_switch_ints(value, 2, values);
     if (count != 1 && count != 2) {
-        std::fprintf(stderr,
-                     "torvel: -zernike_amp= expects one or two integers\n");
+        std::fprintf(stderr, "torvel: -zernike_amp= expects one or two integers\n");
         return 1;
     }
     if (values[0] < 0) {
@@ -198,8 +186,7 @@ int parse_zernike_set(const char* option, const char* value, int* n, int* m)
         *m = values[0];
         return 0;
     }
-    if (values[1] < 0 || values[1] > values[0] ||
-        (values[0] - values[1]) % 2 != 0) {
+    if (values[1] < 0 || values[1] > values[0] || (values[0] - values[1]) % 2 != 0) {
         std::fprintf(stderr,
                      "torvel: for %sn:m, if n is not negative, then m must "
                      "satisfy 0 <= m <= n and n - m is even.\n",
@@ -211,9 +198,7 @@ int parse_zernike_set(const char* option, const char* value, int* n, int* m)
 }
 
 // Applies one option argument; returns 1 after its message if it is wrong.
-int parse_option(const char* arg, const FileWavelengths& list,
-                 fit_inputs* inputs)
-{
+int parse_option(const char* arg, const FileWavelengths& list, fit_inputs* inputs) {
     const char* option = recognised_option(arg);
     if (option == nullptr) {
         std::fprintf(stderr, "torvel: unrecognized option %s\n", arg);
@@ -231,16 +216,14 @@ int parse_option(const char* arg, const FileWavelengths& list,
         return parse_wavelength_selection(value, list, inputs);
     }
     if (option == kAmplitudeOption) {
-        return parse_zernike_set(option, value, &inputs->amplitude_n,
-                                 &inputs->amplitude_m);
+        return parse_zernike_set(option, value, &inputs->amplitude_n, &inputs->amplitude_m);
     }
     return parse_zernike_set(option, value, &inputs->phase_n, &inputs->phase_m);
 }
 
 // Every selected wavelength must be positive; the negated test lets a NaN
 // fail as well.
-int check_selected_wavelengths(const fit_inputs& inputs)
-{
+int check_selected_wavelengths(const fit_inputs& inputs) {
     int error = 0;
     for (int k = 0; k < inputs.wavelength_count; ++k) {
         if (!(inputs.wavelength[k] > 0)) {
@@ -256,15 +239,13 @@ int check_selected_wavelengths(const fit_inputs& inputs)
 
 }  // namespace
 
-void print_usage(std::FILE* stream)
-{
+void print_usage(std::FILE* stream) {
     for (const char* line : kUsageLines) {
         std::fprintf(stream, "%s\n", line);
     }
 }
 
-int parse_command_line(int argc, char** argv, fit_inputs* inputs)
-{
+int parse_command_line(int argc, char** argv, fit_inputs* inputs) {
     if (argc < 3) {
         print_usage(stderr);
         return 1;
@@ -281,26 +262,21 @@ int parse_command_line(int argc, char** argv, fit_inputs* inputs)
     return error;
 }
 
-void print_input_summary(const fit_inputs& inputs)
-{
+void print_input_summary(const fit_inputs& inputs) {
     std::printf("torvel: pupil function fit Velquist version 1\n");
     std::printf("pupil function image file name  %s\n", inputs.input_name);
     std::printf("output fit file name            %s\n", inputs.output_name);
     std::printf("residual file name              %s\n",
-                inputs.residual_name != nullptr ? inputs.residual_name
-                                                : "not generated");
+                inputs.residual_name != nullptr ? inputs.residual_name : "not generated");
     std::printf("wavelengths                    ");
     for (int k = 0; k < inputs.wavelength_count; ++k) {
         std::printf(" %.0f (%d)", static_cast<double>(inputs.wavelength[k]),
                     inputs.wavelength_index[k]);
     }
     std::printf("\n");
-    std::printf("tolerance                       %g\n",
-                static_cast<double>(inputs.tolerance));
-    std::printf("Zernike terms for amp.          %d %d\n", inputs.amplitude_n,
-                inputs.amplitude_m);
-    std::printf("Zernike terms for phase         %d %d\n", inputs.phase_n,
-                inputs.phase_m);
+    std::printf("tolerance                       %g\n", static_cast<double>(inputs.tolerance));
+    std::printf("Zernike terms for amp.          %d %d\n", inputs.amplitude_n, inputs.amplitude_m);
+    std::printf("Zernike terms for phase         %d %d\n", inputs.phase_n, inputs.phase_m);
 }
 
 }  // namespace torvel

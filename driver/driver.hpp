@@ -31,8 +31,7 @@ struct fit_inputs {
 // The defaults that main copies before parsing. The tolerance is the float
 // nearest 0.0001, bit pattern 0x38D1B717.
 inline constexpr fit_inputs kDefaultFitInputs = {
-    nullptr, nullptr, nullptr, {-1, 0, 0, 0, 0, 0}, {0, 0, 0, 0, 0},
-    0.0001f, 0, 8, 0, 8, 0};
+    nullptr, nullptr, nullptr, {-1, 0, 0, 0, 0, 0}, {0, 0, 0, 0, 0}, 0.0001f, 0, 8, 0, 8, 0};
 
 // Writes the 36-line usage text to stream.
 void print_usage(std::FILE* stream);
@@ -48,8 +47,7 @@ void print_input_summary(const fit_inputs& inputs);
 // Builds the empty fit record: lens id, wavelengths in micrometres, aperture
 // and immersion index, the two Zernike sets. Returns the new record (owned by
 // the caller), or null after printing one message.
-ParametricPupil* setup_parametric_output(const fit_inputs& inputs,
-                                         std::int32_t lens_id, float na,
+ParametricPupil* setup_parametric_output(const fit_inputs& inputs, std::int32_t lens_id, float na,
                                          float n_imm);
 
 // Header values of the input image that the run uses, and what follows from
@@ -78,8 +76,8 @@ struct fit_run {
     bool input_open = false;
     bool residual_open = false;
     float residual_stats[3] = {0.0f, 0.0f, 0.0f};  // min, max, mean of slot 0
-    std::unique_ptr<float[]> amplitude;  // A: the whole section as read
-    std::unique_ptr<float[]> phase;      // B
+    std::unique_ptr<float[]> amplitude;            // A: the whole section as read
+    std::unique_ptr<float[]> phase;                // B
     std::unique_ptr<ParametricPupil, pupil_deleter> pupil;
 
     fit_run() = default;
@@ -113,8 +111,7 @@ int open_residual_image(const fit_inputs& inputs, fit_run* run);
 // Reads, fits (amplitude, then unwrapped phase) and, when a residual image
 // is open, writes the residuals of selected wavelength slot. Returns 0, or
 // the failing step's status after its message.
-int fit_wavelength(const fit_inputs& inputs, const input_header& header,
-                   int slot, fit_run* run);
+int fit_wavelength(const fit_inputs& inputs, const input_header& header, int slot, fit_run* run);
 
 // Writes the fit record to name. Returns 0, or 1 after a message naming the
 // failure; a file left half written is removed.

@@ -20,7 +20,9 @@ constexpr int kResidual = 2;
 constexpr int kPupilImageType = 8000;
 constexpr int kComplexFloatMode = 4;
 
-bool is_complex_mode(int mode) { return mode == 3 || mode == 4; }
+bool is_complex_mode(int mode) {
+    return mode == 3 || mode == 4;
+}
 
 // Floats in one plane of the image; the fitting code indexes pixels with int,
 // so a plane must stay countable in one.
@@ -41,8 +43,8 @@ int report_insufficient_memory() {
 // The residual of one slot: computed into a plane of its own, written at
 // output section (0, slot, 0). Slot 0's statistics become the image-wide ones
 // of the final header; later slots record theirs per wavelength.
-int write_residual_section(const fit_inputs& inputs, const input_header& h, int slot,
-                           float cutoff, fit_run* run) {
+int write_residual_section(const fit_inputs& inputs, const input_header& h, int slot, float cutoff,
+                           fit_run* run) {
     if (image_seek_section(kResidual, 0, slot, 0) != 0) {
         std::fprintf(stderr, "torvel: unable to position at output section 0 %d 0\n", slot);
         return 1;
@@ -161,8 +163,10 @@ int check_output_names(const fit_inputs& inputs) {
         return a != nullptr && b != nullptr && std::filesystem::equivalent(a, b, ignored);
     };
     const char* clash = nullptr;
-    if (same_file(inputs.output_name, inputs.input_name)) clash = inputs.output_name;
-    else if (same_file(inputs.residual_name, inputs.input_name)) clash = inputs.residual_name;
+    if (same_file(inputs.output_name, inputs.input_name))
+        clash = inputs.output_name;
+    else if (same_file(inputs.residual_name, inputs.input_name))
+        clash = inputs.residual_name;
     if (clash != nullptr) {
         std::fprintf(stderr, "torvel: %s is the input image; it is not overwritten\n", clash);
         return 1;
@@ -183,8 +187,8 @@ int allocate_work_planes(const input_header& h, fit_run* run) {
     return 0;
 }
 
-ParametricPupil* setup_parametric_output(const fit_inputs& inputs, std::int32_t lens_id,
-                                         float na, float n_imm) {
+ParametricPupil* setup_parametric_output(const fit_inputs& inputs, std::int32_t lens_id, float na,
+                                         float n_imm) {
     std::unique_ptr<ParametricPupil, pupil_deleter> pupil(create_parametric_pupil());
     if (!pupil || !set_parametric_pupil_lens_id(pupil.get(), lens_id) ||
         !set_parametric_pupil_wavelength_count(pupil.get(), inputs.wavelength_count)) {
@@ -209,8 +213,7 @@ ParametricPupil* setup_parametric_output(const fit_inputs& inputs, std::int32_t 
         std::fprintf(stderr, "torvel: unable to set up Zernike functions for the amplitude\n");
         return nullptr;
     }
-    if (!set_parametric_pupil_phase_zernike_orders(pupil.get(), inputs.phase_n,
-                                                   inputs.phase_m)) {
+    if (!set_parametric_pupil_phase_zernike_orders(pupil.get(), inputs.phase_n, inputs.phase_m)) {
         std::fprintf(stderr, "torvel: unable to set up Zernike functions for the phase\n");
         return nullptr;
     }

@@ -39,8 +39,8 @@ void fill_rhs(float x0, float y0, float dx, float dy, float cutoff, int nx, int 
 // the same geometry and ncol = zernike_term_count(n, m). Aborts with an
 // assertion report ("irow < nrow", "offset < ntot", "offset < ntot - nrow")
 // if the walk would write outside the matrix.
-void fill_matrix(float x0, float y0, float dx, float dy, float cutoff, int nx, int ny,
-                 int ncol, int nrow, int n, int m, double* matrix);
+void fill_matrix(float x0, float y0, float dx, float dy, float cutoff, int nx, int ny, int ncol,
+                 int nrow, int n, int m, double* matrix);
 
 // Fits the set (n, m) to section by least squares (dgelsd, singular values
 // at or below tol times the largest treated as zero) and writes the
@@ -60,8 +60,8 @@ int compute_fit(float x0, float y0, float dx, float dy, float cutoff, int nx, in
 // values at or below rcond times the largest count as zero. Returns 0 with
 // *info and *rank as dgelsd left them, or 1 when a work array could not be
 // allocated (*info and *rank then untouched).
-int solve_least_squares(int nrow, int ncol, double* matrix, double* rhs, double rcond,
-                        int* rank, int* info);
+int solve_least_squares(int nrow, int ncol, double* matrix, double* rhs, double rcond, int* rank,
+                        int* info);
 
 // Writes the complex residual, measured pupil minus fitted pupil, of every
 // pixel into residual (2 * nx * ny floats, (real, imaginary) pairs in scan

@@ -20,10 +20,9 @@
 // precision); rank gets the count kept. lwork = -1 asks only for the optimal
 // work size, returned in work[0]. info: 0 success, < 0 an illegal argument,
 // > 0 no convergence.
-extern "C" void dgelsd_(const int* m, const int* n, const int* nrhs, double* a,
-                        const int* lda, double* b, const int* ldb, double* s,
-                        const double* rcond, int* rank, double* work, const int* lwork,
-                        int* iwork, int* info);
+extern "C" void dgelsd_(const int* m, const int* n, const int* nrhs, double* a, const int* lda,
+                        double* b, const int* ldb, double* s, const double* rcond, int* rank,
+                        double* work, const int* lwork, int* iwork, int* info);
 
 namespace torvel {
 
@@ -82,8 +81,8 @@ int report_no_memory() {
 
 }  // namespace
 
-int solve_least_squares(int nrow, int ncol, double* matrix, double* rhs, double rcond,
-                        int* rank, int* info) {
+int solve_least_squares(int nrow, int ncol, double* matrix, double* rhs, double rcond, int* rank,
+                        int* info) {
     auto iwork = allocate<int>(static_cast<std::int64_t>(kIntegerWorkPerUnknown) * ncol);
     auto singular = allocate<double>(ncol);
     if (!iwork || !singular) {
@@ -94,8 +93,8 @@ int solve_least_squares(int nrow, int ncol, double* matrix, double* rhs, double 
     int query_info = 0;
     double optimal = 0.0;
     const int query = -1;
-    dgelsd_(&nrow, &ncol, &nrhs, matrix, &nrow, rhs, &nrow, singular.get(), &rcond,
-            &query_rank, &optimal, &query, iwork.get(), &query_info);
+    dgelsd_(&nrow, &ncol, &nrhs, matrix, &nrow, rhs, &nrow, singular.get(), &rcond, &query_rank,
+            &optimal, &query, iwork.get(), &query_info);
     const int lwork = static_cast<int>(optimal);
     auto work = allocate<double>(std::max(lwork, 1));
     if (!work) {
@@ -137,8 +136,8 @@ int compute_fit(float x0, float y0, float dx, float dy, float cutoff, int nx, in
     }
     // The pixels are counted before fill_rhs writes, so that an estimate
     // that is too small aborts instead of writing past rhs first.
-    const std::int64_t nrow = fit_detail::count_disc_pixels(
-        fit_detail::PupilGeometry{x0, y0, dx, dy, cutoff, nx, ny});
+    const std::int64_t nrow =
+        fit_detail::count_disc_pixels(fit_detail::PupilGeometry{x0, y0, dx, dy, cutoff, nx, ny});
     TORVEL_ASSERT(nrow < nrow_est, "compute_fit");
     int measurements = 0;
     fill_rhs(x0, y0, dx, dy, cutoff, nx, ny, section, rhs.get(), &measurements);

@@ -61,11 +61,10 @@ struct FittedPupil {
     void evaluate(const PupilPoint& p, double* amplitude, double* phase) const {
         ZernikeTables tables;
         if (fill_zernike_tables(p.rho, p.theta, size, &tables)) {
-            *amplitude = n_a >= 0
-                             ? evaluate_zernike_series_from_tables(tables, n_a, m_a, coeff_a)
-                             : 1.0;
-            *phase = n_p >= 0 ? evaluate_zernike_series_from_tables(tables, n_p, m_p, coeff_p)
-                              : 0.0;
+            *amplitude =
+                n_a >= 0 ? evaluate_zernike_series_from_tables(tables, n_a, m_a, coeff_a) : 1.0;
+            *phase =
+                n_p >= 0 ? evaluate_zernike_series_from_tables(tables, n_p, m_p, coeff_p) : 0.0;
             return;
         }
         *amplitude = n_a >= 0 ? evaluate_zernike_series(p.rho, p.theta, n_a, m_a, coeff_a) : 1.0;
@@ -79,8 +78,8 @@ ZernikeTableSize union_size(ZernikeTableSize a, ZernikeTableSize b) {
 
 // The residual of pixels [begin, end) of a row outside the disc: the measured
 // pupil itself.
-void measured_only(const float* amplitude, const float* phase, int begin, int end,
-                   float* residual, Statistics* stats) {
+void measured_only(const float* amplitude, const float* phase, int begin, int end, float* residual,
+                   Statistics* stats) {
     for (int ix = begin; ix < end; ++ix) {
         double s = 0.0;
         double c = 0.0;
@@ -126,9 +125,14 @@ void compute_residual(float x0, float y0, float dx, float dy, float cutoff, int 
                       const double* coeff_a, int n_p, int m_p, const double* coeff_p,
                       float* residual, float stats[3]) {
     const PupilGeometry g{x0, y0, dx, dy, cutoff, nx, ny};
-    const FittedPupil fitted{n_a, m_a, coeff_a, n_p, m_p, coeff_p,
-                             union_size(zernike_table_size(n_a, m_a),
-                                        zernike_table_size(n_p, m_p))};
+    const FittedPupil fitted{
+        n_a,
+        m_a,
+        coeff_a,
+        n_p,
+        m_p,
+        coeff_p,
+        union_size(zernike_table_size(n_a, m_a), zernike_table_size(n_p, m_p))};
     const IndexRange rows = clip(fit_detail::disc_rows(g), ny);
     Statistics totals;
     for (int iy = 0; iy < ny; ++iy) {

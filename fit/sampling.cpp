@@ -56,8 +56,8 @@ float axis_offset(int index, float centre, float spacing) {
 
 IndexRange disc_columns(const PupilGeometry& g, float y) {
     const float difference = g.cutoff * g.cutoff - y * y;
-    const float hw = static_cast<float>(std::sqrt(static_cast<double>(difference)) /
-                                        static_cast<double>(g.dx));
+    const float hw =
+        static_cast<float>(std::sqrt(static_cast<double>(difference)) / static_cast<double>(g.dx));
     return axis_range(g.x0, hw, g.nx);
 }
 
@@ -79,8 +79,7 @@ std::int64_t count_disc_pixels(const PupilGeometry& g) {
     return count;
 }
 
-void assertion_failed(const char* expression, const char* file, int line,
-                      const char* function) {
+void assertion_failed(const char* expression, const char* file, int line, const char* function) {
     const char* slash = std::strrchr(file, '/');
     std::fprintf(stderr, "torvel: %s:%d: %s: Assertion `%s' failed.\n",
                  slash != nullptr ? slash + 1 : file, line, function, expression);
@@ -101,8 +100,8 @@ using fit_detail::PupilPoint;
 // cos_sin(l, &c, &s) the cosine and sine of l theta; the cosine column of a
 // pair always comes first.
 template <class Radial, class CosSin>
-void write_row(int n, int m, int nrow, std::int64_t ntot, int irow, double* matrix,
-               Radial radial, CosSin cos_sin) {
+void write_row(int n, int m, int nrow, std::int64_t ntot, int irow, double* matrix, Radial radial,
+               CosSin cos_sin) {
     std::int64_t offset = irow;
     for_each_zernike_term(n, m, [&](int k, int l) {
         if (l == 0) {
@@ -124,8 +123,8 @@ void write_row(int n, int m, int nrow, std::int64_t ntot, int irow, double* matr
 
 // One row straight from the defining formulas: evaluate_rnm for every column
 // and a sincos for every pair. Used when the order is beyond the tables.
-void write_row_direct(const PupilPoint& p, int n, int m, int nrow, std::int64_t ntot,
-                      int irow, double* matrix) {
+void write_row_direct(const PupilPoint& p, int n, int m, int nrow, std::int64_t ntot, int irow,
+                      double* matrix) {
     write_row(
         n, m, nrow, ntot, irow, matrix, [&](int k, int l) { return evaluate_rnm(p.rho, k, l); },
         [&](int l, double* c, double* s) { ::sincos(static_cast<double>(l) * p.theta, s, c); });
@@ -135,8 +134,8 @@ void write_row_direct(const PupilPoint& p, int n, int m, int nrow, std::int64_t 
 // and cosines of l theta and the binomials shared by all columns: the very
 // same calls' results, so the row is identical. basis holds one pixel's
 // values in slot order.
-void write_row_from_basis(const double* basis, int n, int m, int nrow, std::int64_t ntot,
-                          int irow, double* matrix) {
+void write_row_from_basis(const double* basis, int n, int m, int nrow, std::int64_t ntot, int irow,
+                          double* matrix) {
     std::int64_t offset = irow;
     int i = 0;
     for_each_zernike_term(n, m, [&](int, int l) {
@@ -169,8 +168,8 @@ void fill_rhs(float x0, float y0, float dx, float dy, float cutoff, int nx, int 
     *nrow_out = count;
 }
 
-void fill_matrix(float x0, float y0, float dx, float dy, float cutoff, int nx, int ny,
-                 int ncol, int nrow, int n, int m, double* matrix) {
+void fill_matrix(float x0, float y0, float dx, float dy, float cutoff, int nx, int ny, int ncol,
+                 int nrow, int n, int m, double* matrix) {
     const PupilGeometry g{x0, y0, dx, dy, cutoff, nx, ny};
     const std::int64_t ntot = static_cast<std::int64_t>(nrow) * ncol;
     const ZernikeTableSize size = zernike_table_size(n, m);

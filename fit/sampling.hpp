@@ -67,7 +67,7 @@ std::int64_t count_disc_pixels(const PupilGeometry& g);
 // Guards buffer sizes whatever NDEBUG says: a failure means the walk and the
 // buffer disagree, and writing on would corrupt memory. function names the
 // public function in which the check stands (__func__ would name a lambda).
-#define TORVEL_ASSERT(expression, function)                                          \
-    ((expression) ? static_cast<void>(0)                                             \
-                  : ::torvel::fit_detail::assertion_failed(#expression, __FILE__,     \
-                                                           __LINE__, function))
+#define TORVEL_ASSERT(expression, function) \
+    ((expression)                           \
+         ? static_cast<void>(0)             \
+         : ::torvel::fit_detail::assertion_failed(#expression, __FILE__, __LINE__, function))

@@ -19,8 +19,8 @@ void separate_amplitude_phase(int count, float* samples, float* phase) {
         if (s == 0.0f || std::isnan(s)) {
             phase[i] = 0.0f;
         } else {
-            phase[i] = static_cast<float>(
-                std::atan2(static_cast<double>(im), static_cast<double>(re)));
+            phase[i] =
+                static_cast<float>(std::atan2(static_cast<double>(im), static_cast<double>(re)));
         }
         samples[i] = std::sqrt(s);
     }

@@ -32,24 +32,22 @@ void image_set_message_printing(int on) noexcept;
 
 // Stores NX, NY, NZ in dims, NXSTART, NYSTART, NZSTART in second, the pixel
 // mode in *mode and DMIN, DMAX, DMEAN in *dmin, *dmax, *dmean.
-void image_read_header(int stream, int dims[3], int second[3], int* mode,
-                       float* dmin, float* dmax, float* dmean) noexcept;
+void image_read_header(int stream, int dims[3], int second[3], int* mode, float* dmin, float* dmax,
+                       float* dmean) noexcept;
 
 // Stores z sections per (wavelength, time) NZ / (nw * nt) (0 when nw * nt is
 // 0), the wavelength count nw, the time point count nt and the interleave
 // order (0, 1 or 2). A file without the multi-wavelength block has nw = nt = 1.
-void image_get_zwt_sizes(int stream, int* nz, int* nw, int* nt,
-                         int* interleave) noexcept;
+void image_get_zwt_sizes(int stream, int* nz, int* nw, int* nt, int* interleave) noexcept;
 
 // Stores the image type code, lens number, the two further integers and the two
 // float type parameters P1, P2 (all 0 for a file without the block).
-void image_get_type_info(int stream, int* type, int* lens, int* n1, int* n2,
-                         float* p1, float* p2) noexcept;
+void image_get_type_info(int stream, int* type, int* lens, int* n1, int* n2, float* p1,
+                         float* p2) noexcept;
 
 // Stores the pixel spacing float(CELLA) / float(M) along x, y, z, each computed
 // in single precision; 0 along an axis whose sampling word M is not positive.
-void image_get_pixel_spacing(int stream, float* dx, float* dy,
-                             float* dz) noexcept;
+void image_get_pixel_spacing(int stream, float* dx, float* dy, float* dz) noexcept;
 
 // Stores the x, y, z origin as held in the header.
 void image_get_origin(int stream, float* x, float* y, float* z) noexcept;
@@ -60,8 +58,7 @@ void image_get_wavelengths(int stream, int* count, float waves[5]) noexcept;
 
 // Stores the display minimum and maximum of wavelength w (0 to 4): DMIN, DMAX
 // for wavelength 0, the block's pair for the others. Out-of-range w stores 0s.
-void image_get_wavelength_min_max(int stream, int w, float* wmin,
-                                  float* wmax) noexcept;
+void image_get_wavelength_min_max(int stream, int w, float* wmin, float* wmax) noexcept;
 
 // Returns the number of labels in use, 0 to 10.
 int image_get_label_count(int stream) noexcept;
@@ -107,8 +104,7 @@ void image_set_extended_header_size(int stream, int a, int b, int c) noexcept;
 // Sets nz, nw (0 to 5), nt (0 to 32767) and the interleave order (0, 1 or 2),
 // and NZ = nz * nw * nt (which must fit in 32 bits). Invalid values print a
 // message and change nothing.
-void image_set_zwt_sizes(int stream, int nz, int nw, int nt,
-                         int interleave) noexcept;
+void image_set_zwt_sizes(int stream, int nz, int nw, int nt, int interleave) noexcept;
 
 // Sets the first count (0 to 5) wavelengths, in nm, from waves and clears the
 // remaining slots. Does not change the wavelength count of image_set_zwt_sizes.
@@ -119,8 +115,7 @@ void image_set_pixel_mode(int stream, int mode) noexcept;
 
 // Sets the display minimum and maximum of wavelength w (0 to 4); wavelength 0
 // uses DMIN and DMAX, so image_write_header overrides it.
-void image_set_wavelength_min_max(int stream, int w, float wmin,
-                                  float wmax) noexcept;
+void image_set_wavelength_min_max(int stream, int w, float wmin, float wmax) noexcept;
 
 // Sets NX, NY (not negative) and the sampling MX = NX, MY = NY where positive,
 // rescaling CELLA so the pixel spacing stays as it was.
@@ -128,8 +123,8 @@ void image_set_dimensions(int stream, int nx, int ny) noexcept;
 
 // Sets the image type code, lens number, the two further integers (each
 // -32768 to 32767) and the two float type parameters P1, P2.
-void image_set_type_info(int stream, int type, int lens, int n1, int n2,
-                         float p1, float p2) noexcept;
+void image_set_type_info(int stream, int type, int lens, int n1, int n2, float p1,
+                         float p2) noexcept;
 
 // Sets the pixel spacing by storing CELLA = spacing * M rounded once to float;
 // image_get_pixel_spacing gives the values back exactly whenever the format
@@ -150,7 +145,7 @@ void image_add_label(int stream, const char* text) noexcept;
 // its file: "MAP ", the little-endian stamp, NVERSION 20141, RMS -1 (the layer
 // never computes it) and the multi-wavelength block. Any other flag prints a
 // message and writes nothing.
-void image_write_header(int stream, const char* title, int title_flag,
-                        float dmin, float dmax, float dmean) noexcept;
+void image_write_header(int stream, const char* title, int title_flag, float dmin, float dmax,
+                        float dmean) noexcept;
 
 }  // namespace torvel

@@ -59,19 +59,18 @@ void write_head(std::FILE* stream, const ParametricPupil* pupil) {
     // after "#", so a label gains one leading blank per round trip.
     for (std::int32_t i = 0; i < pupil->label_count; ++i)
         std::fprintf(stream, "# %s\n", pupil->labels[i]);
-    std::fprintf(stream, "#numerical_aperture %.3f\n",
-                 double(pupil->numerical_aperture));
+    std::fprintf(stream, "#numerical_aperture %.3f\n", double(pupil->numerical_aperture));
     std::fprintf(stream, "#immersion_refractive_index %.5f\n",
                  double(pupil->immersion_refractive_index));
     std::fprintf(stream, "#lens_id %d\n", pupil->lens_id);
-    std::fprintf(stream, "#zernike_set_for_amplitude %d %d\n",
-                 pupil->amplitude_zernike_n, pupil->amplitude_zernike_m);
-    std::fprintf(stream, "#zernike_set_for_phase %d %d\n",
-                 pupil->phase_zernike_n, pupil->phase_zernike_m);
-    std::fprintf(stream, "#polar_fourier_set_for_amplitude %d %d\n",
-                 pupil->amplitude_polarf_n, pupil->amplitude_polarf_m);
-    std::fprintf(stream, "#polar_fourier_set_for_phase %d %d\n",
-                 pupil->phase_polarf_n, pupil->phase_polarf_m);
+    std::fprintf(stream, "#zernike_set_for_amplitude %d %d\n", pupil->amplitude_zernike_n,
+                 pupil->amplitude_zernike_m);
+    std::fprintf(stream, "#zernike_set_for_phase %d %d\n", pupil->phase_zernike_n,
+                 pupil->phase_zernike_m);
+    std::fprintf(stream, "#polar_fourier_set_for_amplitude %d %d\n", pupil->amplitude_polarf_n,
+                 pupil->amplitude_polarf_m);
+    std::fprintf(stream, "#polar_fourier_set_for_phase %d %d\n", pupil->phase_polarf_n,
+                 pupil->phase_polarf_m);
     std::fprintf(stream, "#wavelength_count %d\n", pupil->wavelength_count);
     if (pupil->wavelength_count <= 0) return;
     std::fputs("#wavelengths_um", stream);
@@ -81,22 +80,18 @@ void write_head(std::FILE* stream, const ParametricPupil* pupil) {
 }
 
 void write_blocks(std::FILE* stream, const ParametricPupil* pupil) {
-    const std::int32_t amplitude_zernike =
-        get_parametric_pupil_amplitude_zernike_count(pupil);
-    const std::int32_t phase_zernike =
-        get_parametric_pupil_phase_zernike_count(pupil);
+    const std::int32_t amplitude_zernike = get_parametric_pupil_amplitude_zernike_count(pupil);
+    const std::int32_t phase_zernike = get_parametric_pupil_phase_zernike_count(pupil);
     for (std::int32_t w = 0; w < pupil->wavelength_count; ++w) {
         const WaveAttributes& wave = pupil->waves[w];
-        write_zernike_coeff(stream, wave.amplitude_zernike_coeff,
-                            amplitude_zernike, w, "zernike_coeff_amplitude");
+        write_zernike_coeff(stream, wave.amplitude_zernike_coeff, amplitude_zernike, w,
+                            "zernike_coeff_amplitude");
         write_zernike_coeff(stream, wave.phase_zernike_coeff, phase_zernike, w,
                             "zernike_coeff_phase");
-        write_polarf_coeff(stream, wave.amplitude_polarf_coeff,
-                           pupil->amplitude_polarf_n, pupil->amplitude_polarf_m,
-                           w, "polar_fourier_coeff_amplitude");
-        write_polarf_coeff(stream, wave.phase_polarf_coeff,
-                           pupil->phase_polarf_n, pupil->phase_polarf_m, w,
-                           "polar_fourier_coeff_phase");
+        write_polarf_coeff(stream, wave.amplitude_polarf_coeff, pupil->amplitude_polarf_n,
+                           pupil->amplitude_polarf_m, w, "polar_fourier_coeff_amplitude");
+        write_polarf_coeff(stream, wave.phase_polarf_coeff, pupil->phase_polarf_n,
+                           pupil->phase_polarf_m, w, "polar_fourier_coeff_phase");
     }
 }
 
@@ -126,7 +121,7 @@ bool grow_line_buffer(char** line, std::int32_t* size, std::int32_t used) {
     char* grown = new (std::nothrow) char[std::size_t(grown_size)];
     if (grown == nullptr) return false;
     if (used > 0) std::memcpy(grown, *line, std::size_t(used) + 1);
-    delete[] *line;
+    delete[] * line;
     *line = grown;
     *size = grown_size;
     return true;
@@ -150,8 +145,7 @@ bool read_version_line(Reader& r) {
     // after it; a letter there is a syntax error, not another magic.
     r.column = kMagicLength + 1;
     int version = 0;
-    if (std::sscanf(r.buffer + kMagicLength, "%d", &version) != 1)
-        return fail(r, kErrorSyntax);
+    if (std::sscanf(r.buffer + kMagicLength, "%d", &version) != 1) return fail(r, kErrorSyntax);
     if (version != 0) return fail(r, kErrorVersion);
     return true;
 }
@@ -185,12 +179,10 @@ bool read_lens_id(Reader& r, const char* value) {
     return true;
 }
 
-using OrderSetter = ParametricPupil* (*)(ParametricPupil*, std::int32_t,
-                                         std::int32_t);
+using OrderSetter = ParametricPupil* (*)(ParametricPupil*, std::int32_t, std::int32_t);
 
 bool read_order_pair(Reader& r, const char* value, int* first, int* second) {
-    if (std::sscanf(value, "%d %d", first, second) != 2)
-        return fail(r, kErrorSyntax);
+    if (std::sscanf(value, "%d %d", first, second) != 2) return fail(r, kErrorSyntax);
     return true;
 }
 
@@ -213,8 +205,7 @@ bool read_polarf_set(Reader& r, const char* value, OrderSetter setter) {
 }
 
 bool read_amplitude_zernike_set(Reader& r, const char* value) {
-    return read_zernike_set(r, value,
-                            set_parametric_pupil_amplitude_zernike_orders);
+    return read_zernike_set(r, value, set_parametric_pupil_amplitude_zernike_orders);
 }
 
 bool read_phase_zernike_set(Reader& r, const char* value) {
@@ -222,8 +213,7 @@ bool read_phase_zernike_set(Reader& r, const char* value) {
 }
 
 bool read_amplitude_polarf_set(Reader& r, const char* value) {
-    return read_polarf_set(r, value,
-                           set_parametric_pupil_amplitude_polarf_orders);
+    return read_polarf_set(r, value, set_parametric_pupil_amplitude_polarf_orders);
 }
 
 bool read_phase_polarf_set(Reader& r, const char* value) {
@@ -245,8 +235,7 @@ bool read_wavelengths(Reader& r, const char* value) {
     for (std::int32_t w = 0; w < r.pupil->wavelength_count; ++w) {
         float wavelength = 0.0f;
         int consumed = 0;
-        if (std::sscanf(value, "%f%n", &wavelength, &consumed) != 1)
-            return fail(r, kErrorSyntax);
+        if (std::sscanf(value, "%f%n", &wavelength, &consumed) != 1) return fail(r, kErrorSyntax);
         r.pupil->waves[w].wavelength = wavelength;
         value += consumed;
         r.column += consumed;
@@ -273,41 +262,35 @@ bool read_zernike_block(Reader& r, const char* value, std::int32_t count,
                         double* WaveAttributes::*array) {
     const std::int32_t w = read_block_index(r, value);
     if (w < 0) return false;
-    return read_zernike_coeff(r.stream, count, r.pupil->waves[w].*array,
-                              &r.buffer, &r.size, &r.error, &r.line,
-                              &r.column) == 0;
+    return read_zernike_coeff(r.stream, count, r.pupil->waves[w].*array, &r.buffer, &r.size,
+                              &r.error, &r.line, &r.column) == 0;
 }
 
-bool read_polarf_block(Reader& r, const char* value, std::int32_t a,
-                       std::int32_t b, double* WaveAttributes::*array) {
+bool read_polarf_block(Reader& r, const char* value, std::int32_t a, std::int32_t b,
+                       double* WaveAttributes::*array) {
     const std::int32_t w = read_block_index(r, value);
     if (w < 0) return false;
-    return read_polarf_coeff(r.stream, a, b, r.pupil->waves[w].*array,
-                             &r.buffer, &r.size, &r.error, &r.line,
-                             &r.column) == 0;
+    return read_polarf_coeff(r.stream, a, b, r.pupil->waves[w].*array, &r.buffer, &r.size, &r.error,
+                             &r.line, &r.column) == 0;
 }
 
 bool read_amplitude_zernike_block(Reader& r, const char* value) {
-    return read_zernike_block(
-        r, value, get_parametric_pupil_amplitude_zernike_count(r.pupil),
-        &WaveAttributes::amplitude_zernike_coeff);
+    return read_zernike_block(r, value, get_parametric_pupil_amplitude_zernike_count(r.pupil),
+                              &WaveAttributes::amplitude_zernike_coeff);
 }
 
 bool read_phase_zernike_block(Reader& r, const char* value) {
-    return read_zernike_block(r, value,
-                              get_parametric_pupil_phase_zernike_count(r.pupil),
+    return read_zernike_block(r, value, get_parametric_pupil_phase_zernike_count(r.pupil),
                               &WaveAttributes::phase_zernike_coeff);
 }
 
 bool read_amplitude_polarf_block(Reader& r, const char* value) {
-    return read_polarf_block(r, value, r.pupil->amplitude_polarf_n,
-                             r.pupil->amplitude_polarf_m,
+    return read_polarf_block(r, value, r.pupil->amplitude_polarf_n, r.pupil->amplitude_polarf_m,
                              &WaveAttributes::amplitude_polarf_coeff);
 }
 
 bool read_phase_polarf_block(Reader& r, const char* value) {
-    return read_polarf_block(r, value, r.pupil->phase_polarf_n,
-                             r.pupil->phase_polarf_m,
+    return read_polarf_block(r, value, r.pupil->phase_polarf_n, r.pupil->phase_polarf_m,
                              &WaveAttributes::phase_polarf_coeff);
 }
 
@@ -336,8 +319,7 @@ constexpr Keyword kKeywords[] = {
 
 bool read_label(Reader& r) {
     const char* text = r.buffer[1] == '\0' ? nullptr : r.buffer + 1;
-    if (insert_parametric_pupil_label(r.pupil, r.pupil->label_count, text) ==
-        nullptr)
+    if (insert_parametric_pupil_label(r.pupil, r.pupil->label_count, text) == nullptr)
         return fail(r, kErrorMemory);
     return true;
 }
@@ -360,9 +342,7 @@ bool read_body_line(Reader& r) {
 void read_body(Reader& r) {
     for (;;) {
         ++r.line;
-        if (read_full_line(r.stream, &r.buffer, &r.size, &r.error, &r.column) !=
-            0)
-            return;
+        if (read_full_line(r.stream, &r.buffer, &r.size, &r.error, &r.column) != 0) return;
         if (!read_body_line(r)) return;
     }
 }
@@ -397,9 +377,8 @@ struct TermHead {
 bool read_term_head(const char* line, TermHead* head, std::int32_t* error_code,
                     std::int32_t* column) {
     int after_first = 0, after_second = 0;
-    const int fields =
-        std::sscanf(line, "%d%n %d%n %lg%n", &head->first, &after_first,
-                    &head->second, &after_second, &head->value, &head->consumed);
+    const int fields = std::sscanf(line, "%d%n %d%n %lg%n", &head->first, &after_first,
+                                   &head->second, &after_second, &head->value, &head->consumed);
     if (fields >= 3) return true;
     *error_code = kErrorSyntax;
     if (fields == 1) *column = after_first + 1;
@@ -417,9 +396,8 @@ int reject_term(std::int32_t* error_code, std::int32_t* column) {
 bool read_three_values(const char* line, const TermHead& head, double* values,
                        std::int32_t* error_code, std::int32_t* column) {
     int after_first = 0, after_second = 0;
-    const int fields = std::sscanf(line + head.consumed, "%lg%n %lg%n %lg",
-                                   &values[0], &after_first, &values[1],
-                                   &after_second, &values[2]);
+    const int fields = std::sscanf(line + head.consumed, "%lg%n %lg%n %lg", &values[0],
+                                   &after_first, &values[1], &after_second, &values[2]);
     if (fields >= 3) return true;
     *error_code = kErrorSyntax;
     int matched = 0;
@@ -444,8 +422,7 @@ bool read_second_value(const char* line, const TermHead& head, double* value,
 
 // ---- writing ---------------------------------------------------------------
 
-ParametricPupil* write_parametric_pupil(ParametricPupil* pupil,
-                                        const char* file_name,
+ParametricPupil* write_parametric_pupil(ParametricPupil* pupil, const char* file_name,
                                         std::int32_t* error_code) {
     if (pupil == nullptr) return nullptr;
     std::FILE* stream = std::fopen(file_name, "w");
@@ -464,9 +441,8 @@ ParametricPupil* write_parametric_pupil(ParametricPupil* pupil,
     return pupil;
 }
 
-void write_zernike_coeff(std::FILE* stream, const double* coeff,
-                         std::int32_t count, std::int32_t wavelength_index,
-                         const char* name) {
+void write_zernike_coeff(std::FILE* stream, const double* coeff, std::int32_t count,
+                         std::int32_t wavelength_index, const char* name) {
     if (count < 1) return;
     std::fprintf(stream, "#%s_%d\n", name, wavelength_index);
     // Every term of the full set up to the top order, in slot order; only
@@ -479,14 +455,12 @@ void write_zernike_coeff(std::FILE* stream, const double* coeff,
         if (m == 0)
             std::fprintf(stream, "%3d %3d %g\n", n, m, coeff[slot]);
         else
-            std::fprintf(stream, "%3d %3d %g %g\n", n, m, coeff[slot],
-                         coeff[slot + 1]);
+            std::fprintf(stream, "%3d %3d %g %g\n", n, m, coeff[slot], coeff[slot + 1]);
     });
 }
 
-void write_polarf_coeff(std::FILE* stream, const double* coeff, std::int32_t a,
-                        std::int32_t b, std::int32_t wavelength_index,
-                        const char* name) {
+void write_polarf_coeff(std::FILE* stream, const double* coeff, std::int32_t a, std::int32_t b,
+                        std::int32_t wavelength_index, const char* name) {
     if (a < 0 || b < 0) return;
     std::fprintf(stream, "#%s_%d\n", name, wavelength_index);
     // The slots follow each other in line order, so one cursor walks them.
@@ -499,15 +473,14 @@ void write_polarf_coeff(std::FILE* stream, const double* coeff, std::int32_t a,
         std::fprintf(stream, "%3d   0 %g %g\n", i, c[0], c[1]);
         c += 2;
         for (std::int32_t j = 1; j <= b; ++j, c += 4)
-            std::fprintf(stream, "%3d %3d %g %g %g %g\n", i, j, c[0], c[1],
-                         c[2], c[3]);
+            std::fprintf(stream, "%3d %3d %g %g %g %g\n", i, j, c[0], c[1], c[2], c[3]);
     }
 }
 
 // ---- reading ---------------------------------------------------------------
 
-int read_full_line(std::FILE* stream, char** line, std::int32_t* size,
-                   std::int32_t* error_code, std::int32_t* column) {
+int read_full_line(std::FILE* stream, char** line, std::int32_t* size, std::int32_t* error_code,
+                   std::int32_t* column) {
     *column = 0;
     std::int32_t used = 0;
     for (;;) {
@@ -534,25 +507,21 @@ int read_full_line(std::FILE* stream, char** line, std::int32_t* size,
     }
 }
 
-int read_zernike_coeff(std::FILE* stream, std::int32_t count, double* coeff,
-                       char** line, std::int32_t* size,
-                       std::int32_t* error_code, std::int32_t* line_number,
+int read_zernike_coeff(std::FILE* stream, std::int32_t count, double* coeff, char** line,
+                       std::int32_t* size, std::int32_t* error_code, std::int32_t* line_number,
                        std::int32_t* column) {
     // The count, not the terms, ends the block: lines may come in any order
     // and each places its values by (n, m).
     std::int32_t counted = 0;
     while (counted < count) {
         ++*line_number;
-        if (read_full_line(stream, line, size, error_code, column) != 0)
-            return 1;
+        if (read_full_line(stream, line, size, error_code, column) != 0) return 1;
         TermHead head;
         if (!read_term_head(*line, &head, error_code, column)) return 1;
         const int n = head.first, m = head.second;
         double sine = 0.0;
-        if (m != 0 && !read_second_value(*line, head, &sine, error_code, column))
-            return 1;
-        if (!zernike_term_inside(n, m, count))
-            return reject_term(error_code, column);
+        if (m != 0 && !read_second_value(*line, head, &sine, error_code, column)) return 1;
+        if (!zernike_term_inside(n, m, count)) return reject_term(error_code, column);
         const int slot = zernike_term_index(n, m);
         coeff[slot] = head.value;
         if (m == 0) {
@@ -565,30 +534,25 @@ int read_zernike_coeff(std::FILE* stream, std::int32_t count, double* coeff,
     return 0;
 }
 
-int read_polarf_coeff(std::FILE* stream, std::int32_t a, std::int32_t b,
-                      double* coeff, char** line, std::int32_t* size,
-                      std::int32_t* error_code, std::int32_t* line_number,
+int read_polarf_coeff(std::FILE* stream, std::int32_t a, std::int32_t b, double* coeff, char** line,
+                      std::int32_t* size, std::int32_t* error_code, std::int32_t* line_number,
                       std::int32_t* column) {
     const std::int64_t count = polarf_term_count(a, b);
     const std::int64_t row = 4 * std::int64_t(b) + 2;  // slots per i > 0
     std::int64_t counted = 0;
     while (counted < count) {
         ++*line_number;
-        if (read_full_line(stream, line, size, error_code, column) != 0)
-            return 1;
+        if (read_full_line(stream, line, size, error_code, column) != 0) return 1;
         TermHead head;
         if (!read_term_head(*line, &head, error_code, column)) return 1;
         const int i = head.first, j = head.second;
         double more[3] = {0.0, 0.0, 0.0};
         if (i != 0 && j != 0) {
-            if (!read_three_values(*line, head, more, error_code, column))
-                return 1;
+            if (!read_three_values(*line, head, more, error_code, column)) return 1;
         } else if (i != 0 || j != 0) {
-            if (!read_second_value(*line, head, &more[0], error_code, column))
-                return 1;
+            if (!read_second_value(*line, head, &more[0], error_code, column)) return 1;
         }
-        if (i < 0 || i > a || j < 0 || j > b)
-            return reject_term(error_code, column);
+        if (i < 0 || i > a || j < 0 || j > b) return reject_term(error_code, column);
         if (i != 0 && j != 0) {
             const std::int64_t s = 4 * std::int64_t(j) + 2 * b + row * (i - 1);
             coeff[s - 1] = head.value;
@@ -613,10 +577,8 @@ int read_polarf_coeff(std::FILE* stream, std::int32_t a, std::int32_t b,
     return 0;
 }
 
-ParametricPupil* read_parametric_pupil(const char* file_name,
-                                       std::int32_t* error_code,
-                                       std::int32_t* line,
-                                       std::int32_t* column) {
+ParametricPupil* read_parametric_pupil(const char* file_name, std::int32_t* error_code,
+                                       std::int32_t* line, std::int32_t* column) {
     Reader r;
     r.stream = std::fopen(file_name, "r");
     if (r.stream == nullptr) {

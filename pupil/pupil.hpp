@@ -73,50 +73,42 @@ std::int32_t get_parametric_pupil_label_count(const ParametricPupil* pupil);
 
 // Sets the number of labels to count (>= 0): new labels are empty, dropped
 // ones are freed. Null on a negative count or out of memory (record unchanged).
-ParametricPupil* set_parametric_pupil_label_count(ParametricPupil* pupil,
-                                                  std::int32_t count);
+ParametricPupil* set_parametric_pupil_label_count(ParametricPupil* pupil, std::int32_t count);
 
 // Inserts a copy of text (null: an empty label) at index >= 0, moving later
 // labels up; an index past the end fills the gap with empty labels. Null on
 // a negative index or out of memory (record unchanged).
-ParametricPupil* insert_parametric_pupil_label(ParametricPupil* pupil,
-                                               std::int32_t index,
+ParametricPupil* insert_parametric_pupil_label(ParametricPupil* pupil, std::int32_t index,
                                                const char* text);
 
 // Replaces label index (in [0, count)) by a copy of text (null: empty). Null
 // on a bad index or when the copy fails; the old label then stays.
-ParametricPupil* set_parametric_pupil_label(ParametricPupil* pupil,
-                                            std::int32_t index,
+ParametricPupil* set_parametric_pupil_label(ParametricPupil* pupil, std::int32_t index,
                                             const char* text);
 
 // The label at index, owned by the record; null for a null record or an
 // index outside [0, count).
-const char* get_parametric_pupil_label(const ParametricPupil* pupil,
-                                       std::int32_t index);
+const char* get_parametric_pupil_label(const ParametricPupil* pupil, std::int32_t index);
 
 // Removes label index (in [0, count)) and moves later labels down; capacity
 // is kept. Null on a bad index.
-ParametricPupil* delete_parametric_pupil_label(ParametricPupil* pupil,
-                                               std::int32_t index);
+ParametricPupil* delete_parametric_pupil_label(ParametricPupil* pupil, std::int32_t index);
 
 // ---- optics ----------------------------------------------------------------
 
 // Stores the numerical aperture and immersion index when both are > 0 and
 // na / n_imm (in single precision) is <= 1; otherwise returns null and keeps
 // the old values.
-ParametricPupil* set_parametric_pupil_na_nimm(ParametricPupil* pupil, float na,
-                                              float n_imm);
+ParametricPupil* set_parametric_pupil_na_nimm(ParametricPupil* pupil, float na, float n_imm);
 
 // Numerical aperture; 1.0 for a null record.
 float get_parametric_pupil_numerical_aperture(const ParametricPupil* pupil);
 
 // Immersion refractive index; 1.0 for a null record.
-float get_parametric_pupil_immersion_refractive_index(
-    const ParametricPupil* pupil);
+float get_parametric_pupil_immersion_refractive_index(const ParametricPupil* pupil);
 
 // Stores the objective lens id as given (no check).
-ParametricPupil* set_parametric_pupil_lens_id(ParametricPupil* pupil,
-                                              std::int32_t id);
+ParametricPupil* set_parametric_pupil_lens_id(ParametricPupil* pupil, std::int32_t id);
 
 // Objective lens id; -1 for a null record or when none was set.
 std::int32_t get_parametric_pupil_lens_id(const ParametricPupil* pupil);
@@ -129,38 +121,32 @@ std::int32_t get_parametric_pupil_wavelength_count(const ParametricPupil* pupil)
 // Sets the number of wavelengths to count (>= 0). Kept wavelengths keep their
 // values; new ones get wavelength 0.0 and default coefficients; dropped ones
 // are freed. Null on a negative count or out of memory (count unchanged).
-ParametricPupil* set_parametric_pupil_wavelength_count(ParametricPupil* pupil,
-                                                       std::int32_t count);
+ParametricPupil* set_parametric_pupil_wavelength_count(ParametricPupil* pupil, std::int32_t count);
 
 // Inserts a fresh wavelength (0.0, default coefficients) at index >= 0,
 // moving later ones up; an index past the end makes fresh gap entries too.
 // Null on a negative index or out of memory (record unchanged).
-ParametricPupil* insert_parametric_pupil_wavelength(ParametricPupil* pupil,
-                                                    std::int32_t index);
+ParametricPupil* insert_parametric_pupil_wavelength(ParametricPupil* pupil, std::int32_t index);
 
 // Removes wavelength index (in [0, count)) with its arrays and moves later
 // ones down; capacity is kept. Null on a bad index.
-ParametricPupil* delete_parametric_pupil_wavelength(ParametricPupil* pupil,
-                                                    std::int32_t index);
+ParametricPupil* delete_parametric_pupil_wavelength(ParametricPupil* pupil, std::int32_t index);
 
 // Stores the wavelength in micrometres (no check of the value) at index in
 // [0, count); null on a bad index.
-ParametricPupil* set_parametric_pupil_wavelength(ParametricPupil* pupil,
-                                                 std::int32_t index,
+ParametricPupil* set_parametric_pupil_wavelength(ParametricPupil* pupil, std::int32_t index,
                                                  float wavelength_um);
 
 // Wavelength in micrometres at index; -1.0 for a null record or an index
 // outside [0, count).
-float get_parametric_pupil_wavelength(const ParametricPupil* pupil,
-                                      std::int32_t index);
+float get_parametric_pupil_wavelength(const ParametricPupil* pupil, std::int32_t index);
 
 // Makes entries [first, end) of waves fresh from the record's current four
 // counts: amplitude Zernike slot 0 is 1/sqrt(2), amplitude polar Fourier slot
 // 0 is 1.0 only when there is no amplitude Zernike series, everything else
 // 0.0, wavelength 0.0. Returns 0, or 1 after freeing every array this call
 // made when an allocation fails.
-int initialize_wave_attributes(WaveAttributes* waves,
-                               const ParametricPupil* pupil,
+int initialize_wave_attributes(WaveAttributes* waves, const ParametricPupil* pupil,
                                std::int32_t first, std::int32_t end);
 
 // ---- order sets and coefficients -------------------------------------------
@@ -170,78 +156,66 @@ int initialize_wave_attributes(WaveAttributes* waves,
 // series and frees its arrays. Growing zero-fills the new slots of every
 // wavelength, keeping old values at their slot; lowering keeps the arrays.
 // Null on out of memory, with the stored set unchanged.
-ParametricPupil* set_parametric_pupil_amplitude_zernike_orders(
-    ParametricPupil* pupil, std::int32_t n, std::int32_t m);
+ParametricPupil* set_parametric_pupil_amplitude_zernike_orders(ParametricPupil* pupil,
+                                                               std::int32_t n, std::int32_t m);
 
 // As set_parametric_pupil_amplitude_zernike_orders, for the phase series.
-ParametricPupil* set_parametric_pupil_phase_zernike_orders(
-    ParametricPupil* pupil, std::int32_t n, std::int32_t m);
+ParametricPupil* set_parametric_pupil_phase_zernike_orders(ParametricPupil* pupil, std::int32_t n,
+                                                           std::int32_t m);
 
 // Sets the amplitude polar Fourier set (a, b); a or b negative removes the
 // series. Otherwise as the Zernike setters, with no validation except that the
 // term count must fit in 32 bits.
-ParametricPupil* set_parametric_pupil_amplitude_polarf_orders(
-    ParametricPupil* pupil, std::int32_t a, std::int32_t b);
+ParametricPupil* set_parametric_pupil_amplitude_polarf_orders(ParametricPupil* pupil,
+                                                              std::int32_t a, std::int32_t b);
 
 // As set_parametric_pupil_amplitude_polarf_orders, for the phase series.
-ParametricPupil* set_parametric_pupil_phase_polarf_orders(
-    ParametricPupil* pupil, std::int32_t a, std::int32_t b);
+ParametricPupil* set_parametric_pupil_phase_polarf_orders(ParametricPupil* pupil, std::int32_t a,
+                                                          std::int32_t b);
 
 // Write the stored amplitude Zernike set to *n, *m; -1, -1 for a null record.
-void get_parametric_pupil_amplitude_zernike_orders(const ParametricPupil* pupil,
-                                                   std::int32_t* n,
+void get_parametric_pupil_amplitude_zernike_orders(const ParametricPupil* pupil, std::int32_t* n,
                                                    std::int32_t* m);
 
 // Write the stored phase Zernike set to *n, *m; -1, -1 for a null record.
-void get_parametric_pupil_phase_zernike_orders(const ParametricPupil* pupil,
-                                               std::int32_t* n,
+void get_parametric_pupil_phase_zernike_orders(const ParametricPupil* pupil, std::int32_t* n,
                                                std::int32_t* m);
 
 // Write the stored amplitude polar Fourier set to *a, *b; -1, -1 for null.
-void get_parametric_pupil_amplitude_polarf_orders(const ParametricPupil* pupil,
-                                                  std::int32_t* a,
+void get_parametric_pupil_amplitude_polarf_orders(const ParametricPupil* pupil, std::int32_t* a,
                                                   std::int32_t* b);
 
 // Write the stored phase polar Fourier set to *a, *b; -1, -1 for null.
-void get_parametric_pupil_phase_polarf_orders(const ParametricPupil* pupil,
-                                              std::int32_t* a,
+void get_parametric_pupil_phase_polarf_orders(const ParametricPupil* pupil, std::int32_t* a,
                                               std::int32_t* b);
 
 // Amplitude Zernike term count n(n+1)/2 + m + 1; 0 without a series or record.
-std::int32_t get_parametric_pupil_amplitude_zernike_count(
-    const ParametricPupil* pupil);
+std::int32_t get_parametric_pupil_amplitude_zernike_count(const ParametricPupil* pupil);
 
 // Phase Zernike term count; 0 without a series or record.
-std::int32_t get_parametric_pupil_phase_zernike_count(
-    const ParametricPupil* pupil);
+std::int32_t get_parametric_pupil_phase_zernike_count(const ParametricPupil* pupil);
 
 // Amplitude polar Fourier term count (2a+1)(2b+1); 0 without a series.
-std::int32_t get_parametric_pupil_amplitude_polarf_count(
-    const ParametricPupil* pupil);
+std::int32_t get_parametric_pupil_amplitude_polarf_count(const ParametricPupil* pupil);
 
 // Phase polar Fourier term count (2a+1)(2b+1); 0 without a series.
-std::int32_t get_parametric_pupil_phase_polarf_count(
-    const ParametricPupil* pupil);
+std::int32_t get_parametric_pupil_phase_polarf_count(const ParametricPupil* pupil);
 
 // The amplitude Zernike array of wavelength index, owned by the record and
 // writable in place (null when the series is empty); null for a null record
 // or an index outside [0, wavelength count).
-double* get_parametric_pupil_amplitude_zernike_coeff(ParametricPupil* pupil,
-                                                     std::int32_t index);
+double* get_parametric_pupil_amplitude_zernike_coeff(ParametricPupil* pupil, std::int32_t index);
 
 // As get_parametric_pupil_amplitude_zernike_coeff, for the phase series.
-double* get_parametric_pupil_phase_zernike_coeff(ParametricPupil* pupil,
-                                                 std::int32_t index);
+double* get_parametric_pupil_phase_zernike_coeff(ParametricPupil* pupil, std::int32_t index);
 
 // As get_parametric_pupil_amplitude_zernike_coeff, for the amplitude polar
 // Fourier series.
-double* get_parametric_pupil_amplitude_polarf_coeff(ParametricPupil* pupil,
-                                                    std::int32_t index);
+double* get_parametric_pupil_amplitude_polarf_coeff(ParametricPupil* pupil, std::int32_t index);
 
 // As get_parametric_pupil_amplitude_zernike_coeff, for the phase polar
 // Fourier series.
-double* get_parametric_pupil_phase_polarf_coeff(ParametricPupil* pupil,
-                                                std::int32_t index);
+double* get_parametric_pupil_phase_polarf_coeff(ParametricPupil* pupil, std::int32_t index);
 
 // ---- text file -------------------------------------------------------------
 
@@ -250,8 +224,7 @@ double* get_parametric_pupil_phase_polarf_coeff(ParametricPupil* pupil,
 // the file cannot be opened, 2 when the stream reported an error or closing
 // failed (a partial file is left behind). A null record writes nothing and
 // returns null without setting a code.
-ParametricPupil* write_parametric_pupil(ParametricPupil* pupil,
-                                        const char* file_name,
+ParametricPupil* write_parametric_pupil(ParametricPupil* pupil, const char* file_name,
                                         std::int32_t* error_code);
 
 // Reads a format-0 text file into a new record owned by the caller. On
@@ -259,10 +232,8 @@ ParametricPupil* write_parametric_pupil(ParametricPupil* pupil,
 // pupil file, 11 version, 12 syntax, 13 invalid value, 20 out of memory, read
 // error or overlong line), the 1-based line and the column; on success none
 // of them is written. Each output pointer may be null.
-ParametricPupil* read_parametric_pupil(const char* file_name,
-                                       std::int32_t* error_code,
-                                       std::int32_t* line,
-                                       std::int32_t* column);
+ParametricPupil* read_parametric_pupil(const char* file_name, std::int32_t* error_code,
+                                       std::int32_t* line, std::int32_t* column);
 
 // Reads one whole line of stream into *line (grown by 256 bytes at a time,
 // reallocated by this call; *size is its allocation) and drops the newline.
@@ -270,36 +241,32 @@ ParametricPupil* read_parametric_pupil(const char* file_name,
 // (error code untouched; an unended last line is dropped) or with
 // *error_code = 20 on a read error, out of memory or a line beyond 2^31
 // bytes. *column is 0 on entry and the failing column on error 20.
-int read_full_line(std::FILE* stream, char** line, std::int32_t* size,
-                   std::int32_t* error_code, std::int32_t* column);
+int read_full_line(std::FILE* stream, char** line, std::int32_t* size, std::int32_t* error_code,
+                   std::int32_t* column);
 
 // Reads the term lines of one Zernike block into coeff until count values
 // have been read, placing each by its (n, m); *line_number advances per
 // line. Returns 0, or 1 at end of file (error code untouched) or on error:
 // 12 for a malformed line, 13 for a term outside the set of count terms, or
 // the line reader's 20, with *column set.
-int read_zernike_coeff(std::FILE* stream, std::int32_t count, double* coeff,
-                       char** line, std::int32_t* size,
-                       std::int32_t* error_code, std::int32_t* line_number,
+int read_zernike_coeff(std::FILE* stream, std::int32_t count, double* coeff, char** line,
+                       std::int32_t* size, std::int32_t* error_code, std::int32_t* line_number,
                        std::int32_t* column);
 
 // As read_zernike_coeff for a polar Fourier block of orders (a, b): lines
 // (i, j) with i in [0, a] and j in [0, b], (2a+1)(2b+1) values in all.
-int read_polarf_coeff(std::FILE* stream, std::int32_t a, std::int32_t b,
-                      double* coeff, char** line, std::int32_t* size,
-                      std::int32_t* error_code, std::int32_t* line_number,
+int read_polarf_coeff(std::FILE* stream, std::int32_t a, std::int32_t b, double* coeff, char** line,
+                      std::int32_t* size, std::int32_t* error_code, std::int32_t* line_number,
                       std::int32_t* column);
 
 // Writes the block "#<name>_<wavelength_index>" with one term line per
 // Zernike term of the count values in coeff; nothing when count < 1.
-void write_zernike_coeff(std::FILE* stream, const double* coeff,
-                         std::int32_t count, std::int32_t wavelength_index,
-                         const char* name);
+void write_zernike_coeff(std::FILE* stream, const double* coeff, std::int32_t count,
+                         std::int32_t wavelength_index, const char* name);
 
 // Writes the block "#<name>_<wavelength_index>" with the polar Fourier term
 // lines of orders (a, b); nothing when a or b is negative.
-void write_polarf_coeff(std::FILE* stream, const double* coeff, std::int32_t a,
-                        std::int32_t b, std::int32_t wavelength_index,
-                        const char* name);
+void write_polarf_coeff(std::FILE* stream, const double* coeff, std::int32_t a, std::int32_t b,
+                        std::int32_t wavelength_index, const char* name);
 
 }  // namespace torvel

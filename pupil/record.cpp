@@ -25,8 +25,7 @@ constexpr std::int64_t kMaxCount = INT32_MAX;
 constexpr double kInverseSqrt2 = 0.7071067811865475;
 
 bool is_valid_zernike_set(std::int32_t n, std::int32_t m) {
-    return n >= 0 && n <= kMaxZernikeOrder && m >= 0 && m <= n &&
-           (n - m) % 2 == 0;
+    return n >= 0 && n <= kMaxZernikeOrder && m >= 0 && m <= n && (n - m) % 2 == 0;
 }
 
 // Capacity that holds `needed` entries, rounded up to a whole step; 0 when it
@@ -68,10 +67,8 @@ void free_waves(WaveAttributes* waves, std::int32_t first, std::int32_t end) {
     for (std::int32_t i = first; i < end; ++i) free_wave(waves[i]);
 }
 
-void move_waves(WaveAttributes* to, const WaveAttributes* from,
-                std::int32_t count) {
-    if (count > 0)
-        std::memmove(to, from, sizeof(WaveAttributes) * std::size_t(count));
+void move_waves(WaveAttributes* to, const WaveAttributes* from, std::int32_t count) {
+    if (count > 0) std::memmove(to, from, sizeof(WaveAttributes) * std::size_t(count));
 }
 
 void move_labels(char** to, char* const* from, std::int32_t count) {
@@ -111,8 +108,7 @@ ParametricPupil* insert_wave_in_place(ParametricPupil* pupil, std::int32_t i) {
     WaveAttributes* waves = pupil->waves;
     const std::int32_t c = pupil->wavelength_count;
     if (i < c) move_waves(waves + i + 1, waves + i, c - i);
-    if (i > c && initialize_wave_attributes(waves, pupil, c, i) != 0)
-        return nullptr;
+    if (i > c && initialize_wave_attributes(waves, pupil, c, i) != 0) return nullptr;
     if (initialize_wave_attributes(waves, pupil, i, i + 1) != 0) {
         if (i < c) {
             move_waves(waves + i, waves + i + 1, c - i);
@@ -126,12 +122,10 @@ ParametricPupil* insert_wave_in_place(ParametricPupil* pupil, std::int32_t i) {
 }
 
 // Insertion of a wavelength into a new, larger array.
-ParametricPupil* insert_wave_in_new_array(ParametricPupil* pupil,
-                                          std::int32_t i) {
+ParametricPupil* insert_wave_in_new_array(ParametricPupil* pupil, std::int32_t i) {
     const std::int32_t c = pupil->wavelength_count;
     const std::int32_t k = pupil->wavelength_capacity;
-    const std::int64_t base = (c == k && i < k) ? std::int64_t(k) + 1
-                                                : std::int64_t(i) + 1;
+    const std::int64_t base = (c == k && i < k) ? std::int64_t(k) + 1 : std::int64_t(i) + 1;
     const std::int32_t capacity = rounded_capacity(base, kWaveCapacityStep);
     if (capacity == 0) return nullptr;
     auto* waves = new (std::nothrow) WaveAttributes[std::size_t(capacity)]();
@@ -155,15 +149,18 @@ ParametricPupil* insert_wave_in_new_array(ParametricPupil* pupil,
 }
 
 // Which of the four series an order-set change applies to.
-enum class Series { amplitude_zernike, phase_zernike, amplitude_polarf,
-                    phase_polarf };
+enum class Series { amplitude_zernike, phase_zernike, amplitude_polarf, phase_polarf };
 
 double*& series_array(WaveAttributes& wave, Series series) {
     switch (series) {
-        case Series::amplitude_zernike: return wave.amplitude_zernike_coeff;
-        case Series::phase_zernike: return wave.phase_zernike_coeff;
-        case Series::amplitude_polarf: return wave.amplitude_polarf_coeff;
-        case Series::phase_polarf: break;
+        case Series::amplitude_zernike:
+            return wave.amplitude_zernike_coeff;
+        case Series::phase_zernike:
+            return wave.phase_zernike_coeff;
+        case Series::amplitude_polarf:
+            return wave.amplitude_polarf_coeff;
+        case Series::phase_polarf:
+            break;
     }
     return wave.phase_polarf_coeff;
 }
@@ -181,7 +178,8 @@ OrderFields series_orders(ParametricPupil* pupil, Series series) {
             return {&pupil->phase_zernike_n, &pupil->phase_zernike_m};
         case Series::amplitude_polarf:
             return {&pupil->amplitude_polarf_n, &pupil->amplitude_polarf_m};
-        case Series::phase_polarf: break;
+        case Series::phase_polarf:
+            break;
     }
     return {&pupil->phase_polarf_n, &pupil->phase_polarf_m};
 }
@@ -196,8 +194,7 @@ bool grow_series(ParametricPupil* pupil, Series series, std::int32_t old_count,
         double*& array = series_array(pupil->waves[w], series);
         double* grown = new_coeff_array(new_count);
         if (grown == nullptr) return false;
-        if (old_count > 0)
-            std::memcpy(grown, array, sizeof(double) * std::size_t(old_count));
+        if (old_count > 0) std::memcpy(grown, array, sizeof(double) * std::size_t(old_count));
         delete[] array;
         array = grown;
     }
@@ -214,9 +211,9 @@ void remove_series(ParametricPupil* pupil, Series series) {
 
 // The shared step of all four order setters, once the new set is validated
 // and its count known (0 when the series is removed).
-ParametricPupil* change_orders(ParametricPupil* pupil, Series series,
-                               std::int32_t first, std::int32_t second,
-                               std::int32_t old_count, std::int32_t new_count) {
+ParametricPupil* change_orders(ParametricPupil* pupil, Series series, std::int32_t first,
+                               std::int32_t second, std::int32_t old_count,
+                               std::int32_t new_count) {
     const OrderFields orders = series_orders(pupil, series);
     if (new_count == 0) {
         remove_series(pupil, series);
@@ -224,34 +221,28 @@ ParametricPupil* change_orders(ParametricPupil* pupil, Series series,
         *orders.second = -1;
         return pupil;
     }
-    if (new_count > old_count &&
-        !grow_series(pupil, series, old_count, new_count))
-        return nullptr;
+    if (new_count > old_count && !grow_series(pupil, series, old_count, new_count)) return nullptr;
     *orders.first = first;
     *orders.second = second;
     return pupil;
 }
 
-ParametricPupil* set_zernike_orders(ParametricPupil* pupil, Series series,
-                                    std::int32_t n, std::int32_t m,
-                                    std::int32_t old_count) {
+ParametricPupil* set_zernike_orders(ParametricPupil* pupil, Series series, std::int32_t n,
+                                    std::int32_t m, std::int32_t old_count) {
     if (pupil == nullptr) return nullptr;
     if (n >= 0 && !is_valid_zernike_set(n, m)) return nullptr;
     return change_orders(pupil, series, n, m, old_count, zernike_term_count(n, m));
 }
 
-ParametricPupil* set_polarf_orders(ParametricPupil* pupil, Series series,
-                                   std::int32_t a, std::int32_t b,
-                                   std::int32_t old_count) {
+ParametricPupil* set_polarf_orders(ParametricPupil* pupil, Series series, std::int32_t a,
+                                   std::int32_t b, std::int32_t old_count) {
     if (pupil == nullptr) return nullptr;
     const std::int64_t count = polarf_term_count(a, b);
     if (count > kMaxCount) return nullptr;
-    return change_orders(pupil, series, a, b, old_count,
-                         static_cast<std::int32_t>(count));
+    return change_orders(pupil, series, a, b, old_count, static_cast<std::int32_t>(count));
 }
 
-void write_pair(std::int32_t first, std::int32_t second, std::int32_t* out1,
-                std::int32_t* out2) {
+void write_pair(std::int32_t first, std::int32_t second, std::int32_t* out1, std::int32_t* out2) {
     if (out1 != nullptr) *out1 = first;
     if (out2 != nullptr) *out2 = second;
 }
@@ -279,8 +270,7 @@ ParametricPupil* create_parametric_pupil() {
 
 void destroy_parametric_pupil(ParametricPupil* pupil) {
     if (pupil == nullptr) return;
-    for (std::int32_t i = 0; i < pupil->label_count; ++i)
-        free_label(pupil->labels[i]);
+    for (std::int32_t i = 0; i < pupil->label_count; ++i) free_label(pupil->labels[i]);
     if (pupil->label_capacity > 0) delete[] pupil->labels;
     free_waves(pupil->waves, 0, pupil->wavelength_count);
     if (pupil->wavelength_capacity > 0) delete[] pupil->waves;
@@ -293,21 +283,18 @@ std::int32_t get_parametric_pupil_label_count(const ParametricPupil* pupil) {
     return pupil == nullptr ? 0 : pupil->label_count;
 }
 
-ParametricPupil* set_parametric_pupil_label_count(ParametricPupil* pupil,
-                                                  std::int32_t count) {
+ParametricPupil* set_parametric_pupil_label_count(ParametricPupil* pupil, std::int32_t count) {
     if (pupil == nullptr || count < 0) return nullptr;
     if (count > pupil->label_capacity &&
         !grow_labels(pupil, rounded_capacity(count, kLabelCapacityStep)))
         return nullptr;
-    for (std::int32_t i = count; i < pupil->label_count; ++i)
-        free_label(pupil->labels[i]);
+    for (std::int32_t i = count; i < pupil->label_count; ++i) free_label(pupil->labels[i]);
     fill_empty_labels(pupil->labels, pupil->label_count, count);
     pupil->label_count = count;
     return pupil;
 }
 
-ParametricPupil* insert_parametric_pupil_label(ParametricPupil* pupil,
-                                               std::int32_t index,
+ParametricPupil* insert_parametric_pupil_label(ParametricPupil* pupil, std::int32_t index,
                                                const char* text) {
     if (pupil == nullptr || index < 0) return nullptr;
     char* copy = copy_label(text);
@@ -320,12 +307,9 @@ ParametricPupil* insert_parametric_pupil_label(ParametricPupil* pupil,
         fill_empty_labels(pupil->labels, c, i);
         pupil->labels[i] = copy;
     } else {
-        const std::int64_t base = (c == k && i < k) ? std::int64_t(k) + 1
-                                                    : std::int64_t(i) + 1;
+        const std::int64_t base = (c == k && i < k) ? std::int64_t(k) + 1 : std::int64_t(i) + 1;
         const std::int32_t capacity = rounded_capacity(base, kLabelCapacityStep);
-        char** labels = capacity == 0
-                            ? nullptr
-                            : new (std::nothrow) char*[std::size_t(capacity)]();
+        char** labels = capacity == 0 ? nullptr : new (std::nothrow) char*[std::size_t(capacity)]();
         if (labels == nullptr) {
             free_label(copy);
             return nullptr;
@@ -342,8 +326,7 @@ ParametricPupil* insert_parametric_pupil_label(ParametricPupil* pupil,
     return pupil;
 }
 
-ParametricPupil* set_parametric_pupil_label(ParametricPupil* pupil,
-                                            std::int32_t index,
+ParametricPupil* set_parametric_pupil_label(ParametricPupil* pupil, std::int32_t index,
                                             const char* text) {
     if (!has_label(pupil, index)) return nullptr;
     char* copy = copy_label(text);
@@ -353,25 +336,21 @@ ParametricPupil* set_parametric_pupil_label(ParametricPupil* pupil,
     return pupil;
 }
 
-const char* get_parametric_pupil_label(const ParametricPupil* pupil,
-                                       std::int32_t index) {
+const char* get_parametric_pupil_label(const ParametricPupil* pupil, std::int32_t index) {
     return has_label(pupil, index) ? pupil->labels[index] : nullptr;
 }
 
-ParametricPupil* delete_parametric_pupil_label(ParametricPupil* pupil,
-                                               std::int32_t index) {
+ParametricPupil* delete_parametric_pupil_label(ParametricPupil* pupil, std::int32_t index) {
     if (!has_label(pupil, index)) return nullptr;
     free_label(pupil->labels[index]);
-    move_labels(pupil->labels + index, pupil->labels + index + 1,
-                pupil->label_count - index - 1);
+    move_labels(pupil->labels + index, pupil->labels + index + 1, pupil->label_count - index - 1);
     --pupil->label_count;
     return pupil;
 }
 
 // ---- optics ----------------------------------------------------------------
 
-ParametricPupil* set_parametric_pupil_na_nimm(ParametricPupil* pupil, float na,
-                                              float n_imm) {
+ParametricPupil* set_parametric_pupil_na_nimm(ParametricPupil* pupil, float na, float n_imm) {
     if (pupil == nullptr) return nullptr;
     // The quotient is taken in single precision, the precision the values
     // are kept in, so an aperture equal to the index is always accepted.
@@ -387,13 +366,11 @@ float get_parametric_pupil_numerical_aperture(const ParametricPupil* pupil) {
     return pupil == nullptr ? 1.0f : pupil->numerical_aperture;
 }
 
-float get_parametric_pupil_immersion_refractive_index(
-    const ParametricPupil* pupil) {
+float get_parametric_pupil_immersion_refractive_index(const ParametricPupil* pupil) {
     return pupil == nullptr ? 1.0f : pupil->immersion_refractive_index;
 }
 
-ParametricPupil* set_parametric_pupil_lens_id(ParametricPupil* pupil,
-                                              std::int32_t id) {
+ParametricPupil* set_parametric_pupil_lens_id(ParametricPupil* pupil, std::int32_t id) {
     if (pupil == nullptr) return nullptr;
     pupil->lens_id = id;
     return pupil;
@@ -405,71 +382,57 @@ std::int32_t get_parametric_pupil_lens_id(const ParametricPupil* pupil) {
 
 // ---- wavelengths -----------------------------------------------------------
 
-std::int32_t get_parametric_pupil_wavelength_count(
-    const ParametricPupil* pupil) {
+std::int32_t get_parametric_pupil_wavelength_count(const ParametricPupil* pupil) {
     return pupil == nullptr ? 0 : pupil->wavelength_count;
 }
 
-ParametricPupil* set_parametric_pupil_wavelength_count(ParametricPupil* pupil,
-                                                       std::int32_t count) {
+ParametricPupil* set_parametric_pupil_wavelength_count(ParametricPupil* pupil, std::int32_t count) {
     if (pupil == nullptr || count < 0) return nullptr;
     if (count > pupil->wavelength_capacity &&
         !grow_waves(pupil, rounded_capacity(count, kWaveCapacityStep)))
         return nullptr;
     const std::int32_t old_count = pupil->wavelength_count;
-    if (count > old_count &&
-        initialize_wave_attributes(pupil->waves, pupil, old_count, count) != 0)
+    if (count > old_count && initialize_wave_attributes(pupil->waves, pupil, old_count, count) != 0)
         return nullptr;
     free_waves(pupil->waves, count, old_count);
     pupil->wavelength_count = count;
     return pupil;
 }
 
-ParametricPupil* insert_parametric_pupil_wavelength(ParametricPupil* pupil,
-                                                    std::int32_t index) {
+ParametricPupil* insert_parametric_pupil_wavelength(ParametricPupil* pupil, std::int32_t index) {
     if (pupil == nullptr || index < 0 || index == INT32_MAX) return nullptr;
-    if (pupil->wavelength_count != pupil->wavelength_capacity &&
-        index < pupil->wavelength_capacity)
+    if (pupil->wavelength_count != pupil->wavelength_capacity && index < pupil->wavelength_capacity)
         return insert_wave_in_place(pupil, index);
     return insert_wave_in_new_array(pupil, index);
 }
 
-ParametricPupil* delete_parametric_pupil_wavelength(ParametricPupil* pupil,
-                                                    std::int32_t index) {
+ParametricPupil* delete_parametric_pupil_wavelength(ParametricPupil* pupil, std::int32_t index) {
     if (!has_wave(pupil, index)) return nullptr;
     WaveAttributes* waves = pupil->waves;
     free_wave(waves[index]);
-    move_waves(waves + index, waves + index + 1,
-               pupil->wavelength_count - index - 1);
+    move_waves(waves + index, waves + index + 1, pupil->wavelength_count - index - 1);
     --pupil->wavelength_count;
     waves[pupil->wavelength_count] = WaveAttributes{};
     return pupil;
 }
 
-ParametricPupil* set_parametric_pupil_wavelength(ParametricPupil* pupil,
-                                                 std::int32_t index,
+ParametricPupil* set_parametric_pupil_wavelength(ParametricPupil* pupil, std::int32_t index,
                                                  float wavelength_um) {
     if (!has_wave(pupil, index)) return nullptr;
     pupil->waves[index].wavelength = wavelength_um;
     return pupil;
 }
 
-float get_parametric_pupil_wavelength(const ParametricPupil* pupil,
-                                      std::int32_t index) {
+float get_parametric_pupil_wavelength(const ParametricPupil* pupil, std::int32_t index) {
     return has_wave(pupil, index) ? pupil->waves[index].wavelength : -1.0f;
 }
 
-int initialize_wave_attributes(WaveAttributes* waves,
-                               const ParametricPupil* pupil,
+int initialize_wave_attributes(WaveAttributes* waves, const ParametricPupil* pupil,
                                std::int32_t first, std::int32_t end) {
-    const std::int32_t amplitude_zernike =
-        get_parametric_pupil_amplitude_zernike_count(pupil);
-    const std::int32_t phase_zernike =
-        get_parametric_pupil_phase_zernike_count(pupil);
-    const std::int32_t amplitude_polarf =
-        get_parametric_pupil_amplitude_polarf_count(pupil);
-    const std::int32_t phase_polarf =
-        get_parametric_pupil_phase_polarf_count(pupil);
+    const std::int32_t amplitude_zernike = get_parametric_pupil_amplitude_zernike_count(pupil);
+    const std::int32_t phase_zernike = get_parametric_pupil_phase_zernike_count(pupil);
+    const std::int32_t amplitude_polarf = get_parametric_pupil_amplitude_polarf_count(pupil);
+    const std::int32_t phase_polarf = get_parametric_pupil_phase_polarf_count(pupil);
     for (std::int32_t i = first; i < end; ++i) {
         WaveAttributes& wave = waves[i];
         wave.amplitude_zernike_coeff = new_coeff_array(amplitude_zernike);
@@ -488,115 +451,97 @@ int initialize_wave_attributes(WaveAttributes* waves,
         // by the Zernike series when there is one and by the polar Fourier
         // series otherwise, so that an unfitted wavelength is still usable.
         if (amplitude_zernike > 0) wave.amplitude_zernike_coeff[0] = kInverseSqrt2;
-        if (amplitude_polarf > 0 && amplitude_zernike == 0)
-            wave.amplitude_polarf_coeff[0] = 1.0;
+        if (amplitude_polarf > 0 && amplitude_zernike == 0) wave.amplitude_polarf_coeff[0] = 1.0;
     }
     return 0;
 }
 
 // ---- order sets and coefficients -------------------------------------------
 
-ParametricPupil* set_parametric_pupil_amplitude_zernike_orders(
-    ParametricPupil* pupil, std::int32_t n, std::int32_t m) {
+ParametricPupil* set_parametric_pupil_amplitude_zernike_orders(ParametricPupil* pupil,
+                                                               std::int32_t n, std::int32_t m) {
     return set_zernike_orders(pupil, Series::amplitude_zernike, n, m,
                               get_parametric_pupil_amplitude_zernike_count(pupil));
 }
 
-ParametricPupil* set_parametric_pupil_phase_zernike_orders(
-    ParametricPupil* pupil, std::int32_t n, std::int32_t m) {
+ParametricPupil* set_parametric_pupil_phase_zernike_orders(ParametricPupil* pupil, std::int32_t n,
+                                                           std::int32_t m) {
     return set_zernike_orders(pupil, Series::phase_zernike, n, m,
                               get_parametric_pupil_phase_zernike_count(pupil));
 }
 
-ParametricPupil* set_parametric_pupil_amplitude_polarf_orders(
-    ParametricPupil* pupil, std::int32_t a, std::int32_t b) {
+ParametricPupil* set_parametric_pupil_amplitude_polarf_orders(ParametricPupil* pupil,
+                                                              std::int32_t a, std::int32_t b) {
     return set_polarf_orders(pupil, Series::amplitude_polarf, a, b,
                              get_parametric_pupil_amplitude_polarf_count(pupil));
 }
 
-ParametricPupil* set_parametric_pupil_phase_polarf_orders(
-    ParametricPupil* pupil, std::int32_t a, std::int32_t b) {
+ParametricPupil* set_parametric_pupil_phase_polarf_orders(ParametricPupil* pupil, std::int32_t a,
+                                                          std::int32_t b) {
     return set_polarf_orders(pupil, Series::phase_polarf, a, b,
                              get_parametric_pupil_phase_polarf_count(pupil));
 }
 
-void get_parametric_pupil_amplitude_zernike_orders(const ParametricPupil* pupil,
-                                                   std::int32_t* n,
+void get_parametric_pupil_amplitude_zernike_orders(const ParametricPupil* pupil, std::int32_t* n,
                                                    std::int32_t* m) {
     if (pupil == nullptr) return write_pair(-1, -1, n, m);
     write_pair(pupil->amplitude_zernike_n, pupil->amplitude_zernike_m, n, m);
 }
 
-void get_parametric_pupil_phase_zernike_orders(const ParametricPupil* pupil,
-                                               std::int32_t* n,
+void get_parametric_pupil_phase_zernike_orders(const ParametricPupil* pupil, std::int32_t* n,
                                                std::int32_t* m) {
     if (pupil == nullptr) return write_pair(-1, -1, n, m);
     write_pair(pupil->phase_zernike_n, pupil->phase_zernike_m, n, m);
 }
 
-void get_parametric_pupil_amplitude_polarf_orders(const ParametricPupil* pupil,
-                                                  std::int32_t* a,
+void get_parametric_pupil_amplitude_polarf_orders(const ParametricPupil* pupil, std::int32_t* a,
                                                   std::int32_t* b) {
     if (pupil == nullptr) return write_pair(-1, -1, a, b);
     write_pair(pupil->amplitude_polarf_n, pupil->amplitude_polarf_m, a, b);
 }
 
-void get_parametric_pupil_phase_polarf_orders(const ParametricPupil* pupil,
-                                              std::int32_t* a,
+void get_parametric_pupil_phase_polarf_orders(const ParametricPupil* pupil, std::int32_t* a,
                                               std::int32_t* b) {
     if (pupil == nullptr) return write_pair(-1, -1, a, b);
     write_pair(pupil->phase_polarf_n, pupil->phase_polarf_m, a, b);
 }
 
-std::int32_t get_parametric_pupil_amplitude_zernike_count(
-    const ParametricPupil* pupil) {
+std::int32_t get_parametric_pupil_amplitude_zernike_count(const ParametricPupil* pupil) {
     if (pupil == nullptr) return 0;
-    return zernike_term_count(pupil->amplitude_zernike_n,
-                              pupil->amplitude_zernike_m);
+    return zernike_term_count(pupil->amplitude_zernike_n, pupil->amplitude_zernike_m);
 }
 
-std::int32_t get_parametric_pupil_phase_zernike_count(
-    const ParametricPupil* pupil) {
+std::int32_t get_parametric_pupil_phase_zernike_count(const ParametricPupil* pupil) {
     if (pupil == nullptr) return 0;
     return zernike_term_count(pupil->phase_zernike_n, pupil->phase_zernike_m);
 }
 
-std::int32_t get_parametric_pupil_amplitude_polarf_count(
-    const ParametricPupil* pupil) {
+std::int32_t get_parametric_pupil_amplitude_polarf_count(const ParametricPupil* pupil) {
     if (pupil == nullptr) return 0;
-    return static_cast<std::int32_t>(polarf_term_count(
-        pupil->amplitude_polarf_n, pupil->amplitude_polarf_m));
+    return static_cast<std::int32_t>(
+        polarf_term_count(pupil->amplitude_polarf_n, pupil->amplitude_polarf_m));
 }
 
-std::int32_t get_parametric_pupil_phase_polarf_count(
-    const ParametricPupil* pupil) {
+std::int32_t get_parametric_pupil_phase_polarf_count(const ParametricPupil* pupil) {
     if (pupil == nullptr) return 0;
     return static_cast<std::int32_t>(
         polarf_term_count(pupil->phase_polarf_n, pupil->phase_polarf_m));
 }
 
-double* get_parametric_pupil_amplitude_zernike_coeff(ParametricPupil* pupil,
-                                                     std::int32_t index) {
-    return has_wave(pupil, index) ? pupil->waves[index].amplitude_zernike_coeff
-                                  : nullptr;
+double* get_parametric_pupil_amplitude_zernike_coeff(ParametricPupil* pupil, std::int32_t index) {
+    return has_wave(pupil, index) ? pupil->waves[index].amplitude_zernike_coeff : nullptr;
 }
 
-double* get_parametric_pupil_phase_zernike_coeff(ParametricPupil* pupil,
-                                                 std::int32_t index) {
-    return has_wave(pupil, index) ? pupil->waves[index].phase_zernike_coeff
-                                  : nullptr;
+double* get_parametric_pupil_phase_zernike_coeff(ParametricPupil* pupil, std::int32_t index) {
+    return has_wave(pupil, index) ? pupil->waves[index].phase_zernike_coeff : nullptr;
 }
 
-double* get_parametric_pupil_amplitude_polarf_coeff(ParametricPupil* pupil,
-                                                    std::int32_t index) {
-    return has_wave(pupil, index) ? pupil->waves[index].amplitude_polarf_coeff
-                                  : nullptr;
+double* get_parametric_pupil_amplitude_polarf_coeff(ParametricPupil* pupil, std::int32_t index) {
+    return has_wave(pupil, index) ? pupil->waves[index].amplitude_polarf_coeff : nullptr;
 }
 
-double* get_parametric_pupil_phase_polarf_coeff(ParametricPupil* pupil,
-                                                std::int32_t index) {
-    return has_wave(pupil, index) ? pupil->waves[index].phase_polarf_coeff
-                                  : nullptr;
+double* get_parametric_pupil_phase_polarf_coeff(ParametricPupil* pupil, std::int32_t index) {
+    return has_wave(pupil, index) ? pupil->waves[index].phase_polarf_coeff : nullptr;
 }
 
 }  // namespace torvel

@@ -33,9 +33,9 @@ constexpr float kWavelengthsNm[2] = {525.0f, 617.0f};
 constexpr float kNumericalAperture = 1.4f;
 constexpr float kImmersionIndex = 1.515f;
 constexpr int kLensId = 12;
-constexpr int kOrder = 8;         // both series are given and fitted as the set (8, 0)
-constexpr int kTerms = 37;        // 8 * 9 / 2 + 0 + 1
-constexpr float kDiscFill = 0.7f; // pupil radius at 525 nm as a fraction of half the width
+constexpr int kOrder = 8;          // both series are given and fitted as the set (8, 0)
+constexpr int kTerms = 37;         // 8 * 9 / 2 + 0 + 1
+constexpr float kDiscFill = 0.7f;  // pupil radius at 525 nm as a fraction of half the width
 
 // One aberration: coefficient of R_n^l(rho) times cos(l theta) (or sin).
 struct Term {
@@ -51,9 +51,9 @@ const std::vector<Term> kAmplitude = {
 
 // Phase at 525 nm, radians. The defocus spans three turns across the pupil;
 // the piston is set so that the centre, where unwrapping starts, lies near 0.3.
-const std::vector<Term> kPhase = {
-    {1, 1, false, 0.4},  {2, 0, false, 9.0},   {2, 2, false, 1.2}, {2, 2, true, -0.6},
-    {3, 1, false, 0.8},  {3, 1, true, -0.5},   {4, 0, false, 1.5}, {6, 0, false, -0.3}};
+const std::vector<Term> kPhase = {{1, 1, false, 0.4}, {2, 0, false, 9.0}, {2, 2, false, 1.2},
+                                  {2, 2, true, -0.6}, {3, 1, false, 0.8}, {3, 1, true, -0.5},
+                                  {4, 0, false, 1.5}, {6, 0, false, -0.3}};
 
 double factorial(int k) {
     double f = 1.0;
@@ -79,7 +79,8 @@ int slot_of(const Term& t) {
 double evaluate(const std::vector<Term>& terms, double rho, double theta, double scale) {
     double sum = 0.0;
     for (const Term& t : terms) {
-        const double angular = t.l == 0 ? 1.0 : (t.sine ? std::sin(t.l * theta) : std::cos(t.l * theta));
+        const double angular =
+            t.l == 0 ? 1.0 : (t.sine ? std::sin(t.l * theta) : std::cos(t.l * theta));
         sum += t.value * scale * radial(t.n, t.l, rho) * angular;
     }
     return sum;
@@ -101,7 +102,9 @@ std::vector<double> coefficients(const std::vector<Term>& terms, double scale) {
     return c;
 }
 
-double phase_scale(int w) { return kWavelengthsNm[0] / kWavelengthsNm[w]; }
+double phase_scale(int w) {
+    return kWavelengthsNm[0] / kWavelengthsNm[w];
+}
 
 struct Xorshift {
     std::uint64_t state = 0x9E3779B97F4A7C15ull;
@@ -124,7 +127,8 @@ struct Options {
 };
 
 int write_image(const Options& o) {
-    const float dx = kNumericalAperture / (kWavelengthsNm[0] / 1000.0f) / (kDiscFill * o.size / 2.0f);
+    const float dx =
+        kNumericalAperture / (kWavelengthsNm[0] / 1000.0f) / (kDiscFill * o.size / 2.0f);
     const float origin = -(o.size / 2) * dx;
     if (torvel::image_open(1, o.image.c_str(), "new") != 0) return 1;
     torvel::image_set_dimensions(1, o.size, o.size);
@@ -149,7 +153,8 @@ int write_image(const Options& o) {
                 const double rho = std::sqrt(x * x + y * y) / radius;
                 const double theta = std::atan2(y, x);
                 double a = 0.0, p = 0.0;
-                if (rho <= 1.0 + 2.0 / radius) {  // edge pixels just outside rho = 1 are sampled too
+                if (rho <=
+                    1.0 + 2.0 / radius) {  // edge pixels just outside rho = 1 are sampled too
                     a = evaluate(kAmplitude, rho, theta, 1.0);
                     p = evaluate(phase, rho, theta, phase_scale(w));
                     if (o.noise) {
@@ -220,7 +225,8 @@ void compare_series(const char* what, const double* fitted, const double* truth)
     int largest_slot = 0;
     for (int k = 0; k < kTerms; ++k) {
         if (truth[k] != 0.0) {
-            std::printf("  %-9s  %-10s %12.6f %12.6f\n", "", term_name(k).c_str(), fitted[k], truth[k]);
+            std::printf("  %-9s  %-10s %12.6f %12.6f\n", "", term_name(k).c_str(), fitted[k],
+                        truth[k]);
         } else if (std::fabs(fitted[k]) > std::fabs(largest_other)) {
             largest_other = fitted[k];
             largest_slot = k;
@@ -243,13 +249,15 @@ int compare(const char* fit_name) {
     if (!truth || torvel::get_parametric_pupil_wavelength_count(fit) != 2 ||
         torvel::get_parametric_pupil_amplitude_zernike_count(fit) != kTerms ||
         torvel::get_parametric_pupil_phase_zernike_count(fit) != kTerms) {
-        std::fprintf(stderr, "make_sample_pupil: %s is not a fit of the sample with the default sets\n",
+        std::fprintf(stderr,
+                     "make_sample_pupil: %s is not a fit of the sample with the default sets\n",
                      fit_name);
         status = 1;
     } else {
         for (int w = 0; w < 2; ++w) {
             std::printf("wavelength %.3f um\n", torvel::get_parametric_pupil_wavelength(fit, w));
-            compare_series("amplitude", torvel::get_parametric_pupil_amplitude_zernike_coeff(fit, w),
+            compare_series("amplitude",
+                           torvel::get_parametric_pupil_amplitude_zernike_coeff(fit, w),
                            torvel::get_parametric_pupil_amplitude_zernike_coeff(truth, w));
             compare_series("phase", torvel::get_parametric_pupil_phase_zernike_coeff(fit, w),
                            torvel::get_parametric_pupil_phase_zernike_coeff(truth, w));

@@ -22,8 +22,7 @@ constexpr double kWavelengthMatch = 0.5;
 // reject (everything else). Values beyond room go to a scratch cell so that
 // the count still tells the caller how many were given.
 template <typename T>
-int extract_values(const char* text, int room, T* values, const char* format)
-{
+int extract_values(const char* text, int room, T* values, const char* format) {
     int count = 0;
     const char* cursor = text;
     for (;;) {
@@ -48,9 +47,7 @@ int extract_values(const char* text, int room, T* values, const char* format)
 
 // The text after prefix in the first of argv[1..argc-1] that begins with it,
 // or null.
-const char* find_switch_value(const char* prefix, const char* const* argv,
-                              int argc)
-{
+const char* find_switch_value(const char* prefix, const char* const* argv, int argc) {
     const std::size_t length = std::strlen(prefix);
     for (int i = 1; i < argc; ++i) {
         if (std::strncmp(argv[i], prefix, length) == 0) {
@@ -60,9 +57,7 @@ const char* find_switch_value(const char* prefix, const char* const* argv,
     return nullptr;
 }
 
-void print_range_format_error(const char* program, const char* name,
-                              int allow_third)
-{
+void print_range_format_error(const char* program, const char* name, int allow_third) {
     if (allow_third) {
         std::fprintf(stderr,
                      "%s: %s expects one to three integer values; the first\n"
@@ -80,10 +75,8 @@ void print_range_format_error(const char* program, const char* name,
 // Checks the values of a range one after the other, storing each accepted
 // one. Returns 1 if a value lies beyond the dimension (message printed);
 // sets *format_error and stops at the first value of the wrong form.
-int check_range_values(const char* program, const char* name,
-                       const int* values, int count, int dim_size,
-                       int range[3], bool* format_error)
-{
+int check_range_values(const char* program, const char* name, const int* values, int count,
+                       int dim_size, int range[3], bool* format_error) {
     int result = 0;
     if (values[0] < 0) {
         *format_error = true;
@@ -128,9 +121,7 @@ int check_range_values(const char* program, const char* name,
 // The first index of file_waves within the match distance of wavelength, or
 // -1. The difference is formed in float, as the file holds floats, and only
 // its magnitude is compared in double.
-int find_wavelength(const float* file_waves, int file_wave_count,
-                    int wavelength)
-{
+int find_wavelength(const float* file_waves, int file_wave_count, int wavelength) {
     for (int i = 0; i < file_wave_count; ++i) {
         const float difference = file_waves[i] - static_cast<float>(wavelength);
         if (std::fabs(static_cast<double>(difference)) <= kWavelengthMatch) {
@@ -142,10 +133,8 @@ int find_wavelength(const float* file_waves, int file_wave_count,
 
 // Resolves one -w= style value into *index. An index is preferred whenever
 // the value can be one. Returns 1 after a message when the value is rejected.
-int resolve_wave_value(const char* program, const char* name, int value,
-                       const float* file_waves, int file_wave_count,
-                       int* index)
-{
+int resolve_wave_value(const char* program, const char* name, int value, const float* file_waves,
+                       int file_wave_count, int* index) {
     if (value >= 0 && value < file_wave_count) {
         *index = value;
         return 0;
@@ -159,9 +148,8 @@ int resolve_wave_value(const char* program, const char* name, int value,
     }
     const int found = find_wavelength(file_waves, file_wave_count, value);
     if (found < 0) {
-        std::fprintf(stderr,
-                     "%s: wavelength %d is not present in the input file\n",
-                     program, value);
+        std::fprintf(stderr, "%s: wavelength %d is not present in the input file\n", program,
+                     value);
         return 1;
     }
     *index = found;
@@ -170,19 +158,15 @@ int resolve_wave_value(const char* program, const char* name, int value,
 
 }  // namespace
 
-int extract_switch_ints(const char* text, int room, int* values)
-{
+int extract_switch_ints(const char* text, int room, int* values) {
     return extract_values(text, room, values, "%d%n");
 }
 
-int extract_switch_floats(const char* text, int room, float* values)
-{
+int extract_switch_floats(const char* text, int room, float* values) {
     return extract_values(text, room, values, "%f%n");
 }
 
-int get_charswitchc(const char* prefix, const char* const* argv, int argc,
-                    int size, char* out)
-{
+int get_charswitchc(const char* prefix, const char* const* argv, int argc, int size, char* out) {
     const char* value = find_switch_value(prefix, argv, argc);
     if (value == nullptr) {
         return -1;
@@ -194,32 +178,26 @@ int get_charswitchc(const char* prefix, const char* const* argv, int argc,
     return 1;
 }
 
-int get_intswitchc(const char* prefix, const char* const* argv, int argc,
-                   int room, int* values)
-{
+int get_intswitchc(const char* prefix, const char* const* argv, int argc, int room, int* values) {
     const char* value = find_switch_value(prefix, argv, argc);
     return value == nullptr ? -1 : extract_switch_ints(value, room, values);
 }
 
-int get_floatswitch(const char* prefix, const char* const* argv, int argc,
-                    int room, float* values)
-{
+int get_floatswitch(const char* prefix, const char* const* argv, int argc, int room,
+                    float* values) {
     const char* value = find_switch_value(prefix, argv, argc);
     return value == nullptr ? -1 : extract_switch_floats(value, room, values);
 }
 
-int handle_range_switch(const char* program, const char* name,
-                        const char* text, int dim_size, int allow_third,
-                        int range[3])
-{
+int handle_range_switch(const char* program, const char* name, const char* text, int dim_size,
+                        int allow_third, int range[3]) {
     const int room = allow_third ? 3 : 2;
     int values[3] = {0, 0, 0};
     const int count = extract_switch_ints(text, room, values);
     bool format_error = count < 1 || count > room;
     int result = 0;
     if (!format_error) {
-        result = check_range_values(program, name, values, count, dim_size,
-                                    range, &format_error);
+        result = check_range_values(program, name, values, count, dim_size, range, &format_error);
     }
     if (format_error) {
         print_range_format_error(program, name, allow_third);
@@ -228,10 +206,8 @@ int handle_range_switch(const char* program, const char* name,
     return result;
 }
 
-int handle_wave_switch(const char* program, const char* name,
-                       const char* text, const float* file_waves,
-                       int file_wave_count, int max_values, int* indices)
-{
+int handle_wave_switch(const char* program, const char* name, const char* text,
+                       const float* file_waves, int file_wave_count, int max_values, int* indices) {
     // A negative limit is an impossible request for room, like a failed
     // allocation, and fails the same silent way.
     if (max_values < 0) {
@@ -243,26 +219,23 @@ int handle_wave_switch(const char* program, const char* name,
     }
     const int count = extract_switch_ints(text, max_values, values.get());
     if (count == 0) {
-        std::fprintf(stderr, "%s: %s expects at least one value\n", program,
-                     name);
+        std::fprintf(stderr, "%s: %s expects at least one value\n", program, name);
         return 1;
     }
     if (count > max_values) {
-        std::fprintf(stderr, "%s: %s expects at most %d values\n", program,
-                     name, max_values);
+        std::fprintf(stderr, "%s: %s expects at most %d values\n", program, name, max_values);
         return 1;
     }
     int result = 0;
     for (int k = 0; k < count; ++k) {
-        result |= resolve_wave_value(program, name, values[k], file_waves,
-                                     file_wave_count, &indices[k]);
+        result |=
+            resolve_wave_value(program, name, values[k], file_waves, file_wave_count, &indices[k]);
     }
     indices[count] = -1;
     return result;
 }
 
-int help_requested(int argc, const char* const* argv)
-{
+int help_requested(int argc, const char* const* argv) {
     static const char* const kHelpSwitches[] = {"-h", "-H", "-help", "-Help"};
     for (int i = 1; i < argc; ++i) {
         if (search_string_list(kHelpSwitches, 4, argv[i]) >= 0) {
@@ -272,8 +245,7 @@ int help_requested(int argc, const char* const* argv)
     return 0;
 }
 
-int search_string_list(const char* const* list, int length, const char* text)
-{
+int search_string_list(const char* const* list, int length, const char* text) {
     for (int i = 0; i < length; ++i) {
         if (std::strcmp(list[i], text) == 0) {
             return i;
@@ -282,12 +254,10 @@ int search_string_list(const char* const* list, int length, const char* text)
     return -1;
 }
 
-void print_invalid_name(const char* program, const char* name,
-                        const char* value, const char* const* valid,
-                        int length)
-{
-    std::fprintf(stderr, "%s: invalid argument, %s, to %s; valid values are:",
-                 program, value, name);
+void print_invalid_name(const char* program, const char* name, const char* value,
+                        const char* const* valid, int length) {
+    std::fprintf(stderr, "%s: invalid argument, %s, to %s; valid values are:", program, value,
+                 name);
     for (int i = 0; i < length; ++i) {
         std::fprintf(stderr, i + 1 < length ? " %s," : " %s\n", valid[i]);
     }

@@ -22,25 +22,21 @@ int extract_switch_floats(const char* text, int room, float* values);
 // if there is none. Otherwise returns 1 and copies the text after the prefix,
 // with its terminating zero, into out[0..size-1] only when it fits; a text
 // that does not fit leaves out untouched and still returns 1.
-int get_charswitchc(const char* prefix, const char* const* argv, int argc,
-                    int size, char* out);
+int get_charswitchc(const char* prefix, const char* const* argv, int argc, int size, char* out);
 
 // Looks for the first of argv[1..argc-1] that begins with prefix. Returns -1
 // if there is none, else extract_switch_ints(text after prefix, room, values).
-int get_intswitchc(const char* prefix, const char* const* argv, int argc,
-                   int room, int* values);
+int get_intswitchc(const char* prefix, const char* const* argv, int argc, int room, int* values);
 
 // As get_intswitchc, with extract_switch_floats.
-int get_floatswitch(const char* prefix, const char* const* argv, int argc,
-                    int room, float* values);
+int get_floatswitch(const char* prefix, const char* const* argv, int argc, int room, float* values);
 
 // Parses text as first[:second[:third]] (the third only when allow_third is
 // non-zero): 0 <= first <= second < dim_size and third >= 1. Stores each
 // accepted value in range[0..2]; entries for values not given, or rejected,
 // keep their contents. Returns 0, or 1 after printing one message per problem.
-int handle_range_switch(const char* program, const char* name,
-                        const char* text, int dim_size, int allow_third,
-                        int range[3]);
+int handle_range_switch(const char* program, const char* name, const char* text, int dim_size,
+                        int allow_third, int range[3]);
 
 // Parses text as w1[:w2...], at most max_values entries, each either a
 // zero-based index below file_wave_count or a wavelength in nm (200..1999)
@@ -49,9 +45,8 @@ int handle_range_switch(const char* program, const char* name,
 // room for max_values + 1. Returns 0, or 1 after printing one message per
 // rejected value (the accepted slots are filled all the same); returns 1
 // without a message when its scratch memory cannot be obtained.
-int handle_wave_switch(const char* program, const char* name,
-                       const char* text, const float* file_waves,
-                       int file_wave_count, int max_values, int* indices);
+int handle_wave_switch(const char* program, const char* name, const char* text,
+                       const float* file_waves, int file_wave_count, int max_values, int* indices);
 
 // Returns 1 if any of argv[1..argc-1] is exactly "-h", "-H", "-help" or
 // "-Help", else 0.
@@ -63,8 +58,7 @@ int search_string_list(const char* const* list, int length, const char* text);
 
 // Prints to standard error that value is not valid for switch name, followed
 // by the names valid[0..length-1] on the same line; length must be at least 1.
-void print_invalid_name(const char* program, const char* name,
-                        const char* value, const char* const* valid,
-                        int length);
+void print_invalid_name(const char* program, const char* name, const char* value,
+                        const char* const* valid, int length);
 
 }  // namespace torvel

@@ -48,8 +48,7 @@ double half_chord(float radius, float offset, float spacing) {
 // count is rounded half away from zero after narrowing to float, and the
 // correction is formed in double and narrowed before it is added.
 float whole_turns(float predicted, float value) {
-    const float t =
-        static_cast<float>(static_cast<double>(predicted - value) / kTwoPi);
+    const float t = static_cast<float>(static_cast<double>(predicted - value) / kTwoPi);
     const float k = (t >= 0.0f) ? std::trunc(t + 0.5f) : std::trunc(t - 0.5f);
     return static_cast<float>(static_cast<double>(k) * kTwoPi);
 }
@@ -105,10 +104,11 @@ void walk_row(const Plane& p, int j, int near, int ic, Run cols, float wx, float
 
 }  // namespace
 
-float phcomp(float reference, float value) { return whole_turns(reference, value); }
+float phcomp(float reference, float value) {
+    return whole_turns(reference, value);
+}
 
-void phunwrap(float x0, float y0, float dx, float dy, float cutoff, int nx, int ny,
-              float* phase) {
+void phunwrap(float x0, float y0, float dx, float dy, float cutoff, int nx, int ny, float* phase) {
     int ic = 0, jc = 0;
     if (phase == nullptr || nx < 1 || ny < 1) return;
     if (!start_index(x0, nx, &ic) || !start_index(y0, ny, &jc)) return;
@@ -143,16 +143,16 @@ void phunwrap(float x0, float y0, float dx, float dy, float cutoff, int nx, int 
     // Rows below the start row, then above it, each from the start column out.
     if (jc > 0) {
         for (int j = jc - 1; j >= rows.lo; --j) {
-            const float predicted = (j == jc - 1)
-                ? p.at(j + 1, ic) : 2.0f * p.at(j + 1, ic) - p.at(j + 2, ic);
+            const float predicted =
+                (j == jc - 1) ? p.at(j + 1, ic) : 2.0f * p.at(j + 1, ic) - p.at(j + 2, ic);
             rewrap(predicted, p.at(j, ic));
             walk_row(p, j, j + 1, ic, columns_of(j), wx, wy);
         }
     }
     if (jc < ny - 1) {
         for (int j = jc + 1; j < rows.hi; ++j) {
-            const float predicted = (j == jc + 1)
-                ? p.at(j - 1, ic) : 2.0f * p.at(j - 1, ic) - p.at(j - 2, ic);
+            const float predicted =
+                (j == jc + 1) ? p.at(j - 1, ic) : 2.0f * p.at(j - 1, ic) - p.at(j - 2, ic);
             rewrap(predicted, p.at(j, ic));
             walk_row(p, j, j - 1, ic, columns_of(j), wx, wy);
         }

@@ -13,8 +13,7 @@ namespace torvel {
 // elements would fall outside the nx*ny plane (possible only when nx != ny)
 // and a start pixel outside the plane end the walk instead of reaching past
 // the buffer.
-void phunwrap(float x0, float y0, float dx, float dy, float cutoff, int nx,
-              int ny, float* phase);
+void phunwrap(float x0, float y0, float dx, float dy, float cutoff, int nx, int ny, float* phase);
 
 // The whole multiple of 2pi that, added to value, brings it within pi of
 // reference (halves round away from zero).

@@ -57,8 +57,7 @@ double radial_polynomial(int n, int m, Power power, Binomial binomial) {
         const int s = (n + m) / 2;
         double sign = 1.0;
         for (int j = 0; j <= h; ++j) {
-            reduced = reduced + sign * power(d - 2 * j) * binomial(s, s - j) *
-                                    binomial(n - j, s);
+            reduced = reduced + sign * power(d - 2 * j) * binomial(s, s - j) * binomial(n - j, s);
             sign = -sign;
         }
     }
@@ -166,8 +165,7 @@ double evaluate_rnm_precomputed_powers(int n, int m, const double* powers) {
 }
 
 double evaluate_rnm_from_tables(const ZernikeTables& tables, int n, int m) {
-    return radial_polynomial(n, m, ArrayPower{tables.powers},
-                             TableBinomial{&binomial_table()});
+    return radial_polynomial(n, m, ArrayPower{tables.powers}, TableBinomial{&binomial_table()});
 }
 
 ZernikeTableSize zernike_table_size(int n, int m) {
@@ -178,8 +176,7 @@ ZernikeTableSize zernike_table_size(int n, int m) {
     return {std::max(n, m), std::max({n - 1, m, 0})};
 }
 
-bool fill_zernike_tables(double rho, double theta, ZernikeTableSize size,
-                         ZernikeTables* tables) {
+bool fill_zernike_tables(double rho, double theta, ZernikeTableSize size, ZernikeTables* tables) {
     if (size.order > zernike_table_max_order || size.frequency > zernike_table_max_order) {
         return false;
     }
@@ -218,9 +215,7 @@ double evaluate_zernike_series_from_tables(const ZernikeTables& tables, int n, i
     const TableBinomial binomial{&binomial_table()};
     return sum_series(
         n, m, coeffs,
-        [&](int k, int l) {
-            return radial_polynomial(k, l, ArrayPower{tables.powers}, binomial);
-        },
+        [&](int k, int l) { return radial_polynomial(k, l, ArrayPower{tables.powers}, binomial); },
         [&](int l, double* c, double* s) {
             *c = tables.cos_sin[2 * l];
             *s = tables.cos_sin[2 * l + 1];
@@ -234,8 +229,7 @@ double evaluate_zernike_series_direct(double rho, double theta, int n, int m,
         [&](int l, double* c, double* s) { ::sincos(static_cast<double>(l) * theta, s, c); });
 }
 
-double evaluate_zernike_series(double rho, double theta, int n, int m,
-                               const double* coeffs) {
+double evaluate_zernike_series(double rho, double theta, int n, int m, const double* coeffs) {
     ZernikeTables tables;
     if (fill_zernike_tables(rho, theta, zernike_table_size(n, m), &tables)) {
         return evaluate_zernike_series_from_tables(tables, n, m, coeffs);

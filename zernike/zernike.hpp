@@ -66,15 +66,13 @@ double evaluate_rnm_precomputed_powers(int n, int m, const double* powers);
 // the sum of coefficient times R_k^l(rho) times 1, cos(l theta) or
 // sin(l theta), added in slot order. Uses tables on the stack; allocates
 // nothing.
-double evaluate_zernike_series(double rho, double theta, int n, int m,
-                               const double* coeffs);
+double evaluate_zernike_series(double rho, double theta, int n, int m, const double* coeffs);
 
 // The same sum as evaluate_zernike_series, without tables: every radial value
 // from evaluate_rnm and every cosine and sine from its own sincos. It gives
 // the same value bit for bit; evaluate_zernike_series uses it for orders too
 // large for ZernikeTables.
-double evaluate_zernike_series_direct(double rho, double theta, int n, int m,
-                                      const double* coeffs);
+double evaluate_zernike_series_direct(double rho, double theta, int n, int m, const double* coeffs);
 
 // Highest radial order whose tables fit in ZernikeTables.
 inline constexpr int zernike_table_max_order = 64;
@@ -101,8 +99,7 @@ ZernikeTableSize zernike_table_size(int n, int m);
 // Fills *tables at (rho, theta) for the given size; the values are exactly
 // those that evaluate_rnm and a per-term sincos would compute. Returns false,
 // touching nothing, when size.order exceeds zernike_table_max_order.
-bool fill_zernike_tables(double rho, double theta, ZernikeTableSize size,
-                         ZernikeTables* tables);
+bool fill_zernike_tables(double rho, double theta, ZernikeTableSize size, ZernikeTables* tables);
 
 // evaluate_rnm(rho, n, m) read from tables filled at rho; 0 <= m, and n and
 // m within the tables' order. Binomials come from a table built once per
@@ -121,7 +118,7 @@ void evaluate_zernike_basis(const ZernikeTables& tables, int n, int m, double* v
 
 // evaluate_zernike_series at the point of tables, which must be filled for at
 // least zernike_table_size(n, m).
-double evaluate_zernike_series_from_tables(const ZernikeTables& tables, int n,
-                                           int m, const double* coeffs);
+double evaluate_zernike_series_from_tables(const ZernikeTables& tables, int n, int m,
+                                           const double* coeffs);
 
 }  // namespace torvel

@@ -52,8 +52,7 @@ const char* const kUsage =
 
 // Writes a small real-valued pupil image (amplitude and phase sections of
 // 4 x 4 zeros per wavelength) with the given wavelengths in nm.
-void write_pupil_image(const std::string& path, std::vector<float> waves)
-{
+void write_pupil_image(const std::string& path, std::vector<float> waves) {
     const int nw = static_cast<int>(waves.size());
     ASSERT_EQ(image_open(2, path.c_str(), "new"), 0);
     image_set_dimensions(2, 4, 4);
@@ -72,8 +71,7 @@ void write_pupil_image(const std::string& path, std::vector<float> waves)
     image_close(2);
 }
 
-std::vector<int> zernike_sets(const fit_inputs& inputs)
-{
+std::vector<int> zernike_sets(const fit_inputs& inputs) {
     return {inputs.amplitude_n, inputs.amplitude_m, inputs.phase_n, inputs.phase_m};
 }
 
@@ -85,9 +83,8 @@ struct Parsed {
 };
 
 class ParseCommandLine : public testing::Test {
-protected:
-    static void SetUpTestSuite()
-    {
+  protected:
+    static void SetUpTestSuite() {
         // One directory per process: ctest may run the cases of this suite
         // in parallel, each in its own process.
         dir_ = std::filesystem::path(testing::TempDir()) /
@@ -103,8 +100,7 @@ protected:
     static std::string missing() { return (dir_ / "missing.img").string(); }
 
     // Parses `torvel input out.txt options...` from a default record.
-    static Parsed parse(const std::string& input, std::vector<std::string> options)
-    {
+    static Parsed parse(const std::string& input, std::vector<std::string> options) {
         Parsed parsed{{"torvel", input, "out.txt"}, -1, "", kDefaultFitInputs};
         parsed.args.insert(parsed.args.end(), options.begin(), options.end());
         std::vector<char*> argv;
@@ -112,8 +108,8 @@ protected:
             argv.push_back(arg.data());
         }
         testing::internal::CaptureStderr();
-        parsed.result = parse_command_line(static_cast<int>(argv.size()),
-                                           argv.data(), &parsed.inputs);
+        parsed.result =
+            parse_command_line(static_cast<int>(argv.size()), argv.data(), &parsed.inputs);
         parsed.messages = testing::internal::GetCapturedStderr();
         return parsed;
     }
@@ -123,8 +119,7 @@ protected:
 
 std::filesystem::path ParseCommandLine::dir_;
 
-TEST_F(ParseCommandLine, prints_the_usage_text_to_stderr_without_two_file_names)
-{
+TEST_F(ParseCommandLine, prints_the_usage_text_to_stderr_without_two_file_names) {
     char* argv[] = {const_cast<char*>("torvel"), const_cast<char*>("in.img")};
     fit_inputs inputs = kDefaultFitInputs;
     testing::internal::CaptureStdout();
@@ -135,8 +130,7 @@ TEST_F(ParseCommandLine, prints_the_usage_text_to_stderr_without_two_file_names)
     EXPECT_EQ(testing::internal::GetCapturedStdout(), kUsage);
 }
 
-TEST_F(ParseCommandLine, selects_every_file_wavelength_by_default_and_by_index_or_nm)
-{
+TEST_F(ParseCommandLine, selects_every_file_wavelength_by_default_and_by_index_or_nm) {
     Parsed p = parse(two_waves(), {});
     ASSERT_EQ(p.result, 0) << p.messages;
     EXPECT_EQ(p.inputs.input_name, p.args[1].c_str());
@@ -156,10 +150,9 @@ TEST_F(ParseCommandLine, selects_every_file_wavelength_by_default_and_by_index_o
               (std::vector<float>{617.0f, 528.0f, 617.0f}));
 }
 
-TEST_F(ParseCommandLine, accepts_each_option_in_its_valid_forms)
-{
-    Parsed p = parse(two_waves(), {"-residual=res.img", "-tol=-3", "-tol=1e-3",
-                                   "-zernike_amp=-1:5", "-zernike_phase=6:2"});
+TEST_F(ParseCommandLine, accepts_each_option_in_its_valid_forms) {
+    Parsed p = parse(two_waves(), {"-residual=res.img", "-tol=-3", "-tol=1e-3", "-zernike_amp=-1:5",
+                                   "-zernike_phase=6:2"});
     ASSERT_EQ(p.result, 0) << p.messages;
     EXPECT_STREQ(p.inputs.residual_name, "res.img");
     EXPECT_EQ(p.inputs.tolerance, 1e-3f);
@@ -172,8 +165,7 @@ TEST_F(ParseCommandLine, accepts_each_option_in_its_valid_forms)
     EXPECT_EQ(p.inputs.tolerance, kDefaultFitInputs.tolerance);
 }
 
-TEST_F(ParseCommandLine, rejects_each_malformed_option_with_its_message)
-{
+TEST_F(ParseCommandLine, rejects_each_malformed_option_with_its_message) {
     const std::string count = "torvel: -zernike_amp= expects one or two integers\n";
     const std::string amp_m =
         "torvel: for -zernike_amp=n:m, if n is not negative, then m must "
@@ -207,10 +199,9 @@ TEST_F(ParseCommandLine, rejects_each_malformed_option_with_its_message)
     }
 }
 
-TEST_F(ParseCommandLine, reports_every_bad_option_in_order_and_keeps_the_good_ones)
-{
-    const Parsed p = parse(two_waves(), {"-x", "-tol=", "-zernike_amp=4:6",
-                                         "-w=1", "-wave=1", "-tol=0.5"});
+TEST_F(ParseCommandLine, reports_every_bad_option_in_order_and_keeps_the_good_ones) {
+    const Parsed p =
+        parse(two_waves(), {"-x", "-tol=", "-zernike_amp=4:6", "-w=1", "-wave=1", "-tol=0.5"});
     EXPECT_EQ(p.result, 1);
     EXPECT_EQ(p.messages,
               "torvel: unrecognized option -x\n"
@@ -222,8 +213,7 @@ TEST_F(ParseCommandLine, reports_every_bad_option_in_order_and_keeps_the_good_on
     EXPECT_EQ(p.inputs.wavelength_index[0], 1);
 }
 
-TEST_F(ParseCommandLine, rejects_an_input_it_cannot_open_or_wavelengths_not_above_zero)
-{
+TEST_F(ParseCommandLine, rejects_an_input_it_cannot_open_or_wavelengths_not_above_zero) {
     const std::string unable = "torvel: unable to open " + missing() + " for reading\n";
     const std::string zero = "torvel: invalid wavelength, 0, for output wavelength #0\n";
     Parsed p = parse(missing(), {});
@@ -234,7 +224,8 @@ TEST_F(ParseCommandLine, rejects_an_input_it_cannot_open_or_wavelengths_not_abov
     EXPECT_EQ(p.result, 1);
     EXPECT_EQ(p.messages, unable +
                               "torvel: wavelength 528 is not present in the input file\n"
-                              "torvel: -tol= expects one value\n" + zero);
+                              "torvel: -tol= expects one value\n" +
+                              zero);
 
     p = parse(bad_waves(), {});
     EXPECT_EQ(p.result, 1);
@@ -243,10 +234,18 @@ TEST_F(ParseCommandLine, rejects_an_input_it_cannot_open_or_wavelengths_not_abov
               "torvel: invalid wavelength, nan, for output wavelength #1\n");
 }
 
-TEST(PrintInputSummary, lists_the_settled_options_in_fixed_columns)
-{
-    fit_inputs inputs = {"pupil.img", "fit.txt", nullptr, {1, 0, -1}, {617.4f, 527.6f},
-                         kDefaultFitInputs.tolerance, 2, 8, 0, -1, -1};
+TEST(PrintInputSummary, lists_the_settled_options_in_fixed_columns) {
+    fit_inputs inputs = {"pupil.img",
+                         "fit.txt",
+                         nullptr,
+                         {1, 0, -1},
+                         {617.4f, 527.6f},
+                         kDefaultFitInputs.tolerance,
+                         2,
+                         8,
+                         0,
+                         -1,
+                         -1};
     const std::string head =
         "torvel: pupil function fit Velquist version 1\n"
         "pupil function image file name  pupil.img\n"

@@ -103,8 +103,8 @@ Image read_image(const fs::path& path) {
 
 // Pixels clearly inside the disc must carry a residual near zero; pixels
 // clearly outside it carry the measured pupil itself.
-void expect_residual_of(const std::vector<float>& residual, const std::vector<float>& input,
-                        int n, double radius_px) {
+void expect_residual_of(const std::vector<float>& residual, const std::vector<float>& input, int n,
+                        double radius_px) {
     float real_min = 3.4e38f;
     for (int iy = 0; iy < n; ++iy)
         for (int ix = 0; ix < n; ++ix) {
@@ -123,7 +123,8 @@ void expect_residual_of(const std::vector<float>& residual, const std::vector<fl
 }
 
 TEST(ResidualImage, holds_one_complex_section_per_slot_in_selection_order) {
-    const fs::path dir = run_ok("residual_reordered", "complex.mrc fit.txt -w=1:0 -residual=res.mrc");
+    const fs::path dir =
+        run_ok("residual_reordered", "complex.mrc fit.txt -w=1:0 -residual=res.mrc");
     const Image input = read_image(dir / "complex.mrc");
     const Image res = read_image(dir / "res.mrc");
     EXPECT_EQ(res.mode, 4);
@@ -154,8 +155,8 @@ TEST(ResidualImage, keeps_the_sections_written_before_a_failing_fit) {
     // On 16 x 16 pixels the 617 nm disc has fewer pixels than the 79 terms of
     // order 12, the 525 nm one enough: the second slot's phase fit fails.
     const fs::path dir = torvel_e2e::fresh_case_dir("residual_after_failure");
-    const torvel_e2e::RunResult r =
-        torvel_e2e::run_in(dir, TORVEL_BINARY, "small.mrc fit.txt -zernike_phase=12:0 -residual=res.mrc");
+    const torvel_e2e::RunResult r = torvel_e2e::run_in(
+        dir, TORVEL_BINARY, "small.mrc fit.txt -zernike_phase=12:0 -residual=res.mrc");
     EXPECT_EQ(r.status, 1);
     EXPECT_FALSE(fs::exists(dir / "fit.txt"));
     ASSERT_TRUE(fs::exists(dir / "res.mrc"));

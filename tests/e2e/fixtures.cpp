@@ -97,14 +97,15 @@ fs::path fresh_case_dir(const std::string& name) {
     fs::remove_all(dir);
     fs::create_directories(dir);
     for (const auto& entry : fs::directory_iterator(inputs))
-        if (entry.is_regular_file()) fs::create_symlink(entry.path(), dir / entry.path().filename());
+        if (entry.is_regular_file())
+            fs::create_symlink(entry.path(), dir / entry.path().filename());
     return dir;
 }
 
 RunResult run_in(const fs::path& dir, const std::string& program, const std::string& args) {
     const fs::path out = dir.string() + ".stdout", err = dir.string() + ".stderr";
-    const std::string command = "cd '" + dir.string() + "' && '" + program + "' " + args +
-                                " > '" + out.string() + "' 2> '" + err.string() + "' < /dev/null";
+    const std::string command = "cd '" + dir.string() + "' && '" + program + "' " + args + " > '" +
+                                out.string() + "' 2> '" + err.string() + "' < /dev/null";
     const int raw = std::system(command.c_str());
     RunResult r;
     r.status = (raw != -1 && WIFEXITED(raw)) ? WEXITSTATUS(raw) : -1;

@@ -33,7 +33,9 @@ struct Case {
     std::string stderr_text;
 };
 
-void PrintTo(const Case& c, std::ostream* os) { *os << c.name; }
+void PrintTo(const Case& c, std::ostream* os) {
+    *os << c.name;
+}
 
 std::vector<std::string> split_words(const std::string& text) {
     std::istringstream in(text);
@@ -50,13 +52,26 @@ Case read_case(const fs::path& file) {
     std::string line;
     std::string* section = nullptr;
     while (std::getline(in, line)) {
-        if (line == "--- stdout") { section = &c.stdout_text; continue; }
-        if (line == "--- stderr") { section = &c.stderr_text; continue; }
-        if (section) { *section += line + "\n"; continue; }
-        if (line.rfind("args:", 0) == 0) c.args = line.substr(5);
-        else if (line.rfind("status:", 0) == 0) c.status = std::stoi(line.substr(7));
-        else if (line.rfind("absent:", 0) == 0) c.absent = split_words(line.substr(7));
-        else if (line.rfind("present:", 0) == 0) c.present = split_words(line.substr(8));
+        if (line == "--- stdout") {
+            section = &c.stdout_text;
+            continue;
+        }
+        if (line == "--- stderr") {
+            section = &c.stderr_text;
+            continue;
+        }
+        if (section) {
+            *section += line + "\n";
+            continue;
+        }
+        if (line.rfind("args:", 0) == 0)
+            c.args = line.substr(5);
+        else if (line.rfind("status:", 0) == 0)
+            c.status = std::stoi(line.substr(7));
+        else if (line.rfind("absent:", 0) == 0)
+            c.absent = split_words(line.substr(7));
+        else if (line.rfind("present:", 0) == 0)
+            c.present = split_words(line.substr(8));
     }
     return c;
 }
@@ -72,9 +87,11 @@ void rewrite_case(const Case& c, const torvel_e2e::RunResult& r) {
 
 std::vector<Case> all_cases() {
     std::vector<Case> cases;
-    for (const auto& entry : fs::directory_iterator(fs::path(TORVEL_SOURCE_DIR) / "tests/e2e/cases"))
+    for (const auto& entry :
+         fs::directory_iterator(fs::path(TORVEL_SOURCE_DIR) / "tests/e2e/cases"))
         if (entry.path().extension() == ".case") cases.push_back(read_case(entry.path()));
-    std::sort(cases.begin(), cases.end(), [](const Case& a, const Case& b) { return a.name < b.name; });
+    std::sort(cases.begin(), cases.end(),
+              [](const Case& a, const Case& b) { return a.name < b.name; });
     return cases;
 }
 
@@ -88,7 +105,8 @@ TEST_P(Binary, prints_and_exits_as_the_case_file_says) {
     EXPECT_EQ(r.status, c.status);
     EXPECT_EQ(r.out, c.stdout_text);
     EXPECT_EQ(r.err, c.stderr_text);
-    for (const auto& name : c.absent) EXPECT_FALSE(fs::exists(dir / name)) << name << " was left behind";
+    for (const auto& name : c.absent)
+        EXPECT_FALSE(fs::exists(dir / name)) << name << " was left behind";
     for (const auto& name : c.present) EXPECT_TRUE(fs::exists(dir / name)) << name << " is missing";
 }
 

@@ -35,7 +35,8 @@ std::vector<double> naive_matrix(const Geometry& g, int n, int m, const std::vec
         for_each_zernike_term(n, m, [&](int k, int l) {
             double s = 0.0, c = 1.0;
             if (l > 0) ::sincos(static_cast<double>(l) * theta, &s, &c);
-            matrix[at(irow, col++, nrow)] = l > 0 ? evaluate_rnm(rho, k, l) * c : evaluate_rnm(rho, k, 0);
+            matrix[at(irow, col++, nrow)] =
+                l > 0 ? evaluate_rnm(rho, k, l) * c : evaluate_rnm(rho, k, 0);
             if (l > 0) matrix[at(irow, col++, nrow)] = evaluate_rnm(rho, k, l) * s;
         });
     }
@@ -59,7 +60,9 @@ FitOutcome fit(const Geometry& g, const float* section, int n, int m, double* co
 int printed_rank(const std::string& out) {
     int rank = -1;
     const std::size_t line = out.find("rank ");
-    return line != std::string::npos && std::sscanf(out.c_str() + line, "rank %d", &rank) == 1 ? rank : -1;
+    return line != std::string::npos && std::sscanf(out.c_str() + line, "rank %d", &rank) == 1
+               ? rank
+               : -1;
 }
 
 constexpr Geometry kWholeEdges{5.0f, 5.0f, 1.0f, 1.0f, 2.0f, 10, 10};
@@ -68,7 +71,8 @@ constexpr Geometry kDisc{31.3f, 32.6f, 0.05f, 0.05f, 1.4f, 64, 64};
 TEST(FillRhs, selects_lower_edges_not_upper_ones_and_clips_to_the_section) {
     // ry = 2: rows 3 .. 6; row 3 has half-width 0 and so no pixel; row 5 runs
     // from column 3 (= x0 - 2) to 6, column 7 (= x0 + 2) being out.
-    EXPECT_EQ(selected_pixels(kWholeEdges), (std::vector<int>{44, 45, 46, 53, 54, 55, 56, 64, 65, 66}));
+    EXPECT_EQ(selected_pixels(kWholeEdges),
+              (std::vector<int>{44, 45, 46, 53, 54, 55, 56, 64, 65, 66}));
     EXPECT_EQ(selected_pixels({0.0f, 0.0f, 1.0f, 1.0f, 3.0f, 10, 10}),
               (std::vector<int>{0, 1, 2, 10, 11, 12, 20, 21, 22}));
     EXPECT_EQ(selected_pixels({9.0f, 9.0f, 1.0f, 1.0f, 3.0f, 10, 10}),
@@ -105,7 +109,8 @@ TEST(FillMatrix, equals_the_naive_evaluation_bit_for_bit) {
     for (const auto& c : cases) {
         const std::vector<int> pixels = selected_pixels(c.g);
         ASSERT_FALSE(pixels.empty());
-        const std::vector<double> fast = filled_matrix(c.g, c.n, c.m, static_cast<int>(pixels.size()));
+        const std::vector<double> fast =
+            filled_matrix(c.g, c.n, c.m, static_cast<int>(pixels.size()));
         const std::vector<double> naive = naive_matrix(c.g, c.n, c.m, pixels);
         std::size_t differing = 0;
         for (std::size_t i = 0; i < fast.size(); ++i) differing += (fast[i] != naive[i]);
@@ -138,13 +143,15 @@ TEST(ComputeFit, recovers_the_coefficients_of_a_noiseless_pupil) {
                              " measurements\nrank " + unknowns + "\n");
         // The section holds the series rounded to float, noise of half a float
         // ulp per pixel that thousands of pixels average down.
-        for (std::size_t i = 0; i < truth.size(); ++i) EXPECT_NEAR(coeff[i], truth[i], FLT_EPSILON / 4) << i;
+        for (std::size_t i = 0; i < truth.size(); ++i)
+            EXPECT_NEAR(coeff[i], truth[i], FLT_EPSILON / 4) << i;
     }
 }
 
 TEST(ComputeFit, gives_the_mean_for_one_constant_term_and_lower_rank_for_a_large_tolerance) {
     std::vector<float> section(static_cast<std::size_t>(kDisc.nx) * kDisc.ny);
-    for (std::size_t i = 0; i < section.size(); ++i) section[i] = static_cast<float>((i * 7919) % 1000) / 100.0f;
+    for (std::size_t i = 0; i < section.size(); ++i)
+        section[i] = static_cast<float>((i * 7919) % 1000) / 100.0f;
     long double sum = 0;
     const std::vector<int> pixels = selected_pixels(kDisc);
     for (int p : pixels) sum += section[p];

@@ -34,7 +34,8 @@ Residual residual_of(const Geometry& g, const std::vector<float>& amplitude,
     Residual r{std::vector<float>(2 * amplitude.size(), -99.0f), {0, 0, 0}, -1.0};
     testing::internal::CaptureStdout();
     compute_residual(g.x0, g.y0, g.dx, g.dy, g.cutoff, g.nx, g.ny, amplitude.data(), phase.data(),
-                     a.n, a.m, a.coeffs.data(), p.n, p.m, p.coeffs.data(), r.values.data(), r.stats);
+                     a.n, a.m, a.coeffs.data(), p.n, p.m, p.coeffs.data(), r.values.data(),
+                     r.stats);
     const std::string out = testing::internal::GetCapturedStdout();
     EXPECT_EQ(std::sscanf(out.c_str(), "\nroot mean square error %lg\n", &r.printed_rms), 1) << out;
     const std::size_t count = amplitude.size();
@@ -62,7 +63,8 @@ TEST(ComputeResidual, subtracts_the_fitted_series_inside_the_disc_only) {
     // amplitude 2 and phase 1.
     Series a{4, 2, std::vector<double>(zernike_term_count(4, 2))};
     Series p{3, 1, std::vector<double>(zernike_term_count(3, 1))};
-    for (std::size_t i = 0; i < a.coeffs.size(); ++i) a.coeffs[i] = (i == 0) ? 1.0 : 0.1 * std::cos(1.0 + i);
+    for (std::size_t i = 0; i < a.coeffs.size(); ++i)
+        a.coeffs[i] = (i == 0) ? 1.0 : 0.1 * std::cos(1.0 + i);
     for (std::size_t i = 0; i < p.coeffs.size(); ++i) p.coeffs[i] = std::sin(2.0 + i);
     const std::vector<float> amplitude = series_plane(kCrossing, a.n, a.m, a.coeffs, 2.0f);
     const std::vector<float> phase = series_plane(kCrossing, p.n, p.m, p.coeffs, 1.0f);
@@ -94,7 +96,8 @@ TEST(ComputeResidual, gives_the_measured_pupil_for_a_disc_beyond_any_side) {
         amplitude[i] = 1.0f + 0.01f * static_cast<float>(i % 7);
         phase[i] = 0.1f * static_cast<float>(i % 11) - 0.5f;
     }
-    for (auto [x0, y0] : {std::pair{12.0f, -50.0f}, {12.0f, 90.0f}, {-50.0f, 10.0f}, {90.0f, 10.0f}}) {
+    for (auto [x0, y0] :
+         {std::pair{12.0f, -50.0f}, {12.0f, 90.0f}, {-50.0f, 10.0f}, {90.0f, 10.0f}}) {
         const Residual r = residual_of({x0, y0, 0.1f, 0.1f, 0.75f, 24, 20}, amplitude, phase, a, p);
         for (std::size_t i = 0; i < amplitude.size(); ++i) {
             const double angle = static_cast<double>(phase[i]);
@@ -111,7 +114,8 @@ TEST(SeparateAmplitudePhase, splits_samples_in_place_with_the_stated_edge_cases)
     std::vector<float> phase(8, 42.0f);
     separate_amplitude_phase(8, samples.data(), phase.data());
     const float pi = static_cast<float>(M_PI);
-    EXPECT_EQ(std::vector<float>(samples.begin(), samples.begin() + 7), (std::vector<float>{1, 1, 1, 1, 1, 0, 5}));
+    EXPECT_EQ(std::vector<float>(samples.begin(), samples.begin() + 7),
+              (std::vector<float>{1, 1, 1, 1, 1, 0, 5}));
     EXPECT_TRUE(std::isnan(samples[7]));
     EXPECT_EQ(samples[8], -1.0f);  // beyond the amplitudes: stale samples
     EXPECT_EQ(phase, (std::vector<float>{0, pi / 2, pi, -pi / 2, -pi, 0,

@@ -24,72 +24,83 @@ namespace {
 
 // One scratch directory per test process, removed when the process ends.
 std::string scratch(const std::string& name) {
-  struct Dir {
-    fs::path path = fs::temp_directory_path() / ("torvel_imageio_" + std::to_string(getpid()));
-    Dir() { fs::create_directories(path); }
-    ~Dir() { std::error_code ignored; fs::remove_all(path, ignored); }
-  };
-  static Dir dir;
-  return (dir.path / name).string();
+    struct Dir {
+        fs::path path = fs::temp_directory_path() / ("torvel_imageio_" + std::to_string(getpid()));
+        Dir() { fs::create_directories(path); }
+        ~Dir() {
+            std::error_code ignored;
+            fs::remove_all(path, ignored);
+        }
+    };
+    static Dir dir;
+    return (dir.path / name).string();
 }
 
 using Bytes = std::vector<unsigned char>;
 
 void put(Bytes& b, std::size_t at, std::uint32_t v, int width, bool big = false) {
-  for (int i = 0; i < width; ++i) b[at + std::size_t(big ? width - 1 - i : i)] = static_cast<unsigned char>(v >> (8 * i));
+    for (int i = 0; i < width; ++i)
+        b[at + std::size_t(big ? width - 1 - i : i)] = static_cast<unsigned char>(v >> (8 * i));
 }
-void put_f32(Bytes& b, std::size_t at, float v, bool big = false) { put(b, at, std::bit_cast<std::uint32_t>(v), 4, big); }
+void put_f32(Bytes& b, std::size_t at, float v, bool big = false) {
+    put(b, at, std::bit_cast<std::uint32_t>(v), 4, big);
+}
 
 // A file header made by hand, without the layer, in either byte order, with
 // spacing 0.25, 0.5, 0.75, origin -1.5, -3, -4.5 and one label; the caller
 // appends the sections.
 Bytes hand_header(bool big, int nx, int ny, int mode, int nz, int nw, int nt, int interleave) {
-  Bytes b(1024, 0);
-  const int dims[3] = {nx, ny, nz * nw * nt};
-  for (int i = 0; i < 3; ++i) {
-    put(b, 4 * std::size_t(i), std::uint32_t(dims[i]), 4, big);
-    put(b, 28 + 4 * std::size_t(i), std::uint32_t(i < 2 ? dims[i] : 1), 4, big);  // MX MY MZ
-    put_f32(b, 40 + 4 * std::size_t(i), 0.25f * float(i + 1) * float(i < 2 ? dims[i] : 1), big);
-    put(b, 64 + 4 * std::size_t(i), std::uint32_t(i + 1), 4, big);
-    put_f32(b, 196 + 4 * std::size_t(i), -1.5f * float(i + 1), big);
-  }
-  put(b, 12, std::uint32_t(mode), 4, big);
-  std::memcpy(&b[112], "TVL1", 4);
-  for (auto [at, v] : {std::pair{116, 8000}, {120, 10612}}) put(b, std::size_t(at), std::uint32_t(v), 4, big);
-  for (auto [at, v] : {std::pair{124, -2}, {126, 300}, {136, nw}, {138, nt}, {140, interleave}}) {
-    put(b, std::size_t(at), std::uint32_t(v), 2, big);
-  }
-  for (auto [at, v] : {std::pair{128, 14.0f}, {132, 151.5f}, {144, 450.0f}, {148, 500.0f}, {168, 0.125f}}) {
-    put_f32(b, std::size_t(at), v, big);
-  }
-  std::memcpy(&b[208], "MAP ", 4);
-  b[212] = b[213] = big ? 0x11 : 0x44;
-  put(b, 220, 1, 4, big);
-  std::memcpy(&b[224], "hand made", 9);
-  return b;
+    Bytes b(1024, 0);
+    const int dims[3] = {nx, ny, nz * nw * nt};
+    for (int i = 0; i < 3; ++i) {
+        put(b, 4 * std::size_t(i), std::uint32_t(dims[i]), 4, big);
+        put(b, 28 + 4 * std::size_t(i), std::uint32_t(i < 2 ? dims[i] : 1), 4, big);  // MX MY MZ
+        put_f32(b, 40 + 4 * std::size_t(i), 0.25f * float(i + 1) * float(i < 2 ? dims[i] : 1), big);
+        put(b, 64 + 4 * std::size_t(i), std::uint32_t(i + 1), 4, big);
+        put_f32(b, 196 + 4 * std::size_t(i), -1.5f * float(i + 1), big);
+    }
+    put(b, 12, std::uint32_t(mode), 4, big);
+    std::memcpy(&b[112], "TVL1", 4);
+    for (auto [at, v] : {std::pair{116, 8000}, {120, 10612}})
+        put(b, std::size_t(at), std::uint32_t(v), 4, big);
+    for (auto [at, v] : {std::pair{124, -2}, {126, 300}, {136, nw}, {138, nt}, {140, interleave}}) {
+        put(b, std::size_t(at), std::uint32_t(v), 2, big);
+    }
+    for (auto [at, v] :
+         {std::pair{128, 14.0f}, {132, 151.5f}, {144, 450.0f}, {148, 500.0f}, {168, 0.125f}}) {
+        put_f32(b, std::size_t(at), v, big);
+    }
+    std::memcpy(&b[208], "MAP ", 4);
+    b[212] = b[213] = big ? 0x11 : 0x44;
+    put(b, 220, 1, 4, big);
+    std::memcpy(&b[224], "hand made", 9);
+    return b;
 }
 
 void save(const std::string& path, const Bytes& b) {
-  std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(b.data()), std::streamsize(b.size()));
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char*>(b.data()), std::streamsize(b.size()));
 }
 
 std::vector<float> load_floats(const std::string& path) {
-  std::vector<float> v(fs::file_size(path) / 4);
-  std::ifstream(path, std::ios::binary).read(reinterpret_cast<char*>(v.data()), std::streamsize(v.size() * 4));
-  return v;
+    std::vector<float> v(fs::file_size(path) / 4);
+    std::ifstream(path, std::ios::binary)
+        .read(reinterpret_cast<char*>(v.data()), std::streamsize(v.size() * 4));
+    return v;
 }
 
 std::vector<float> read_sections(int stream, int count, std::size_t floats_each) {
-  std::vector<float> all(floats_each * std::size_t(count));
-  for (int k = 0; k < count; ++k) EXPECT_EQ(0, image_read_section(stream, all.data() + floats_each * std::size_t(k)));
-  return all;
+    std::vector<float> all(floats_each * std::size_t(count));
+    for (int k = 0; k < count; ++k)
+        EXPECT_EQ(0, image_read_section(stream, all.data() + floats_each * std::size_t(k)));
+    return all;
 }
 
 void new_image(int stream, const std::string& path, int nx, int ny, int mode, int nz, int nw) {
-  EXPECT_EQ(0, image_open(stream, path.c_str(), "new"));
-  image_set_dimensions(stream, nx, ny);
-  image_set_pixel_mode(stream, mode);
-  image_set_zwt_sizes(stream, nz, nw, 1, 0);
+    EXPECT_EQ(0, image_open(stream, path.c_str(), "new"));
+    image_set_dimensions(stream, nx, ny);
+    image_set_pixel_mode(stream, mode);
+    image_set_zwt_sizes(stream, nz, nw, 1, 0);
 }
 
 // The pupil function image of the round trips: 5 x 4 pixels, wavelengths 528
@@ -97,27 +108,27 @@ void new_image(int stream, const std::string& path, int nx, int ny, int mode, in
 // written, in file order.
 constexpr int kNx = 5, kNy = 4;
 std::vector<float> write_pupil(const std::string& path, int mode) {
-  const int nz = mode == 4 ? 1 : 2;
-  const std::size_t each = kNx * kNy * std::size_t(mode == 4 ? 2 : 1);
-  std::vector<float> values(each * 2 * std::size_t(nz));
-  for (std::size_t i = 0; i < values.size(); ++i) values[i] = float(i) * 0.37f - 11.0f;
-  new_image(9, path, kNx, kNy, mode, nz, 2);
-  image_set_type_info(9, 8000, 10612, -7, 300, 14.0f, 151.5f);
-  const float waves[2] = {528.0f, 617.0f};
-  image_set_wavelengths(9, 2, waves);
-  image_set_pixel_spacing(9, 0.0123f, 0.0457f, 0.3f);
-  image_set_origin(9, -0.0615f, -0.114f, 0.5f);
-  image_add_label(9, "first label");
-  image_set_wavelength_min_max(9, 1, -2.5f, 9.75f);
-  for (int w = 1; w >= 0; --w) {  // out of file order on purpose
-    for (int z = 0; z < nz; ++z) {
-      EXPECT_EQ(0, image_seek_section(9, z, w, 0));
-      EXPECT_EQ(0, image_write_section(9, values.data() + each * std::size_t(z + nz * w)));
+    const int nz = mode == 4 ? 1 : 2;
+    const std::size_t each = kNx * kNy * std::size_t(mode == 4 ? 2 : 1);
+    std::vector<float> values(each * 2 * std::size_t(nz));
+    for (std::size_t i = 0; i < values.size(); ++i) values[i] = float(i) * 0.37f - 11.0f;
+    new_image(9, path, kNx, kNy, mode, nz, 2);
+    image_set_type_info(9, 8000, 10612, -7, 300, 14.0f, 151.5f);
+    const float waves[2] = {528.0f, 617.0f};
+    image_set_wavelengths(9, 2, waves);
+    image_set_pixel_spacing(9, 0.0123f, 0.0457f, 0.3f);
+    image_set_origin(9, -0.0615f, -0.114f, 0.5f);
+    image_add_label(9, "first label");
+    image_set_wavelength_min_max(9, 1, -2.5f, 9.75f);
+    for (int w = 1; w >= 0; --w) {  // out of file order on purpose
+        for (int z = 0; z < nz; ++z) {
+            EXPECT_EQ(0, image_seek_section(9, z, w, 0));
+            EXPECT_EQ(0, image_write_section(9, values.data() + each * std::size_t(z + nz * w)));
+        }
     }
-  }
-  image_write_header(9, "title line", 1, 1.0f, 0.0f, -1.0f);  // statistics marked "not computed"
-  image_close(9);
-  return values;
+    image_write_header(9, "title line", 1, 1.0f, 0.0f, -1.0f);  // statistics marked "not computed"
+    image_close(9);
+    return values;
 }
 
 // Every value the header queries deliver, in one row for one comparison:
@@ -125,297 +136,325 @@ std::vector<float> write_pupil(const std::string& path, int mode) {
 // type lens n1 n2 P1 P2, dx dy dz, origin x y z, wavelength count, the five
 // wavelengths, min and max of wavelength 1, label count.
 std::vector<double> header_row(int stream) {
-  int i[17];
-  float f[18];
-  image_read_header(stream, i, i + 3, i + 6, f, f + 1, f + 2);
-  image_get_zwt_sizes(stream, i + 7, i + 8, i + 9, i + 10);
-  image_get_type_info(stream, i + 11, i + 12, i + 13, i + 14, f + 3, f + 4);
-  image_get_pixel_spacing(stream, f + 5, f + 6, f + 7);
-  image_get_origin(stream, f + 8, f + 9, f + 10);
-  image_get_wavelengths(stream, i + 15, f + 11);
-  image_get_wavelength_min_max(stream, 1, f + 16, f + 17);
-  i[16] = image_get_label_count(stream);
-  std::vector<double> row(i, i + 7);
-  row.insert(row.end(), f, f + 3);
-  row.insert(row.end(), i + 7, i + 15);
-  row.insert(row.end(), f + 3, f + 11);
-  row.push_back(i[15]);
-  row.insert(row.end(), f + 11, f + 18);
-  row.push_back(i[16]);
-  return row;
+    int i[17];
+    float f[18];
+    image_read_header(stream, i, i + 3, i + 6, f, f + 1, f + 2);
+    image_get_zwt_sizes(stream, i + 7, i + 8, i + 9, i + 10);
+    image_get_type_info(stream, i + 11, i + 12, i + 13, i + 14, f + 3, f + 4);
+    image_get_pixel_spacing(stream, f + 5, f + 6, f + 7);
+    image_get_origin(stream, f + 8, f + 9, f + 10);
+    image_get_wavelengths(stream, i + 15, f + 11);
+    image_get_wavelength_min_max(stream, 1, f + 16, f + 17);
+    i[16] = image_get_label_count(stream);
+    std::vector<double> row(i, i + 7);
+    row.insert(row.end(), f, f + 3);
+    row.insert(row.end(), i + 7, i + 15);
+    row.insert(row.end(), f + 3, f + 11);
+    row.push_back(i[15]);
+    row.insert(row.end(), f + 11, f + 18);
+    row.push_back(i[16]);
+    return row;
 }
 
 std::string label(int stream, int index) {
-  char text[81];
-  return image_get_label(stream, index, text) == 0 ? text : "(none)";
+    char text[81];
+    return image_get_label(stream, index, text) == 0 ? text : "(none)";
 }
 
 // err must be exactly one line "torvel: <path>: ..." holding reason.
 void expect_message(const std::string& err, const std::string& path, const std::string& reason) {
-  EXPECT_EQ(0u, err.rfind("torvel: " + path + ": ", 0)) << err;
-  EXPECT_NE(std::string::npos, err.find(reason)) << err;
-  EXPECT_EQ(1, std::count(err.begin(), err.end(), '\n')) << err;
+    EXPECT_EQ(0u, err.rfind("torvel: " + path + ": ", 0)) << err;
+    EXPECT_NE(std::string::npos, err.find(reason)) << err;
+    EXPECT_EQ(1, std::count(err.begin(), err.end(), '\n')) << err;
 }
 
 int python(const std::string& args) {
-  return std::system(("/usr/bin/python3 " TORVEL_SOURCE_DIR "/tests/imageio/mrcfile_interop.py " + args).c_str());
+    return std::system(
+        ("/usr/bin/python3 " TORVEL_SOURCE_DIR "/tests/imageio/mrcfile_interop.py " + args)
+            .c_str());
 }
 
 void require_mrcfile() {
-  ASSERT_EQ(0, std::system("/usr/bin/python3 -c 'import mrcfile'"))
-      << "/usr/bin/python3 cannot import mrcfile: install Debian's python3-mrcfile";
+    ASSERT_EQ(0, std::system("/usr/bin/python3 -c 'import mrcfile'"))
+        << "/usr/bin/python3 cannot import mrcfile: install Debian's python3-mrcfile";
 }
 
 }  // namespace
 
 TEST(PupilImageRoundTrip, keeps_every_header_value_and_pixel_in_modes_2_and_4) {
-  for (int mode : {2, 4}) {
-    const std::string path = scratch("pupil.mrc");
-    const std::vector<float> values = write_pupil(path, mode);
-    ASSERT_EQ(0, image_open(1, path.c_str(), "ro"));
-    const double nz = mode == 4 ? 1 : 2;
-    EXPECT_EQ((std::vector<double>{kNx, kNy, 2 * nz, 0, 0, 0, double(mode), 1, 0, -1, nz, 2, 1, 0, 8000, 10612, -7,
-                                   300, 14, 151.5, 0.0123f, 0.0457f, 0.3f, -0.0615f, -0.114f, 0.5f, 2, 528, 617, 0, 0,
-                                   0, -2.5, 9.75, 2}),
-              header_row(1));
-    EXPECT_EQ("title line", label(1, 1));
-    EXPECT_EQ(0, image_seek_section(1, 0, 0, 0));
-    EXPECT_EQ(values, read_sections(1, int(2 * nz), values.size() / std::size_t(2 * nz)));
-    image_close(1);
-  }
+    for (int mode : {2, 4}) {
+        const std::string path = scratch("pupil.mrc");
+        const std::vector<float> values = write_pupil(path, mode);
+        ASSERT_EQ(0, image_open(1, path.c_str(), "ro"));
+        const double nz = mode == 4 ? 1 : 2;
+        EXPECT_EQ((std::vector<double>{kNx,     kNy,   2 * nz,   0,       0,    0,     double(mode),
+                                       1,       0,     -1,       nz,      2,    1,     0,
+                                       8000,    10612, -7,       300,     14,   151.5, 0.0123f,
+                                       0.0457f, 0.3f,  -0.0615f, -0.114f, 0.5f, 2,     528,
+                                       617,     0,     0,        0,       -2.5, 9.75,  2}),
+                  header_row(1));
+        EXPECT_EQ("title line", label(1, 1));
+        EXPECT_EQ(0, image_seek_section(1, 0, 0, 0));
+        EXPECT_EQ(values, read_sections(1, int(2 * nz), values.size() / std::size_t(2 * nz)));
+        image_close(1);
+    }
 }
 
 TEST(HandMadeFile, delivers_mode_3_exactly_like_mode_4) {
-  const std::vector<int> parts = {-32768, 32767, 0, -1, 1234, -4321, 7, 8, -9, 10, 11, -12};
-  Bytes b = hand_header(false, 3, 2, 3, 1, 1, 1, 0);
-  b.resize(1024 + 2 * parts.size());
-  for (std::size_t i = 0; i < parts.size(); ++i) put(b, 1024 + 2 * i, std::uint32_t(parts[i]), 2);
-  save(scratch("mode3.mrc"), b);
-  const std::vector<float> expected(parts.begin(), parts.end());
-  new_image(2, scratch("mode4.mrc"), 3, 2, 4, 1, 1);
-  EXPECT_EQ(0, image_write_section(2, expected.data()));
-  image_close(2);
-  for (const char* name : {"mode3.mrc", "mode4.mrc"}) {
-    ASSERT_EQ(0, image_open(1, scratch(name).c_str(), "ro")) << name;
-    EXPECT_EQ(expected, read_sections(1, 1, 12)) << name;
-    image_close(1);
-  }
+    const std::vector<int> parts = {-32768, 32767, 0, -1, 1234, -4321, 7, 8, -9, 10, 11, -12};
+    Bytes b = hand_header(false, 3, 2, 3, 1, 1, 1, 0);
+    b.resize(1024 + 2 * parts.size());
+    for (std::size_t i = 0; i < parts.size(); ++i) put(b, 1024 + 2 * i, std::uint32_t(parts[i]), 2);
+    save(scratch("mode3.mrc"), b);
+    const std::vector<float> expected(parts.begin(), parts.end());
+    new_image(2, scratch("mode4.mrc"), 3, 2, 4, 1, 1);
+    EXPECT_EQ(0, image_write_section(2, expected.data()));
+    image_close(2);
+    for (const char* name : {"mode3.mrc", "mode4.mrc"}) {
+        ASSERT_EQ(0, image_open(1, scratch(name).c_str(), "ro")) << name;
+        EXPECT_EQ(expected, read_sections(1, 1, 12)) << name;
+        image_close(1);
+    }
 }
 
 TEST(HandMadeFile, reads_big_endian_by_its_stamp_or_else_by_its_sizes) {
-  Bytes b = hand_header(true, 3, 2, 2, 1, 2, 1, 0);
-  const std::vector<float> pixels = {1.5e-3f, -2, 3.25f, 1e30f, -0.1f, 6, 7, 8.5f, -9, 10, 1e-38f, 12};
-  b.resize(1024 + 4 * pixels.size());
-  for (std::size_t i = 0; i < pixels.size(); ++i) put_f32(b, 1024 + 4 * i, pixels[i], true);
-  for (int stamp : {0x11, 0x00}) {
-    b[212] = b[213] = static_cast<unsigned char>(stamp);
-    save(scratch("big.mrc"), b);
-    ASSERT_EQ(0, image_open(1, scratch("big.mrc").c_str(), "ro")) << stamp;
-    EXPECT_EQ((std::vector<double>{3, 2, 2, 0, 0, 0, 2, 0, 0, 0, 1, 2, 1, 0, 8000, 10612, -2, 300, 14, 151.5, 0.25,
-                                   0.5, 0.75, -1.5, -3, -4.5, 2, 450, 500, 0, 0, 0, 0, 0.125, 1}),
-              header_row(1)) << stamp;
-    EXPECT_EQ(0, image_seek_section(1, 0, 1, 0));
-    EXPECT_EQ(std::vector<float>(pixels.begin() + 6, pixels.end()), read_sections(1, 1, 6)) << stamp;
-    image_close(1);
-  }
+    Bytes b = hand_header(true, 3, 2, 2, 1, 2, 1, 0);
+    const std::vector<float> pixels = {1.5e-3f, -2,   3.25f, 1e30f, -0.1f,  6,
+                                       7,       8.5f, -9,    10,    1e-38f, 12};
+    b.resize(1024 + 4 * pixels.size());
+    for (std::size_t i = 0; i < pixels.size(); ++i) put_f32(b, 1024 + 4 * i, pixels[i], true);
+    for (int stamp : {0x11, 0x00}) {
+        b[212] = b[213] = static_cast<unsigned char>(stamp);
+        save(scratch("big.mrc"), b);
+        ASSERT_EQ(0, image_open(1, scratch("big.mrc").c_str(), "ro")) << stamp;
+        EXPECT_EQ((std::vector<double>{3,   2,     2,    0,   0,    0,    2,     0,    0,
+                                       0,   1,     2,    1,   0,    8000, 10612, -2,   300,
+                                       14,  151.5, 0.25, 0.5, 0.75, -1.5, -3,    -4.5, 2,
+                                       450, 500,   0,    0,   0,    0,    0.125, 1}),
+                  header_row(1))
+            << stamp;
+        EXPECT_EQ(0, image_seek_section(1, 0, 1, 0));
+        EXPECT_EQ(std::vector<float>(pixels.begin() + 6, pixels.end()), read_sections(1, 1, 6))
+            << stamp;
+        image_close(1);
+    }
 }
 
 TEST(SectionAddressing, follows_each_interleave_order_and_refuses_seeks_outside_nz_nw_nt) {
-  for (int order = 0; order < 3; ++order) {  // nz 2, nw 3, nt 2; each section holds its number
-    Bytes b = hand_header(false, 1, 1, 2, 2, 3, 2, order);
-    b.resize(1024 + 4 * 12);
-    for (int s = 0; s < 12; ++s) put_f32(b, 1024 + 4 * std::size_t(s), float(s));
-    save(scratch("order.mrc"), b);
-    ASSERT_EQ(0, image_open(1, scratch("order.mrc").c_str(), "ro"));
-    float section = -1;
-    EXPECT_EQ(0, image_seek_section(1, 0, 1, 1));
-    EXPECT_EQ(0, image_read_section(1, &section));
-    EXPECT_EQ(float(6 + order), section) << "order " << order;  // 6, 7, 8 worked out by hand
-    EXPECT_EQ(0, image_seek_section(1, 1, 2, 1));
-    EXPECT_EQ(0, image_read_section(1, &section));
-    EXPECT_EQ(11.0f, section) << "order " << order;
-    for (auto [z, w, t] : std::vector<std::array<int, 3>>{{2, 0, 0}, {0, 3, 0}, {0, 0, 2}, {-1, 0, 0}, {0, -1, 0}}) {
-      EXPECT_NE(0, image_seek_section(1, z, w, t)) << z << " " << w << " " << t;
+    for (int order = 0; order < 3; ++order) {  // nz 2, nw 3, nt 2; each section holds its number
+        Bytes b = hand_header(false, 1, 1, 2, 2, 3, 2, order);
+        b.resize(1024 + 4 * 12);
+        for (int s = 0; s < 12; ++s) put_f32(b, 1024 + 4 * std::size_t(s), float(s));
+        save(scratch("order.mrc"), b);
+        ASSERT_EQ(0, image_open(1, scratch("order.mrc").c_str(), "ro"));
+        float section = -1;
+        EXPECT_EQ(0, image_seek_section(1, 0, 1, 1));
+        EXPECT_EQ(0, image_read_section(1, &section));
+        EXPECT_EQ(float(6 + order), section) << "order " << order;  // 6, 7, 8 worked out by hand
+        EXPECT_EQ(0, image_seek_section(1, 1, 2, 1));
+        EXPECT_EQ(0, image_read_section(1, &section));
+        EXPECT_EQ(11.0f, section) << "order " << order;
+        for (auto [z, w, t] : std::vector<std::array<int, 3>>{
+                 {2, 0, 0}, {0, 3, 0}, {0, 0, 2}, {-1, 0, 0}, {0, -1, 0}}) {
+            EXPECT_NE(0, image_seek_section(1, z, w, t)) << z << " " << w << " " << t;
+        }
+        image_close(1);
     }
-    image_close(1);
-  }
 }
 
 TEST(OpeningRefuses, damaged_or_missing_files_with_one_message_naming_the_file_unless_silenced) {
-  Bytes valid = hand_header(false, 4, 4, 2, 1, 2, 1, 0);
-  valid.resize(1024 + 128);
-  const std::vector<std::pair<std::function<void(Bytes&)>, std::string>> damages = {
-      {[](Bytes& b) { b.pop_back(); }, "header promises 128 bytes of sections, file holds 127"},
-      {[](Bytes& b) { b.resize(1000); }, "file holds 1000 bytes, less than the 1024-byte header"},
-      {[](Bytes& b) { put(b, 4, std::uint32_t(-4), 4); }, "negative size NX = 4, NY = -4, NZ = 2"},
-      {[](Bytes& b) { put(b, 12, 5, 4); }, "pixel mode 5 is not supported"},
-      {[](Bytes& b) { put(b, 136, 6, 2); }, "wavelength count 6 is outside 0 to 5"},
-      {[](Bytes& b) { put(b, 138, std::uint32_t(-1), 2); }, "time point count -1 is negative"},
-      {[](Bytes& b) { put(b, 140, 3, 2); }, "interleave order 3 is not 0, 1 or 2"},
-      {[](Bytes& b) { put(b, 8, 3, 4); }, "NZ = 3 is not a multiple of 2 wavelengths times 1 time points"},
-      {[](Bytes& b) { put(b, 92, std::uint32_t(-4), 4); }, "NSYMBT = -4 is negative"},
-      {[](Bytes& b) { put(b, 92, 200, 4); }, "header promises 200 bytes of extended header, file holds 128"},
-      {[](Bytes& b) { for (int at : {0, 4, 8, 12}) put(b, std::size_t(at), at < 12 ? 2147483646 : 4, 4); },
-       "header promises 18446744073709551615 bytes of sections, file holds 128"},  // saturated, not wrapped
-      {[](Bytes& b) { for (std::size_t i = 0; i < b.size(); ++i) b[i] = static_cast<unsigned char>(i * 151 + 7); },
-       ""},  // garbage: any reason will do
-  };
-  const std::string path = scratch("damaged.mrc");
-  for (const auto& [damage, reason] : damages) {
-    Bytes b = valid;
-    damage(b);
-    save(path, b);
-    testing::internal::CaptureStderr();
-    EXPECT_NE(0, image_open(1, path.c_str(), "ro"));
-    expect_message(testing::internal::GetCapturedStderr(), path, reason);
-    image_close(1);
-  }
-  testing::internal::CaptureStderr();
-  EXPECT_NE(0, image_open(1, scratch("").c_str(), "ro"));
-  expect_message(testing::internal::GetCapturedStderr(), scratch(""), "not a regular file");
-  fs::remove(path);
-  for (int on : {0, 1}) {
-    image_set_message_printing(on);
-    testing::internal::CaptureStderr();
-    EXPECT_NE(0, image_open(1, path.c_str(), "ro"));
-    const std::string err = testing::internal::GetCapturedStderr();
-    if (on) {
-      expect_message(err, path, "cannot open for reading");
-    } else {
-      EXPECT_EQ("", err);
+    Bytes valid = hand_header(false, 4, 4, 2, 1, 2, 1, 0);
+    valid.resize(1024 + 128);
+    const std::vector<std::pair<std::function<void(Bytes&)>, std::string>> damages = {
+        {[](Bytes& b) { b.pop_back(); }, "header promises 128 bytes of sections, file holds 127"},
+        {[](Bytes& b) { b.resize(1000); }, "file holds 1000 bytes, less than the 1024-byte header"},
+        {[](Bytes& b) { put(b, 4, std::uint32_t(-4), 4); },
+         "negative size NX = 4, NY = -4, NZ = 2"},
+        {[](Bytes& b) { put(b, 12, 5, 4); }, "pixel mode 5 is not supported"},
+        {[](Bytes& b) { put(b, 136, 6, 2); }, "wavelength count 6 is outside 0 to 5"},
+        {[](Bytes& b) { put(b, 138, std::uint32_t(-1), 2); }, "time point count -1 is negative"},
+        {[](Bytes& b) { put(b, 140, 3, 2); }, "interleave order 3 is not 0, 1 or 2"},
+        {[](Bytes& b) { put(b, 8, 3, 4); },
+         "NZ = 3 is not a multiple of 2 wavelengths times 1 time points"},
+        {[](Bytes& b) { put(b, 92, std::uint32_t(-4), 4); }, "NSYMBT = -4 is negative"},
+        {[](Bytes& b) { put(b, 92, 200, 4); },
+         "header promises 200 bytes of extended header, file holds 128"},
+        {[](Bytes& b) {
+             for (int at : {0, 4, 8, 12}) put(b, std::size_t(at), at < 12 ? 2147483646 : 4, 4);
+         },
+         "header promises 18446744073709551615 bytes of sections, file holds 128"},  // saturated,
+                                                                                     // not wrapped
+        {[](Bytes& b) {
+             for (std::size_t i = 0; i < b.size(); ++i)
+                 b[i] = static_cast<unsigned char>(i * 151 + 7);
+         },
+         ""},  // garbage: any reason will do
+    };
+    const std::string path = scratch("damaged.mrc");
+    for (const auto& [damage, reason] : damages) {
+        Bytes b = valid;
+        damage(b);
+        save(path, b);
+        testing::internal::CaptureStderr();
+        EXPECT_NE(0, image_open(1, path.c_str(), "ro"));
+        expect_message(testing::internal::GetCapturedStderr(), path, reason);
+        image_close(1);
     }
-  }
+    testing::internal::CaptureStderr();
+    EXPECT_NE(0, image_open(1, scratch("").c_str(), "ro"));
+    expect_message(testing::internal::GetCapturedStderr(), scratch(""), "not a regular file");
+    fs::remove(path);
+    for (int on : {0, 1}) {
+        image_set_message_printing(on);
+        testing::internal::CaptureStderr();
+        EXPECT_NE(0, image_open(1, path.c_str(), "ro"));
+        const std::string err = testing::internal::GetCapturedStderr();
+        if (on) {
+            expect_message(err, path, "cannot open for reading");
+        } else {
+            EXPECT_EQ("", err);
+        }
+    }
 }
 
 TEST(SectionRead, reports_a_file_cut_short_after_opening_and_leaves_the_buffer_alone) {
-  const std::string path = scratch("cut.mrc");
-  write_pupil(path, 2);
-  ASSERT_EQ(0, image_open(1, path.c_str(), "ro"));
-  fs::resize_file(path, 1024 + 3 * kNx * kNy * 4 + 6);
-  std::vector<float> buffer(kNx * kNy, 42.0f);
-  EXPECT_EQ(0, image_seek_section(1, 1, 1, 0));
-  testing::internal::CaptureStderr();
-  EXPECT_NE(0, image_read_section(1, buffer.data()));
-  expect_message(testing::internal::GetCapturedStderr(), path, "section 3: read 6 of 80 bytes");
-  EXPECT_EQ(std::vector<float>(kNx * kNy, 42.0f), buffer);
-  image_close(1);
+    const std::string path = scratch("cut.mrc");
+    write_pupil(path, 2);
+    ASSERT_EQ(0, image_open(1, path.c_str(), "ro"));
+    fs::resize_file(path, 1024 + 3 * kNx * kNy * 4 + 6);
+    std::vector<float> buffer(kNx * kNy, 42.0f);
+    EXPECT_EQ(0, image_seek_section(1, 1, 1, 0));
+    testing::internal::CaptureStderr();
+    EXPECT_NE(0, image_read_section(1, buffer.data()));
+    expect_message(testing::internal::GetCapturedStderr(), path, "section 3: read 6 of 80 bytes");
+    EXPECT_EQ(std::vector<float>(kNx * kNy, 42.0f), buffer);
+    image_close(1);
 }
 
 TEST(NewFile, title_flags_append_keep_or_replace_the_labels) {
-  ASSERT_EQ(0, image_open(3, scratch("labels.mrc").c_str(), "new"));
-  for (int i = 0; i < 10; ++i) image_add_label(3, ("label " + std::to_string(i)).c_str());
-  image_write_header(3, "appended", 1, 0, 0, 0);  // the oldest label makes room
-  image_write_header(3, "kept out", -1, 0, 0, 0);
-  EXPECT_EQ((std::vector<std::string>{"label 1", "appended", "(none)"}),
-            (std::vector<std::string>{label(3, 0), label(3, 9), label(3, 10)}));
-  image_write_header(3, std::string(90, 'x').c_str(), 0, 0, 0, 0);
-  image_close(3);
-  ASSERT_EQ(0, image_open(3, scratch("labels.mrc").c_str(), "ro"));
-  EXPECT_EQ(1, image_get_label_count(3));
-  EXPECT_EQ(std::string(80, 'x'), label(3, 0));
-  image_close(3);
+    ASSERT_EQ(0, image_open(3, scratch("labels.mrc").c_str(), "new"));
+    for (int i = 0; i < 10; ++i) image_add_label(3, ("label " + std::to_string(i)).c_str());
+    image_write_header(3, "appended", 1, 0, 0, 0);  // the oldest label makes room
+    image_write_header(3, "kept out", -1, 0, 0, 0);
+    EXPECT_EQ((std::vector<std::string>{"label 1", "appended", "(none)"}),
+              (std::vector<std::string>{label(3, 0), label(3, 9), label(3, 10)}));
+    image_write_header(3, std::string(90, 'x').c_str(), 0, 0, 0, 0);
+    image_close(3);
+    ASSERT_EQ(0, image_open(3, scratch("labels.mrc").c_str(), "ro"));
+    EXPECT_EQ(1, image_get_label_count(3));
+    EXPECT_EQ(std::string(80, 'x'), label(3, 0));
+    image_close(3);
 }
 
 TEST(NewFile, closed_early_holds_its_header_and_only_the_sections_written) {
-  const std::string path = scratch("early.mrc");
-  new_image(2, path, 2, 2, 4, 1, 3);
-  const float pixels[8] = {1, 2, 3, 4, 5, 6, 7, 8};
-  EXPECT_EQ(0, image_write_section(2, pixels));
-  image_close(2);  // its header never written explicitly
-  const std::vector<float> words = load_floats(path);
-  ASSERT_EQ(256u + 8u, words.size());
-  const std::int32_t sizes_and_mode[4] = {2, 2, 3, 4};
-  EXPECT_EQ(0, std::memcmp(words.data(), sizes_and_mode, sizeof sizes_and_mode));
-  EXPECT_EQ(0, std::memcmp(&words[52], "MAP ", 4));
-  EXPECT_EQ(std::vector<float>(pixels, pixels + 8), std::vector<float>(words.begin() + 256, words.end()));
+    const std::string path = scratch("early.mrc");
+    new_image(2, path, 2, 2, 4, 1, 3);
+    const float pixels[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+    EXPECT_EQ(0, image_write_section(2, pixels));
+    image_close(2);  // its header never written explicitly
+    const std::vector<float> words = load_floats(path);
+    ASSERT_EQ(256u + 8u, words.size());
+    const std::int32_t sizes_and_mode[4] = {2, 2, 3, 4};
+    EXPECT_EQ(0, std::memcmp(words.data(), sizes_and_mode, sizeof sizes_and_mode));
+    EXPECT_EQ(0, std::memcmp(&words[52], "MAP ", 4));
+    EXPECT_EQ(std::vector<float>(pixels, pixels + 8),
+              std::vector<float>(words.begin() + 256, words.end()));
 }
 
 TEST(NewFile, writes_integer_modes_rounded_and_clamped) {
-  const float in[6] = {-70000.0f, -1.5f, -0.4f, 2.5f, 70000.0f, NAN};
-  for (auto [mode, expected] : {std::pair{0, std::vector<float>{-128, -2, 0, 3, 127, 0}},
-                                {1, {-32768, -2, 0, 3, 32767, 0}}, {6, {0, 0, 0, 3, 65535, 0}}}) {
-    new_image(2, scratch("int.mrc"), 6, 1, mode, 1, 1);
-    EXPECT_EQ(0, image_write_section(2, in));
-    image_close(2);
-    ASSERT_EQ(0, image_open(1, scratch("int.mrc").c_str(), "ro"));
-    EXPECT_EQ(expected, read_sections(1, 1, 6)) << "mode " << mode;
-    image_close(1);
-  }
+    const float in[6] = {-70000.0f, -1.5f, -0.4f, 2.5f, 70000.0f, NAN};
+    for (auto [mode, expected] : {std::pair{0, std::vector<float>{-128, -2, 0, 3, 127, 0}},
+                                  {1, {-32768, -2, 0, 3, 32767, 0}},
+                                  {6, {0, 0, 0, 3, 65535, 0}}}) {
+        new_image(2, scratch("int.mrc"), 6, 1, mode, 1, 1);
+        EXPECT_EQ(0, image_write_section(2, in));
+        image_close(2);
+        ASSERT_EQ(0, image_open(1, scratch("int.mrc").c_str(), "ro"));
+        EXPECT_EQ(expected, read_sections(1, 1, 6)) << "mode " << mode;
+        image_close(1);
+    }
 }
 
 TEST(ResidualLayout, copies_the_input_header_without_its_extended_header_and_sets_only_the_layout) {
-  Bytes b = hand_header(false, 2, 1, 2, 2, 2, 1, 0);
-  put(b, 92, 8, 4);  // NSYMBT: 8 bytes of extended header before the sections
-  b.resize(1024 + 8 + 4 * 8, 0xee);
-  for (int i = 0; i < 8; ++i) put_f32(b, 1032 + 4 * std::size_t(i), float(i) + 0.5f);
-  save(scratch("input.mrc"), b);
-  ASSERT_EQ(0, image_open(1, scratch("input.mrc").c_str(), "ro"));
-  EXPECT_EQ(0, image_seek_section(1, 1, 1, 0));
-  EXPECT_EQ((std::vector<float>{6.5f, 7.5f}), read_sections(1, 1, 2));
-  ASSERT_EQ(0, image_open(2, scratch("residual.mrc").c_str(), "new"));
-  image_copy_header(2, 1);  // then the calls the program makes, in its order
-  image_set_resolutions(2, 1, 1);
-  image_set_extended_header_size(2, 0, 0, 0);
-  image_set_zwt_sizes(2, 1, 2, 1, 0);
-  const float waves[2] = {617.0f, 528.0f};
-  image_set_wavelengths(2, 2, waves);
-  image_set_pixel_mode(2, 4);
-  const std::vector<float> values = {1, 2, 3, 4, 5, 6, 7, 8};
-  for (int slot = 0; slot < 2; ++slot) {
-    EXPECT_EQ(0, image_seek_section(2, 0, slot, 0));
-    if (slot > 0) image_set_wavelength_min_max(2, slot, -1.0f, 2.0f);
-    EXPECT_EQ(0, image_write_section(2, values.data() + 4 * slot));
-  }
-  image_write_header(2, nullptr, -1, 1.0f, 0.0f, -1.0f);
-  image_close(2);
-  image_close(1);
-  EXPECT_EQ(1024u + 32u, fs::file_size(scratch("residual.mrc")));
-  ASSERT_EQ(0, image_open(1, scratch("residual.mrc").c_str(), "ro"));
-  EXPECT_EQ((std::vector<double>{2, 1, 2, 0, 0, 0, 4, 1, 0, -1, 1, 2, 1, 0, 8000, 10612, -2, 300, 14, 151.5, 0.25, 0.5,
-                                 0.75, -1.5, -3, -4.5, 2, 617, 528, 0, 0, 0, -1, 2, 1}),
-            header_row(1));
-  EXPECT_EQ("hand made", label(1, 0));
-  EXPECT_EQ(values, read_sections(1, 2, 4));
-  image_close(1);
+    Bytes b = hand_header(false, 2, 1, 2, 2, 2, 1, 0);
+    put(b, 92, 8, 4);  // NSYMBT: 8 bytes of extended header before the sections
+    b.resize(1024 + 8 + 4 * 8, 0xee);
+    for (int i = 0; i < 8; ++i) put_f32(b, 1032 + 4 * std::size_t(i), float(i) + 0.5f);
+    save(scratch("input.mrc"), b);
+    ASSERT_EQ(0, image_open(1, scratch("input.mrc").c_str(), "ro"));
+    EXPECT_EQ(0, image_seek_section(1, 1, 1, 0));
+    EXPECT_EQ((std::vector<float>{6.5f, 7.5f}), read_sections(1, 1, 2));
+    ASSERT_EQ(0, image_open(2, scratch("residual.mrc").c_str(), "new"));
+    image_copy_header(2, 1);  // then the calls the program makes, in its order
+    image_set_resolutions(2, 1, 1);
+    image_set_extended_header_size(2, 0, 0, 0);
+    image_set_zwt_sizes(2, 1, 2, 1, 0);
+    const float waves[2] = {617.0f, 528.0f};
+    image_set_wavelengths(2, 2, waves);
+    image_set_pixel_mode(2, 4);
+    const std::vector<float> values = {1, 2, 3, 4, 5, 6, 7, 8};
+    for (int slot = 0; slot < 2; ++slot) {
+        EXPECT_EQ(0, image_seek_section(2, 0, slot, 0));
+        if (slot > 0) image_set_wavelength_min_max(2, slot, -1.0f, 2.0f);
+        EXPECT_EQ(0, image_write_section(2, values.data() + 4 * slot));
+    }
+    image_write_header(2, nullptr, -1, 1.0f, 0.0f, -1.0f);
+    image_close(2);
+    image_close(1);
+    EXPECT_EQ(1024u + 32u, fs::file_size(scratch("residual.mrc")));
+    ASSERT_EQ(0, image_open(1, scratch("residual.mrc").c_str(), "ro"));
+    EXPECT_EQ(
+        (std::vector<double>{2,  1,    2,    0,     0,   0,   4,  1,     0,    -1,  1,    2,
+                             1,  0,    8000, 10612, -2,  300, 14, 151.5, 0.25, 0.5, 0.75, -1.5,
+                             -3, -4.5, 2,    617,   528, 0,   0,  0,     -1,   2,   1}),
+        header_row(1));
+    EXPECT_EQ("hand made", label(1, 0));
+    EXPECT_EQ(values, read_sections(1, 2, 4));
+    image_close(1);
 }
 
 TEST(Mrcfile, validates_and_reads_the_layers_files_in_modes_2_and_4) {
-  require_mrcfile();
-  for (int mode : {2, 4}) {
-    const std::string path = scratch("ours" + std::to_string(mode) + ".mrc");
-    const std::vector<float> values = write_pupil(path, mode);
-    ASSERT_EQ(0, python("check " + path + " " + path + ".f32")) << "mrcfile refuses " << path;
-    EXPECT_EQ(values, load_floats(path + ".f32")) << "mode " << mode;
-  }
+    require_mrcfile();
+    for (int mode : {2, 4}) {
+        const std::string path = scratch("ours" + std::to_string(mode) + ".mrc");
+        const std::vector<float> values = write_pupil(path, mode);
+        ASSERT_EQ(0, python("check " + path + " " + path + ".f32")) << "mrcfile refuses " << path;
+        EXPECT_EQ(values, load_floats(path + ".f32")) << "mode " << mode;
+    }
 }
 
 TEST(Mrcfile, files_it_writes_in_every_mode_it_knows_read_back_bit_for_bit) {
-  require_mrcfile();
-  ASSERT_EQ(0, python("make " + scratch("")));
-  for (int mode : {0, 1, 2, 4, 6, 12}) {
-    ASSERT_EQ(0, image_open(1, scratch("mode" + std::to_string(mode) + ".mrc").c_str(), "ro")) << mode;
-    const std::vector<float> expected = load_floats(scratch("mode" + std::to_string(mode) + ".f32"));
-    const std::vector<float> got = read_sections(1, 3, expected.size() / 3);
-    EXPECT_EQ(0, std::memcmp(expected.data(), got.data(), expected.size() * 4)) << "mode " << mode;
-    image_close(1);
-  }
+    require_mrcfile();
+    ASSERT_EQ(0, python("make " + scratch("")));
+    for (int mode : {0, 1, 2, 4, 6, 12}) {
+        ASSERT_EQ(0, image_open(1, scratch("mode" + std::to_string(mode) + ".mrc").c_str(), "ro"))
+            << mode;
+        const std::vector<float> expected =
+            load_floats(scratch("mode" + std::to_string(mode) + ".f32"));
+        const std::vector<float> got = read_sections(1, 3, expected.size() / 3);
+        EXPECT_EQ(0, std::memcmp(expected.data(), got.data(), expected.size() * 4))
+            << "mode " << mode;
+        image_close(1);
+    }
 }
 
 TEST(Mrcfile, documented_python_example_makes_a_pupil_image) {
-  require_mrcfile();
-  ASSERT_EQ(0, python("pupil " + scratch("example.mrc")));
-  ASSERT_EQ(0, image_open(1, scratch("example.mrc").c_str(), "ro"));
-  const std::vector<double> row = header_row(1);
-  EXPECT_EQ((std::vector<double>{2, 2, 1, 0, 8000, 10612, 0, 0, 14, 151.5}),
-            std::vector<double>(row.begin() + 10, row.begin() + 20));
-  EXPECT_EQ((std::vector<double>{2, 528, 617}), std::vector<double>(row.begin() + 26, row.begin() + 29));
-  EXPECT_FLOAT_EQ(3.0f, float(-row[23] / row[20]));  // pupil centre x = -origin x / dx
-  EXPECT_FLOAT_EQ(2.5f, float(-row[24] / row[21]));
-  std::vector<float> plane(7 * 6);
-  for (int z = 0; z < 2; ++z) {
-    EXPECT_EQ(0, image_seek_section(1, z, 1, 0));
-    EXPECT_EQ(0, image_read_section(1, plane.data()));
-    EXPECT_EQ(z == 0 ? 5.0f : -0.5f, plane[3 * 7 + 4]);  // wavelength 1, pixel (4, 3): 2x - y and -x / 8
-  }
-  image_close(1);
+    require_mrcfile();
+    ASSERT_EQ(0, python("pupil " + scratch("example.mrc")));
+    ASSERT_EQ(0, image_open(1, scratch("example.mrc").c_str(), "ro"));
+    const std::vector<double> row = header_row(1);
+    EXPECT_EQ((std::vector<double>{2, 2, 1, 0, 8000, 10612, 0, 0, 14, 151.5}),
+              std::vector<double>(row.begin() + 10, row.begin() + 20));
+    EXPECT_EQ((std::vector<double>{2, 528, 617}),
+              std::vector<double>(row.begin() + 26, row.begin() + 29));
+    EXPECT_FLOAT_EQ(3.0f, float(-row[23] / row[20]));  // pupil centre x = -origin x / dx
+    EXPECT_FLOAT_EQ(2.5f, float(-row[24] / row[21]));
+    std::vector<float> plane(7 * 6);
+    for (int z = 0; z < 2; ++z) {
+        EXPECT_EQ(0, image_seek_section(1, z, 1, 0));
+        EXPECT_EQ(0, image_read_section(1, plane.data()));
+        EXPECT_EQ(z == 0 ? 5.0f : -0.5f,
+                  plane[3 * 7 + 4]);  // wavelength 1, pixel (4, 3): 2x - y and -x / 8
+    }
+    image_close(1);
 }

@@ -26,31 +26,31 @@ std::vector<double> values(const double* array, int count) {
 
 // A valid file that exercises every keyword; the error cases damage one line.
 const std::vector<std::string> kValid = {
-    "#parametric_pupil_format 0",              // 1
-    "# note",                                  // 2
-    "#numerical_aperture 1.400",               // 3
-    "#immersion_refractive_index 1.51500",     // 4
-    "#lens_id 12",                             // 5
-    "#zernike_set_for_amplitude 2 2",          // 6
-    "#zernike_set_for_phase 1 1",              // 7
-    "#polar_fourier_set_for_amplitude 1 1",    // 8
-    "#polar_fourier_set_for_phase -1 -1",      // 9
-    "#wavelength_count 2",                     // 10
-    "#wavelengths_um 0.525000 0.600000",       // 11
-    "#zernike_coeff_amplitude_1",              // 12
-    "  0   0 0.5",                             // 13
-    "  2   2 6 7",                             // 14
-    "  1   1 2 3",                             // 15
-    "  2   0 4",                               // 16
-    "#polar_fourier_coeff_amplitude_0",        // 17
-    "  1   1 11 12 13 14",                     // 18
-    "  0   0 1",                               // 19
-    "  0   1 2 3",                             // 20
-    "  1   0 4 5",                             // 21
-    "",                                        // 22
-    "#zernike_coeff_phase_0",                  // 23
-    "  0   0 -1.5",                            // 24
-    "  1   1 0.25 1e-05",                      // 25
+    "#parametric_pupil_format 0",            // 1
+    "# note",                                // 2
+    "#numerical_aperture 1.400",             // 3
+    "#immersion_refractive_index 1.51500",   // 4
+    "#lens_id 12",                           // 5
+    "#zernike_set_for_amplitude 2 2",        // 6
+    "#zernike_set_for_phase 1 1",            // 7
+    "#polar_fourier_set_for_amplitude 1 1",  // 8
+    "#polar_fourier_set_for_phase -1 -1",    // 9
+    "#wavelength_count 2",                   // 10
+    "#wavelengths_um 0.525000 0.600000",     // 11
+    "#zernike_coeff_amplitude_1",            // 12
+    "  0   0 0.5",                           // 13
+    "  2   2 6 7",                           // 14
+    "  1   1 2 3",                           // 15
+    "  2   0 4",                             // 16
+    "#polar_fourier_coeff_amplitude_0",      // 17
+    "  1   1 11 12 13 14",                   // 18
+    "  0   0 1",                             // 19
+    "  0   1 2 3",                           // 20
+    "  1   0 4 5",                           // 21
+    "",                                      // 22
+    "#zernike_coeff_phase_0",                // 23
+    "  0   0 -1.5",                          // 24
+    "  1   1 0.25 1e-05",                    // 25
 };
 
 std::string joined(const std::vector<std::string>& lines) {
@@ -66,12 +66,11 @@ std::string with_line(int line, const std::string& replacement) {
 }
 
 class PupilFile : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         const auto* info = ::testing::UnitTest::GetInstance()->current_test_info();
         dir_ = fs::temp_directory_path() /
-               ("torvel_pupil_" + std::string(info->name()) + "_" +
-                std::to_string(::getpid()));
+               ("torvel_pupil_" + std::string(info->name()) + "_" + std::to_string(::getpid()));
         fs::create_directories(dir_);
     }
     void TearDown() override { fs::remove_all(dir_); }
@@ -100,8 +99,7 @@ protected:
 
     static Outcome read_file(const std::string& name) {
         Outcome out;
-        out.pupil.reset(
-            read_parametric_pupil(name.c_str(), &out.code, &out.line, &out.column));
+        out.pupil.reset(read_parametric_pupil(name.c_str(), &out.code, &out.line, &out.column));
         return out;
     }
 
@@ -158,8 +156,7 @@ TEST_F(PupilFile, writes_the_exact_text_of_a_fitted_record) {
               "  2   0 13\n"
               "  2   2 14 15\n"
               "  3   1 16 17\n");
-    EXPECT_EQ(write_parametric_pupil(p.get(), path("no/such/dir").c_str(), &code),
-              nullptr);
+    EXPECT_EQ(write_parametric_pupil(p.get(), path("no/such/dir").c_str(), &code), nullptr);
     EXPECT_EQ(code, 1);
 }
 
@@ -199,8 +196,7 @@ TEST_F(PupilFile, reads_back_what_it_writes_to_the_printed_precision) {
     Outcome first = read_text(joined(kValid));
     ASSERT_NE(first.pupil, nullptr) << first.code << " " << first.line;
     EXPECT_EQ(first.code, -9);
-    ASSERT_NE(write_parametric_pupil(first.pupil.get(), path("out.txt").c_str(), nullptr),
-              nullptr);
+    ASSERT_NE(write_parametric_pupil(first.pupil.get(), path("out.txt").c_str(), nullptr), nullptr);
     Outcome again = read_file(path("out.txt"));
     ASSERT_NE(again.pupil, nullptr);
     for (ParametricPupil* p : {first.pupil.get(), again.pupil.get()}) {
@@ -210,8 +206,8 @@ TEST_F(PupilFile, reads_back_what_it_writes_to_the_printed_precision) {
         EXPECT_EQ(get_parametric_pupil_wavelength(p, 1), 0.6f);
         EXPECT_EQ(values(get_parametric_pupil_amplitude_zernike_coeff(p, 1), 6),
                   (std::vector<double>{0.5, 2, 3, 4, 6, 7}));
-        EXPECT_NEAR(get_parametric_pupil_amplitude_zernike_coeff(p, 0)[0],
-                    0.7071067811865475, 5e-7);
+        EXPECT_NEAR(get_parametric_pupil_amplitude_zernike_coeff(p, 0)[0], 0.7071067811865475,
+                    5e-7);
         EXPECT_EQ(values(get_parametric_pupil_amplitude_polarf_coeff(p, 0), 9),
                   (std::vector<double>{1, 2, 3, 4, 5, 11, 12, 13, 14}));
         EXPECT_EQ(values(get_parametric_pupil_amplitude_polarf_coeff(p, 1), 9),
@@ -320,7 +316,8 @@ TEST_F(PupilFile, reads_long_lines_whole_growing_the_buffer_by_256) {
     ASSERT_NE(out.pupil, nullptr);
     EXPECT_EQ(std::string(get_parametric_pupil_label(out.pupil.get(), 0)), long_label);
 
-    std::FILE* stream = std::fopen(put(std::string(255, 'a') + "\n" + long_label + "\n").c_str(), "r");
+    std::FILE* stream =
+        std::fopen(put(std::string(255, 'a') + "\n" + long_label + "\n").c_str(), "r");
     ASSERT_NE(stream, nullptr);
     std::int32_t size = 256, error = 0, column = -9;
     char* line = new char[256];

@@ -45,9 +45,11 @@ TEST(ParametricPupilRecord, starts_empty_and_a_null_record_gives_defaults) {
         EXPECT_EQ(get_parametric_pupil_lens_id(r), -1);
         std::int32_t a = 0, b = 0;
         get_parametric_pupil_amplitude_zernike_orders(r, &a, &b);
-        EXPECT_EQ(a, -1); EXPECT_EQ(b, -1);
+        EXPECT_EQ(a, -1);
+        EXPECT_EQ(b, -1);
         get_parametric_pupil_phase_polarf_orders(r, &a, &b);
-        EXPECT_EQ(a, -1); EXPECT_EQ(b, -1);
+        EXPECT_EQ(a, -1);
+        EXPECT_EQ(b, -1);
         EXPECT_EQ(get_parametric_pupil_amplitude_zernike_count(r), 0);
         EXPECT_EQ(get_parametric_pupil_phase_zernike_count(r), 0);
         EXPECT_EQ(get_parametric_pupil_amplitude_polarf_count(r), 0);
@@ -69,23 +71,25 @@ TEST(ParametricPupilRecord, accepts_only_valid_zernike_sets_and_removes_with_neg
     EXPECT_EQ(set_parametric_pupil_amplitude_zernike_orders(p.get(), 3, 0), nullptr);
     EXPECT_EQ(set_parametric_pupil_amplitude_zernike_orders(p.get(), 2, 3), nullptr);
     EXPECT_EQ(set_parametric_pupil_amplitude_zernike_orders(p.get(), 2, -2), nullptr);
-    EXPECT_EQ(set_parametric_pupil_amplitude_zernike_orders(
-                  p.get(), kMaxZernikeOrder + 2, 0), nullptr);
+    EXPECT_EQ(set_parametric_pupil_amplitude_zernike_orders(p.get(), kMaxZernikeOrder + 2, 0),
+              nullptr);
     std::int32_t n = 0, m = 0;
     get_parametric_pupil_amplitude_zernike_orders(p.get(), &n, &m);
-    EXPECT_EQ(n, 4); EXPECT_EQ(m, 2);  // failures keep the set
+    EXPECT_EQ(n, 4);
+    EXPECT_EQ(m, 2);  // failures keep the set
 
-    const std::pair<int, int> counts[] = {{0, 0}, {1, 1}, {2, 0}, {2, 2},
-                                          {3, 1}, {3, 3}, {4, 4}};
+    const std::pair<int, int> counts[] = {{0, 0}, {1, 1}, {2, 0}, {2, 2}, {3, 1}, {3, 3}, {4, 4}};
     const int expected[] = {1, 3, 4, 6, 8, 10, 15};
     for (int k = 0; k < 7; ++k) {
-        ASSERT_NE(set_parametric_pupil_phase_zernike_orders(
-                      p.get(), counts[k].first, counts[k].second), nullptr);
+        ASSERT_NE(
+            set_parametric_pupil_phase_zernike_orders(p.get(), counts[k].first, counts[k].second),
+            nullptr);
         EXPECT_EQ(get_parametric_pupil_phase_zernike_count(p.get()), expected[k]);
     }
     ASSERT_NE(set_parametric_pupil_phase_zernike_orders(p.get(), -1, 7), nullptr);
     get_parametric_pupil_phase_zernike_orders(p.get(), &n, &m);
-    EXPECT_EQ(n, -1); EXPECT_EQ(m, -1);
+    EXPECT_EQ(n, -1);
+    EXPECT_EQ(m, -1);
     EXPECT_EQ(get_parametric_pupil_phase_zernike_count(p.get()), 0);
 }
 
@@ -119,7 +123,8 @@ TEST(ParametricPupilRecord, keeps_values_by_slot_when_a_zernike_set_grows_or_shr
     EXPECT_EQ(get_parametric_pupil_amplitude_zernike_coeff(p.get(), 2), nullptr);
 }
 
-TEST(ParametricPupilRecord, gives_constant_amplitude_to_the_polar_fourier_series_only_without_zernike) {
+TEST(ParametricPupilRecord,
+     gives_constant_amplitude_to_the_polar_fourier_series_only_without_zernike) {
     Pupil p = make_pupil();
     ASSERT_NE(set_parametric_pupil_amplitude_polarf_orders(p.get(), 1, 1), nullptr);
     ASSERT_NE(set_parametric_pupil_phase_polarf_orders(p.get(), 2, 0), nullptr);
@@ -141,7 +146,8 @@ TEST(ParametricPupilRecord, gives_constant_amplitude_to_the_polar_fourier_series
     ASSERT_NE(set_parametric_pupil_amplitude_polarf_orders(p.get(), 3, -2), nullptr);
     std::int32_t a = 0, b = 0;
     get_parametric_pupil_amplitude_polarf_orders(p.get(), &a, &b);
-    EXPECT_EQ(a, -1); EXPECT_EQ(b, -1);
+    EXPECT_EQ(a, -1);
+    EXPECT_EQ(b, -1);
     EXPECT_EQ(get_parametric_pupil_amplitude_polarf_coeff(p.get(), 0), nullptr);
     // A set whose term count does not fit in 32 bits cannot be held.
     EXPECT_EQ(set_parametric_pupil_phase_polarf_orders(p.get(), 40000, 40000), nullptr);
@@ -176,9 +182,8 @@ TEST(ParametricPupilRecord, inserts_labels_with_empty_gaps_and_copies_the_text) 
     ASSERT_NE(insert_parametric_pupil_label(p.get(), 1, nullptr), nullptr);
     ASSERT_NE(insert_parametric_pupil_label(p.get(), 0, "zero"), nullptr);
     ASSERT_NE(insert_parametric_pupil_label(p.get(), 3, "mid"), nullptr);  // 9th
-    EXPECT_EQ(labels_of(p.get()),
-              (std::vector<std::string>{"zero", "first", "", "mid", "second", "",
-                                        "", "", "sixth"}));
+    EXPECT_EQ(labels_of(p.get()), (std::vector<std::string>{"zero", "first", "", "mid", "second",
+                                                            "", "", "", "sixth"}));
     EXPECT_EQ(p->label_capacity, 16);
 
     ASSERT_NE(set_parametric_pupil_label(p.get(), 1, nullptr), nullptr);

@@ -10,15 +10,13 @@ namespace {
 
 // Runs action and returns what it wrote to standard error.
 template <typename Action>
-std::string stderr_of(Action action)
-{
+std::string stderr_of(Action action) {
     testing::internal::CaptureStderr();
     action();
     return testing::internal::GetCapturedStderr();
 }
 
-TEST(HelpRequested, accepts_only_the_four_exact_texts_anywhere_after_the_program_name)
-{
+TEST(HelpRequested, accepts_only_the_four_exact_texts_anywhere_after_the_program_name) {
     for (const char* help : {"-h", "-H", "-help", "-Help"}) {
         const char* argv[] = {"prog", "in", "out", "-x", help};
         EXPECT_EQ(help_requested(5, argv), 1) << help;
@@ -28,12 +26,10 @@ TEST(HelpRequested, accepts_only_the_four_exact_texts_anywhere_after_the_program
     EXPECT_EQ(help_requested(6, near_misses), 0);
 }
 
-TEST(ExtractSwitchInts, reads_colon_lists_counts_extra_values_and_fails_on_anything_else)
-{
+TEST(ExtractSwitchInts, reads_colon_lists_counts_extra_values_and_fails_on_anything_else) {
     const std::vector<std::pair<const char*, std::vector<int>>> cases = {
-        {"", {}},       {"1:", {}},      {"1,2", {}},     {"3 ", {}},
-        {":3", {}},     {"1::2", {}},    {" 7", {7}},     {"3 4", {3, 4}},
-        {"3-4", {3, -4}}, {"-2:+5", {-2, 5}},
+        {"", {}},     {"1:", {}},  {"1,2", {}},     {"3 ", {}},       {":3", {}},
+        {"1::2", {}}, {" 7", {7}}, {"3 4", {3, 4}}, {"3-4", {3, -4}}, {"-2:+5", {-2, 5}},
     };
     for (const auto& [text, expected] : cases) {
         int values[2] = {99, 99};
@@ -45,8 +41,7 @@ TEST(ExtractSwitchInts, reads_colon_lists_counts_extra_values_and_fails_on_anyth
     EXPECT_EQ(std::vector<int>(values, values + 3), (std::vector<int>{1, 2, 99}));
 }
 
-TEST(ExtractSwitchFloats, reads_float_syntax_with_the_same_separators)
-{
+TEST(ExtractSwitchFloats, reads_float_syntax_with_the_same_separators) {
     float values[2] = {0, 0};
     EXPECT_EQ(extract_switch_floats("2.5:-1e-3", 2, values), 2);
     EXPECT_EQ(std::vector<float>(values, values + 2), (std::vector<float>{2.5f, -1e-3f}));
@@ -54,8 +49,7 @@ TEST(ExtractSwitchFloats, reads_float_syntax_with_the_same_separators)
     EXPECT_EQ(extract_switch_floats("0.5 ", 1, values), 0);
 }
 
-TEST(GetSwitch, uses_the_first_argument_after_the_program_that_begins_with_the_prefix)
-{
+TEST(GetSwitch, uses_the_first_argument_after_the_program_that_begins_with_the_prefix) {
     const char* argv[] = {"-n=9", "-n=1:2", "-n=3", "-x=abcdef", "-f=0.5"};
     int ints[2] = {0, 0};
     float f = 0;
@@ -72,8 +66,7 @@ TEST(GetSwitch, uses_the_first_argument_after_the_program_that_begins_with_the_p
     EXPECT_STREQ(out, "abcdef");
 }
 
-TEST(HandleRangeSwitch, stores_valid_values_and_names_each_problem)
-{
+TEST(HandleRangeSwitch, stores_valid_values_and_names_each_problem) {
     const std::string two_format =
         "p: -r= expects one or two non-negative integer values\n"
         "    the second must be at least as large as the first\n";
@@ -111,8 +104,7 @@ TEST(HandleRangeSwitch, stores_valid_values_and_names_each_problem)
     }
 }
 
-TEST(HandleWaveSwitch, prefers_indices_and_matches_wavelengths_within_half_a_nanometre)
-{
+TEST(HandleWaveSwitch, prefers_indices_and_matches_wavelengths_within_half_a_nanometre) {
     const std::string not_wave_or_index =
         "p: values passed to -w= are expected to be wavelengths or indices\n";
     const float two[] = {528.0f, 617.4f};
@@ -127,9 +119,18 @@ TEST(HandleWaveSwitch, prefers_indices_and_matches_wavelengths_within_half_a_nan
     };
     const Case cases[] = {
         {"1:617:3", two, 2, 3, not_wave_or_index, {1, 1, -9, -1}},
-        {"618:0", two, 2, 3, "p: wavelength 618 is not present in the input file\n", {-9, 0, -1, -9}},
+        {"618:0",
+         two,
+         2,
+         3,
+         "p: wavelength 618 is not present in the input file\n",
+         {-9, 0, -1, -9}},
         {"700:3:1999:4", five, 5, 5, "", {3, 3, 4, 4, -1}},
-        {"199:2000:-1", five, 5, 5, not_wave_or_index + not_wave_or_index + not_wave_or_index,
+        {"199:2000:-1",
+         five,
+         5,
+         5,
+         not_wave_or_index + not_wave_or_index + not_wave_or_index,
          {-9, -9, -9, -1}},
         {"0:1:5000", two, 2, 2, "p: -w= expects at most 2 values\n", {-9, -9, -9}},
         {"", two, 2, 2, "p: -w= expects at least one value\n", {-9, -9, -9}},
@@ -148,8 +149,7 @@ TEST(HandleWaveSwitch, prefers_indices_and_matches_wavelengths_within_half_a_nan
     }
 }
 
-TEST(SearchStringList, finds_the_first_exact_match)
-{
+TEST(SearchStringList, finds_the_first_exact_match) {
     const char* list[] = {"real", "complex", "Real", "complex"};
     EXPECT_EQ(search_string_list(list, 4, "complex"), 1);
     EXPECT_EQ(search_string_list(list, 4, "Real"), 2);
@@ -157,8 +157,7 @@ TEST(SearchStringList, finds_the_first_exact_match)
     EXPECT_EQ(search_string_list(list, 0, "real"), -1);
 }
 
-TEST(PrintInvalidName, lists_the_valid_names_on_one_line)
-{
+TEST(PrintInvalidName, lists_the_valid_names_on_one_line) {
     const char* valid[] = {"a", "bb", "ccc"};
     EXPECT_EQ(stderr_of([&] { print_invalid_name("p", "-m=", "x", valid, 3); }),
               "p: invalid argument, x, to -m=; valid values are: a, bb, ccc\n");

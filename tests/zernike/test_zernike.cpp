@@ -35,7 +35,8 @@ double radial_by_factorials(double rho, int n, int m) {
 }
 
 TEST(ZernikeTermOrder, walk_index_and_count_agree_with_the_slot_table) {
-    const TermList order4 = {{0, 0}, {1, 1}, {2, 0}, {2, 2}, {3, 1}, {3, 3}, {4, 0}, {4, 2}, {4, 4}};
+    const TermList order4 = {{0, 0}, {1, 1}, {2, 0}, {2, 2}, {3, 1},
+                             {3, 3}, {4, 0}, {4, 2}, {4, 4}};
     EXPECT_EQ(terms_of(4, 4), order4);
     EXPECT_EQ(terms_of(4, 2), TermList(order4.begin(), order4.end() - 1));
     EXPECT_EQ(terms_of(0, 0), TermList(1, {0, 0}));
