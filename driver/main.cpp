@@ -11,6 +11,10 @@
 int main(int argc, char** argv) {
     using namespace torvel;
 
+    // Line by line, so that progress and messages keep their order in a log
+    // that takes both streams.
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+
     fit_inputs inputs = kDefaultFitInputs;
     if (help_requested(argc, argv)) {
         print_usage(stdout);
