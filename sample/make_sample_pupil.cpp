@@ -179,7 +179,8 @@ int write_image(const Options& o) {
             torvel::image_write_section(1, wrapped.data());
         }
     }
-    torvel::image_write_header(1, nullptr, -1, 0.0f, 1.0f, 0.5f);
+    // Statistics "not computed" in the format's own convention (max below min).
+    torvel::image_write_header(1, nullptr, -1, 1.0f, 0.0f, -1.0f);
     torvel::image_close(1);
     return 0;
 }
