@@ -1,20 +1,60 @@
-// Pixel selection, design matrix and least-squares fit.
+// Pixel selection, design matrix, least-squares fit, residual and the split
+// into amplitude and phase.
 
 #include "fit/fit.hpp"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cfloat>
 #include <cmath>
 #include <cstdio>
 #include <string>
 #include <vector>
 
-#include "tests/fit/pupil_fixture.hpp"
 #include "zernike/zernike.hpp"
 
 namespace torvel {
 namespace {
+
+struct Geometry {
+    float x0, y0, dx, dy, cutoff;
+    int nx, ny;
+};
+
+constexpr Geometry kWholeEdges{5.0f, 5.0f, 1.0f, 1.0f, 2.0f, 10, 10};
+constexpr Geometry kDisc{31.3f, 32.6f, 0.05f, 0.05f, 1.4f, 64, 64};
+
+// Indices (iy * nx + ix) of the pixels fill_rhs selects, in its order.
+std::vector<int> selected_pixels(const Geometry& g) {
+    std::vector<float> section(static_cast<std::size_t>(g.nx) * g.ny);
+    for (std::size_t i = 0; i < section.size(); ++i) section[i] = static_cast<float>(i);
+    std::vector<double> rhs(section.size() + 1);
+    int nrow = -1;
+    fill_rhs(g.x0, g.y0, g.dx, g.dy, g.cutoff, g.nx, g.ny, section.data(), rhs.data(), &nrow);
+    return std::vector<int>(rhs.begin(), rhs.begin() + nrow);
+}
+
+// Pupil coordinates (rho, theta) of a pixel, as the mapping defines them.
+std::pair<double, double> pupil_coordinates(const Geometry& g, int pixel) {
+    const float x = (static_cast<float>(pixel % g.nx) - g.x0) * g.dx;
+    const float y = (static_cast<float>(pixel / g.nx) - g.y0) * g.dy;
+    const double rho =
+        std::sqrt(static_cast<double>(x * x + y * y)) / static_cast<double>(g.cutoff);
+    return {rho, rho > 0.0 ? std::atan2(static_cast<double>(y), static_cast<double>(x)) : 0.0};
+}
+
+// A plane holding the series (n, m, c) rounded to float on the selected
+// pixels and `outside` everywhere else.
+std::vector<float> series_plane(const Geometry& g, int n, int m, const std::vector<double>& c,
+                                float outside) {
+    std::vector<float> plane(static_cast<std::size_t>(g.nx) * g.ny, outside);
+    for (int pixel : selected_pixels(g)) {
+        const auto [rho, theta] = pupil_coordinates(g, pixel);
+        plane[pixel] = static_cast<float>(evaluate_zernike_series(rho, theta, n, m, c.data()));
+    }
+    return plane;
+}
 
 std::vector<double> filled_matrix(const Geometry& g, int n, int m, int nrow) {
     const int ncol = zernike_term_count(n, m);
@@ -22,51 +62,6 @@ std::vector<double> filled_matrix(const Geometry& g, int n, int m, int nrow) {
     fill_matrix(g.x0, g.y0, g.dx, g.dy, g.cutoff, g.nx, g.ny, ncol, nrow, n, m, matrix.data());
     return matrix;
 }
-
-// The design matrix straight from the definition: evaluate_rnm for every
-// column and one sincos of l * theta for every pair.
-std::vector<double> naive_matrix(const Geometry& g, int n, int m, const std::vector<int>& pixels) {
-    const int nrow = static_cast<int>(pixels.size());
-    std::vector<double> matrix(static_cast<std::size_t>(zernike_term_count(n, m)) * nrow);
-    for (int irow = 0; irow < nrow; ++irow) {
-        double rho = 0.0, theta = 0.0;
-        pupil_coordinates(g, pixels[irow], &rho, &theta);
-        int col = 0;
-        for_each_zernike_term(n, m, [&](int k, int l) {
-            double s = 0.0, c = 1.0;
-            if (l > 0) ::sincos(static_cast<double>(l) * theta, &s, &c);
-            matrix[at(irow, col++, nrow)] =
-                l > 0 ? evaluate_rnm(rho, k, l) * c : evaluate_rnm(rho, k, 0);
-            if (l > 0) matrix[at(irow, col++, nrow)] = evaluate_rnm(rho, k, l) * s;
-        });
-    }
-    return matrix;
-}
-
-struct FitOutcome {
-    int status;
-    std::string out, err;
-};
-
-FitOutcome fit(const Geometry& g, const float* section, int n, int m, double* coeff, float tol) {
-    testing::internal::CaptureStdout();
-    testing::internal::CaptureStderr();
-    const int status =
-        compute_fit(g.x0, g.y0, g.dx, g.dy, g.cutoff, g.nx, g.ny, section, n, m, coeff, tol);
-    std::string out = testing::internal::GetCapturedStdout();
-    return {status, out, testing::internal::GetCapturedStderr()};
-}
-
-int printed_rank(const std::string& out) {
-    int rank = -1;
-    const std::size_t line = out.find("rank ");
-    return line != std::string::npos && std::sscanf(out.c_str() + line, "rank %d", &rank) == 1
-               ? rank
-               : -1;
-}
-
-constexpr Geometry kWholeEdges{5.0f, 5.0f, 1.0f, 1.0f, 2.0f, 10, 10};
-constexpr Geometry kDisc{31.3f, 32.6f, 0.05f, 0.05f, 1.4f, 64, 64};
 
 TEST(FillRhs, selects_lower_edges_not_upper_ones_and_clips_to_the_section) {
     // ry = 2: rows 3 .. 6; row 3 has half-width 0 and so no pixel; row 5 runs
@@ -101,19 +96,27 @@ TEST(FillMatrix, equals_the_naive_evaluation_bit_for_bit) {
     const struct {
         Geometry g;
         int n, m;
-    } cases[] = {{kDisc, 8, 0},
-                 {kDisc, 8, 8},
+    } cases[] = {{kDisc, 8, 8},
                  {{20.5f, 11.25f, 0.031f, 0.047f, 0.6f, 41, 23}, 16, 16},
                  {{-3.7f, 40.2f, 0.1f, 0.09f, 2.3f, 30, 45}, 7, 3},
                  {{4.0f, 3.0f, 1.0f, 1.0f, 2.5f, 9, 7}, zernike_table_max_order + 2, 0}};
     for (const auto& c : cases) {
         const std::vector<int> pixels = selected_pixels(c.g);
-        ASSERT_FALSE(pixels.empty());
-        const std::vector<double> fast =
-            filled_matrix(c.g, c.n, c.m, static_cast<int>(pixels.size()));
-        const std::vector<double> naive = naive_matrix(c.g, c.n, c.m, pixels);
+        const int nrow = static_cast<int>(pixels.size());
+        ASSERT_GT(nrow, 0);
+        const std::vector<double> fast = filled_matrix(c.g, c.n, c.m, nrow);
+        // From the definition: evaluate_rnm per column, one sincos per pair.
         std::size_t differing = 0;
-        for (std::size_t i = 0; i < fast.size(); ++i) differing += (fast[i] != naive[i]);
+        for (int irow = 0; irow < nrow; ++irow) {
+            const auto [rho, theta] = pupil_coordinates(c.g, pixels[irow]);
+            int col = 0;
+            for_each_zernike_term(c.n, c.m, [&](int k, int l) {
+                double s = 0.0, co = 1.0;
+                if (l > 0) ::sincos(static_cast<double>(l) * theta, &s, &co);
+                differing += fast[at(irow, col++, nrow)] != evaluate_rnm(rho, k, l) * co;
+                if (l > 0) differing += fast[at(irow, col++, nrow)] != evaluate_rnm(rho, k, l) * s;
+            });
+        }
         EXPECT_EQ(differing, 0u) << "set (" << c.n << ", " << c.m << ")";
     }
 }
@@ -129,22 +132,34 @@ TEST(FillMatrixDeathTest, aborts_when_the_matrix_is_smaller_than_the_walk) {
     EXPECT_DEATH(fill(2, nrow, 2, 0), "Assertion `offset < ntot - nrow' failed");
 }
 
+// compute_fit's status, ":", then what it printed: standard output first.
+std::string fit(const Geometry& g, const float* section, int n, int m, double* coeff, float tol) {
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    const int status =
+        compute_fit(g.x0, g.y0, g.dx, g.dy, g.cutoff, g.nx, g.ny, section, n, m, coeff, tol);
+    const std::string out = testing::internal::GetCapturedStdout();
+    return std::to_string(status) + ":" + out + testing::internal::GetCapturedStderr();
+}
+
 TEST(ComputeFit, recovers_the_coefficients_of_a_noiseless_pupil) {
+    // Every term is a polynomial with integer coefficients in x / cutoff and
+    // y / cutoff; with whole offsets, a cutoff of 8 and coefficients in
+    // eighths the series is exact in float, so the section carries no noise.
+    const Geometry g{10.0f, 10.0f, 1.0f, 1.0f, 8.0f, 20, 20};
     for (auto [n, m] : {std::pair{4, 2}, {5, 3}}) {
         std::vector<double> truth(zernike_term_count(n, m));
-        for (std::size_t i = 0; i < truth.size(); ++i) truth[i] = std::cos(0.7 * i + 0.2);
-        // 99 outside the disc would spoil any fit that used it.
-        const std::vector<float> section = series_plane(kDisc, n, m, truth, 99.0f);
-        std::vector<double> coeff(truth.size(), -7.0);
-        const FitOutcome r = fit(kDisc, section.data(), n, m, coeff.data(), 1e-4f);
-        ASSERT_EQ(r.status, 0) << r.err;
-        const std::string unknowns = std::to_string(truth.size());
-        EXPECT_EQ(r.out, unknowns + " unknowns " + std::to_string(selected_pixels(kDisc).size()) +
-                             " measurements\nrank " + unknowns + "\n");
-        // The section holds the series rounded to float, noise of half a float
-        // ulp per pixel that thousands of pixels average down.
         for (std::size_t i = 0; i < truth.size(); ++i)
-            EXPECT_NEAR(coeff[i], truth[i], FLT_EPSILON / 4) << i;
+            truth[i] = (i % 5 + 1) * (i % 2 ? -0.125 : 0.25);
+        // 99 outside the disc would spoil any fit that used it.
+        const std::vector<float> section = series_plane(g, n, m, truth, 99.0f);
+        std::vector<double> coeff(truth.size(), -7.0);
+        const std::string unknowns = std::to_string(truth.size());
+        EXPECT_EQ(fit(g, section.data(), n, m, coeff.data(), 1e-4f),
+                  "0:" + unknowns + " unknowns " + std::to_string(selected_pixels(g).size()) +
+                      " measurements\nrank " + unknowns + "\n");
+        for (std::size_t i = 0; i < truth.size(); ++i)
+            EXPECT_NEAR(coeff[i], truth[i], 1e-9 * std::fabs(truth[i])) << i;
     }
 }
 
@@ -156,37 +171,124 @@ TEST(ComputeFit, gives_the_mean_for_one_constant_term_and_lower_rank_for_a_large
     const std::vector<int> pixels = selected_pixels(kDisc);
     for (int p : pixels) sum += section[p];
     double mean = 0.0;
-    ASSERT_EQ(fit(kDisc, section.data(), 0, 0, &mean, 1e-4f).status, 0);
+    ASSERT_EQ(fit(kDisc, section.data(), 0, 0, &mean, 1e-4f)[0], '0');
     EXPECT_NEAR(mean, static_cast<double>(sum / pixels.size()), 1e-12);
-
-    std::vector<double> coeff(zernike_term_count(6, 6), 1.0);
-    const std::vector<float> pupil = series_plane(kDisc, 6, 6, coeff, 0.0f);
-    EXPECT_EQ(printed_rank(fit(kDisc, pupil.data(), 6, 6, coeff.data(), 1e-4f).out), 28);
-    const int coarse = printed_rank(fit(kDisc, pupil.data(), 6, 6, coeff.data(), 0.5f).out);
+    // The rank depends on the matrix alone.
+    std::vector<double> coeff(28);
+    auto rank = [&](float tol) {
+        const std::string out = fit(kDisc, section.data(), 6, 6, coeff.data(), tol);
+        return std::stoi(out.substr(out.rfind("rank ") + 5));  // throws if it is missing
+    };
+    EXPECT_EQ(rank(1e-4f), 28);
+    const int coarse = rank(0.5f);
     EXPECT_GT(coarse, 0);
     EXPECT_LT(coarse, 28);
 }
 
 TEST(ComputeFit, fails_with_its_messages_and_leaves_the_coefficients_alone) {
+    const std::string too_large = "torvel: too large of a matrix to handle\n";
     std::vector<float> section(100, 1.0f);
     std::vector<double> coeff(15, -7.0);
-    FitOutcome r = fit(kWholeEdges, section.data(), 4, 4, coeff.data(), 1e-4f);
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.out, "15 unknowns 10 measurements\n");
-    EXPECT_EQ(r.err, "torvel: more parameters (15) than measurements (10)\n");
-    r = fit({5.0f, 5.0f, 1.0f, 1.0f, 1e6f, 10, 10}, section.data(), 4, 4, coeff.data(), 1e-4f);
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.out + r.err, "torvel: too large of a matrix to handle\n");
-    r = fit(kWholeEdges, section.data(), 30000, 0, coeff.data(), 1e-4f);  // 8 * ncol > 2^31
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.out + r.err, "torvel: too large of a matrix to handle\n");
+    EXPECT_EQ(fit(kWholeEdges, section.data(), 4, 4, coeff.data(), 1e-4f),
+              "1:15 unknowns 10 measurements\n"
+              "torvel: more parameters (15) than measurements (10)\n");
+    EXPECT_EQ(
+        fit({5.0f, 5.0f, 1.0f, 1.0f, 1e6f, 10, 10}, section.data(), 4, 4, coeff.data(), 1e-4f),
+        "1:" + too_large);
+    EXPECT_EQ(fit(kWholeEdges, section.data(), 30000, 0, coeff.data(), 1e-4f),
+              "1:" + too_large);  // 8 ncol > 2^31
     EXPECT_EQ(coeff, std::vector<double>(15, -7.0));
-    r = fit(kWholeEdges, section.data(), 2, 0, nullptr, 1e-4f);
-    EXPECT_EQ(r.status, 1);
-    EXPECT_EQ(r.out + r.err, "torvel: internal error: NULL coefficient array\n");
-    r = fit(kWholeEdges, section.data(), -1, -1, nullptr, 1e-4f);
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.out + r.err, "");
+    EXPECT_EQ(fit(kWholeEdges, section.data(), 2, 0, nullptr, 1e-4f),
+              "1:torvel: internal error: NULL coefficient array\n");
+    EXPECT_EQ(fit(kWholeEdges, section.data(), -1, -1, nullptr, 1e-4f), "0:");
+}
+
+struct Series {
+    int n, m;
+    std::vector<double> coeffs;
+};
+
+// The residual image and, after it, the three statistics and the printed line.
+std::pair<std::vector<float>, std::string> residual_of(const Geometry& g,
+                                                       const std::vector<float>& amplitude,
+                                                       const std::vector<float>& phase,
+                                                       const Series& a, const Series& p) {
+    std::vector<float> r(2 * amplitude.size(), -99.0f);
+    float stats[3] = {0, 0, 0};
+    testing::internal::CaptureStdout();
+    compute_residual(g.x0, g.y0, g.dx, g.dy, g.cutoff, g.nx, g.ny, amplitude.data(), phase.data(),
+                     a.n, a.m, a.coeffs.data(), p.n, p.m, p.coeffs.data(), r.data(), stats);
+    r.insert(r.end(), stats, stats + 3);
+    return {r, testing::internal::GetCapturedStdout()};
+}
+
+TEST(ComputeResidual, subtracts_the_fitted_series_inside_the_disc_only) {
+    // The measured pupil is the fitted one inside the disc; outside it has
+    // amplitude 2 and phase 1. The discs cross the section's borders or lie
+    // wholly beyond one side.
+    Series a{4, 2, std::vector<double>(zernike_term_count(4, 2))};
+    Series p{3, 1, std::vector<double>(zernike_term_count(3, 1))};
+    for (std::size_t i = 0; i < a.coeffs.size(); ++i) a.coeffs[i] = 0.1 * std::cos(1.0 + i);
+    for (std::size_t i = 0; i < p.coeffs.size(); ++i) p.coeffs[i] = std::sin(2.0 + i);
+    a.coeffs[0] = 1.0;
+    for (auto [x0, y0] : {std::pair{19.0f, 14.5f},
+                          {12.0f, -50.0f},
+                          {12.0f, 90.0f},
+                          {-50.0f, 10.0f},
+                          {90.0f, 10.0f}}) {
+        const Geometry g{x0, y0, 0.1f, 0.1f, 0.75f, 24, 20};
+        const std::vector<float> amplitude = series_plane(g, a.n, a.m, a.coeffs, 2.0f);
+        const std::vector<float> phase = series_plane(g, p.n, p.m, p.coeffs, 1.0f);
+        std::vector<bool> inside(amplitude.size());
+        for (int pixel : selected_pixels(g)) inside[pixel] = true;
+        const std::vector<float> r = residual_of(g, amplitude, phase, a, p).first;
+        for (std::size_t i = 0; i < 2 * inside.size(); ++i) {
+            const double angle = static_cast<double>(phase[i / 2]);
+            const double measured = amplitude[i / 2] * (i % 2 ? std::sin(angle) : std::cos(angle));
+            if (inside[i / 2]) {
+                ASSERT_NEAR(r[i], 0.0f, 1e-6) << i;  // the float rounding of the planes
+            } else {
+                ASSERT_EQ(r[i], static_cast<float>(measured)) << i;
+            }
+        }
+    }
+}
+
+TEST(ComputeResidual, takes_statistics_of_the_real_parts_over_every_pixel) {
+    // 2 x 2 pixels; the disc holds pixel 0 only, where the fit without
+    // terms (amplitude 1, phase 0) is exact.
+    const float pi = static_cast<float>(M_PI);
+    const Series none{-1, -1, {}};
+    const auto [r, out] = residual_of({0.0f, 0.0f, 1.0f, 1.0f, 0.5f, 2, 2}, {1, 1, 2, 4},
+                                      {0, 0, pi, pi / 2}, none, none);
+    // The residual, then minimum, maximum and mean.
+    const float expected[] = {0, 0, 1, 0, -2, 0, 0, 4, -2, 1, -0.25f};
+    for (int i = 0; i < 11; ++i) EXPECT_NEAR(r[i], expected[i], 1e-6) << i;
+    EXPECT_EQ(out, "\nroot mean square error 2.29129\n");  // sqrt(21 / 4)
+}
+
+TEST(SeparateAmplitudePhase, splits_samples_in_place_with_the_stated_edge_cases) {
+    std::vector<float> samples = {1, 0, 0, 1, -1, 0, 0, -1, -1, -0.0f, 0, 0, 3, 4, NAN, 1};
+    std::vector<float> phase(8, 42.0f);
+    separate_amplitude_phase(8, samples.data(), phase.data());
+    const float pi = static_cast<float>(M_PI);
+    EXPECT_EQ(std::vector<float>(samples.begin(), samples.begin() + 7),
+              (std::vector<float>{1, 1, 1, 1, 1, 0, 5}));
+    EXPECT_TRUE(std::isnan(samples[7]));
+    EXPECT_EQ(samples[8], -1.0f);  // beyond the amplitudes: stale samples
+    EXPECT_EQ(phase, (std::vector<float>{0, pi / 2, pi, -pi / 2, -pi, 0,
+                                         static_cast<float>(std::atan2(4.0, 3.0)), 0}));
+    separate_amplitude_phase(0, samples.data(), phase.data());
+    separate_amplitude_phase(-3, samples.data(), phase.data());
+    EXPECT_EQ(samples[0], 1.0f);  // nothing written
+    EXPECT_EQ(phase[0], 0.0f);
+}
+
+TEST(ComplexArithmetic, multiplies_and_divides_in_single_precision_without_guards) {
+    const fcomplex product = cmult({1, 2}, {3, 4}), quotient = cdiv(product, {3, 4});
+    EXPECT_EQ(std::vector<float>({product.re, product.im, quotient.re, quotient.im}),
+              std::vector<float>({-5, 10, 1, 2}));
+    EXPECT_TRUE(std::isnan(cdiv({1, 0}, {0, 0}).re));
 }
 
 }  // namespace
