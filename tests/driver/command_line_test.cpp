@@ -117,7 +117,9 @@ TEST(ParseCommandLine, accepts_each_option_in_its_valid_forms_and_summarises_the
               "tolerance                       0.0001\n"
               "Zernike terms for amp.          5 5\n"
               "Zernike terms for phase         -1 -1\n");
-    EXPECT_EQ(parse(kSample, {"-w=1:0:617"}).inputs.wavelength_index[3], -1);  // the end mark
+    // The selection ends with -1, by default and after -w=.
+    EXPECT_EQ(parse(kSample, {}).inputs.wavelength_index[2], -1);
+    EXPECT_EQ(parse(kSample, {"-w=1:0:617"}).inputs.wavelength_index[3], -1);
 }
 
 TEST(ParseCommandLine, rejects_each_malformed_option_with_its_message) {

@@ -100,7 +100,7 @@ TEST(HandleWaveSwitch, prefers_indices_and_matches_wavelengths_within_half_a_nan
         {"1:617:3", two, 3, neither, {1, 1, -9, -1}},
         {"618:0", two, 3, "p: wavelength 618 is not present in the input file\n", {-9, 0, -1, -9}},
         {"700:3:1999:4", five, 5, "", {3, 3, 4, 4, -1}},
-        {"199:2000:-1", five, 5, neither + neither + neither, {-9, -9, -9, -1}},
+        {"199:2000:-1:5", five, 5, neither + neither + neither + neither, {-9, -9, -9, -9, -1}},
         {"0:1:5000", two, 2, "p: -w= expects at most 2 values\n", {-9, -9, -9}},
         {"", two, 2, "p: -w= expects at least one value\n", {-9, -9, -9}},
     };

@@ -23,7 +23,7 @@ TEST(ZernikeTermOrder, walk_index_and_count_agree_with_the_slot_table) {
     EXPECT_EQ(terms_of(4, 4), order4);
     EXPECT_EQ(terms_of(4, 2), TermList(order4.begin(), order4.end() - 1));
     EXPECT_TRUE(terms_of(-1, -1).empty());
-    EXPECT_EQ(zernike_term_count(-1, -1), 0);
+    EXPECT_EQ(zernike_term_count(-2, 0), 0);
     for (int n = 0; n <= 20; ++n) {
         for (int m = n % 2; m <= n; m += 2) {
             int slot = 0;
@@ -38,13 +38,12 @@ TEST(ZernikeTermOrder, walk_index_and_count_agree_with_the_slot_table) {
 
 TEST(EvaluateNumCombinations, is_exact_through_the_integer_phase_and_beyond) {
     std::vector<double> row = {1.0};  // Pascal's triangle, exact in double here
-    for (int n = 1; n <= 34; ++n) {
+    for (int n = 1; n <= 50; ++n) {
         std::vector<double> next(n + 1, 1.0);
         for (int k = 1; k < n; ++k) next[k] = row[k - 1] + row[k];
         row = next;
         for (int k = 0; k <= n; ++k) ASSERT_EQ(evaluate_num_combinations(n, k), row[k]) << n;
     }
-    EXPECT_EQ(evaluate_num_combinations(40, 20), 137846528820.0);
     EXPECT_EQ(evaluate_num_combinations(5, 7) + evaluate_num_combinations(5, -1), 2.0);
 }
 
