@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cmath>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -21,14 +22,14 @@ namespace {
 struct HeaderSpec {
     int nx = 8, ny = 8, nz = 2, mode = 2, type = 8000;
     float p1 = 14.0f, p2 = 151.5f, dx = 0.1f, dy = 0.1f;
+    float wave = 525.0f;
 };
 
 void write_header_fixture(const fs::path& path, const HeaderSpec& s) {
-    const float wave = 525.0f;
     ASSERT_EQ(torvel::image_open(3, path.c_str(), "new"), 0);
     torvel::image_set_dimensions(3, s.nx, s.ny);
     torvel::image_set_zwt_sizes(3, s.nz, 1, 1, 0);
-    torvel::image_set_wavelengths(3, 1, &wave);
+    torvel::image_set_wavelengths(3, 1, &s.wave);
     torvel::image_set_type_info(3, s.type, 7, 0, 0, s.p1, s.p2);
     torvel::image_set_pixel_mode(3, s.mode);
     torvel::image_set_pixel_spacing(3, s.dx, s.dy, 1.0f);
@@ -58,6 +59,8 @@ void make_fixtures(const fs::path& dir) {
     write_header_fixture(dir / "aperture_too_large.mrc", {.p1 = 16.0f});
     write_header_fixture(dir / "zero_aperture.mrc", {.p1 = 0.0f});
     write_header_fixture(dir / "no_data.mrc", {.nx = 0, .ny = 0, .nz = 0});
+    write_header_fixture(dir / "nan_wavelength.mrc", {.wave = std::nanf("")});
+    write_header_fixture(dir / "negative_wavelength.mrc", {.wave = -5.0f});
     std::ofstream(dir / "not_an_image.txt") << "just some text, not an image\n";
 }
 
