@@ -1,12 +1,10 @@
-"""The independent side of the image layer's interoperability tests.
-
-Run with /usr/bin/python3, which has Debian's python3-mrcfile:
-  check FILE OUT  validate FILE strictly and dump its pixels to OUT as float32
+"""The independent side of the image layer's interoperability tests, run with
+/usr/bin/python3 and Debian's python3-mrcfile:
+  check FILE OUT  validate FILE strictly, dump its pixels to OUT as float32
                   (complex as real, imaginary pairs); exit 1 when not valid
-  make DIR        write modeN.mrc for every mode mrcfile writes, with modeN.f32
-                  holding the float32 values the layer must deliver
-  pupil FILE      write a pupil function image with the Python example of
-                  docs/image-format.md, taken from that page itself
+  make DIR        write modeN.mrc for every mode mrcfile writes, and in modeN.f32
+                  the float32 values the layer must deliver
+  pupil FILE      run the Python example of docs/image-format.md, taken from the page
 """
 import os
 import sys
