@@ -39,6 +39,13 @@ struct PupilPoint {
     double theta;
 };
 
+// x^2 + y^2 in float, from x and yy = y * y (shared by a row): the one value
+// that rho is computed from.
+float squared_radius(float x, float yy);
+
+// rho from that sum: sqrt in double, divided by cutoff widened to double.
+double pupil_radius(float squares, float cutoff);
+
 // rho = sqrt(x^2 + y^2) / cutoff, the sum in float, root and quotient in
 // double; theta = atan2(y, x) when rho > 0, else 0. yy is y * y (shared by a
 // row).

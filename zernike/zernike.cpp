@@ -180,34 +180,63 @@ bool fill_zernike_tables(double rho, double theta, ZernikeTableSize size, Zernik
     if (size.order > zernike_table_max_order || size.frequency > zernike_table_max_order) {
         return false;
     }
-    tables->order = size.order;
-    tables->frequency = size.frequency;
-    // pow(x, 0) is 1 for every x, a NaN included, so the call is skipped.
-    tables->powers[0] = 1.0;
-    for (int j = 1; j <= size.order; ++j) {
-        tables->powers[j] = library_pow(rho, j);
-    }
-    tables->cos_sin[0] = 1.0;
-    tables->cos_sin[1] = 0.0;
-    for (int l = 1; l <= size.frequency; ++l) {
-        ::sincos(static_cast<double>(l) * theta, &tables->cos_sin[2 * l + 1],
-                 &tables->cos_sin[2 * l]);
-    }
+    fill_zernike_powers(rho, size.order, tables);
+    fill_zernike_angles(theta, size.frequency, tables);
     return true;
 }
 
-void evaluate_zernike_basis(const ZernikeTables& tables, int n, int m, double* values) {
+void fill_zernike_powers(double rho, int order, ZernikeTables* tables) {
+    tables->order = order;
+    // pow(x, 0) is 1 for every x, a NaN included, so the call is skipped.
+    tables->powers[0] = 1.0;
+    for (int j = 1; j <= order; ++j) {
+        tables->powers[j] = library_pow(rho, j);
+    }
+}
+
+void fill_zernike_angles(double theta, int frequency, ZernikeTables* tables) {
+    tables->frequency = frequency;
+    tables->cos_sin[0] = 1.0;
+    tables->cos_sin[1] = 0.0;
+    for (int l = 1; l <= frequency; ++l) {
+        ::sincos(static_cast<double>(l) * theta, &tables->cos_sin[2 * l + 1],
+                 &tables->cos_sin[2 * l]);
+    }
+}
+
+int zernike_radial_count(int n, int m) {
+    int count = 0;
+    for_each_zernike_term(n, m, [&](int, int) { ++count; });
+    return count;
+}
+
+void evaluate_zernike_radials(const ZernikeTables& tables, int n, int m, double* radials) {
     const TableBinomial binomial{&binomial_table()};
     int i = 0;
     for_each_zernike_term(n, m, [&](int k, int l) {
-        const double r = radial_polynomial(k, l, ArrayPower{tables.powers}, binomial);
+        radials[i++] = radial_polynomial(k, l, ArrayPower{tables.powers}, binomial);
+    });
+}
+
+void combine_zernike_basis(const double* radials, const ZernikeTables& tables, int n, int m,
+                           double* values) {
+    int i = 0;
+    int r = 0;
+    for_each_zernike_term(n, m, [&](int, int l) {
+        const double radial = radials[r++];
         if (l == 0) {
-            values[i++] = r;
+            values[i++] = radial;
             return;
         }
-        values[i++] = r * tables.cos_sin[2 * l];
-        values[i++] = r * tables.cos_sin[2 * l + 1];
+        values[i++] = radial * tables.cos_sin[2 * l];
+        values[i++] = radial * tables.cos_sin[2 * l + 1];
     });
+}
+
+void evaluate_zernike_basis(const ZernikeTables& tables, int n, int m, double* values) {
+    double radials[zernike_table_max_terms];
+    evaluate_zernike_radials(tables, n, m, radials);
+    combine_zernike_basis(radials, tables, n, m, values);
 }
 
 double evaluate_zernike_series_from_tables(const ZernikeTables& tables, int n, int m,

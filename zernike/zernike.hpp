@@ -101,6 +101,13 @@ ZernikeTableSize zernike_table_size(int n, int m);
 // touching nothing, when size.order exceeds zernike_table_max_order.
 bool fill_zernike_tables(double rho, double theta, ZernikeTableSize size, ZernikeTables* tables);
 
+// The two halves of fill_zernike_tables, for callers that reuse the radial
+// part of one point at another of the same rho: the powers of rho up to
+// order, and the cosines and sines of l theta up to frequency. Both sizes
+// must be within zernike_table_max_order.
+void fill_zernike_powers(double rho, int order, ZernikeTables* tables);
+void fill_zernike_angles(double theta, int frequency, ZernikeTables* tables);
+
 // evaluate_rnm(rho, n, m) read from tables filled at rho; 0 <= m, and n and
 // m within the tables' order. Binomials come from a table built once per
 // process, so no binomial loop runs per point.
@@ -113,8 +120,23 @@ inline constexpr int zernike_table_max_terms =
 // Writes the zernike_term_count(n, m) basis values of the valid set (n, m)
 // at the point of tables (filled for at least zernike_table_size(n, m)) to
 // values, in slot order: R_k^0, or R_k^l cos(l theta) then R_k^l sin(l theta),
-// each product formed from R_k^l as evaluate_rnm gives it.
+// each product formed from R_k^l as evaluate_rnm gives it. The same as
+// evaluate_zernike_radials followed by combine_zernike_basis.
 void evaluate_zernike_basis(const ZernikeTables& tables, int n, int m, double* values);
+
+// Number of radial values of the set (n, m): one per term visited by
+// for_each_zernike_term (a cosine and sine pair shares one).
+int zernike_radial_count(int n, int m);
+
+// Writes R_k^l(rho) of every term of (n, m), in visiting order, to radials
+// (zernike_radial_count(n, m) values), reading only the powers of tables.
+void evaluate_zernike_radials(const ZernikeTables& tables, int n, int m, double* radials);
+
+// Writes the basis values of (n, m) in slot order from radial values made by
+// evaluate_zernike_radials (at any point of the same rho) and the angle part
+// of tables: the very products that evaluate_zernike_basis forms.
+void combine_zernike_basis(const double* radials, const ZernikeTables& tables, int n, int m,
+                           double* values);
 
 // evaluate_zernike_series at the point of tables, which must be filled for at
 // least zernike_table_size(n, m).

@@ -97,6 +97,10 @@ TEST(FillMatrix, equals_the_naive_evaluation_bit_for_bit) {
         Geometry g;
         int n, m;
     } cases[] = {{kDisc, 8, 8},
+                 // Centres on whole and half pixels: symmetric pixels share
+                 // their radial values, rows and columns alike.
+                 {{32.0f, 31.5f, 0.05f, 0.05f, 1.4f, 64, 64}, 8, 0},
+                 {{20.0f, 12.0f, 0.031f, 0.047f, 0.6f, 41, 23}, 12, 6},
                  {{20.5f, 11.25f, 0.031f, 0.047f, 0.6f, 41, 23}, 16, 16},
                  {{-3.7f, 40.2f, 0.1f, 0.09f, 2.3f, 30, 45}, 7, 3},
                  {{4.0f, 3.0f, 1.0f, 1.0f, 2.5f, 9, 7}, zernike_table_max_order + 2, 0}};
