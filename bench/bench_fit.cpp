@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <map>
@@ -198,6 +199,58 @@ void BM_ComputeResidual(benchmark::State& state) {
     set_counters(state, p, n, m);
 }
 
+// Filling, one dgelsd solve and the residual, timed one after the other in
+// every iteration, so that all three see the same machine: on a shared host
+// the speed drifts over minutes, and so do ratios of benchmarks that ran
+// minutes apart. Reports the ratios of the summed times as counters.
+void BM_SameIterationRatios(benchmark::State& state) {
+    using Clock = std::chrono::steady_clock;
+    const Plane& p = plane(static_cast<int>(state.range(0)));
+    const int n = static_cast<int>(state.range(1));
+    const int m = static_cast<int>(state.range(2));
+    const int ncol = zernike_term_count(n, m);
+    std::vector<double> rhs(p.amplitude.size());
+    std::vector<double> matrix(static_cast<std::size_t>(ncol) * p.nrow);
+    std::vector<double> coeff(static_cast<std::size_t>(ncol), 0.0);
+    std::vector<float> residual(2 * p.amplitude.size());
+    float stats[3];
+    double fill = 0.0, solve = 0.0, residuals = 0.0;
+    auto seconds = [](Clock::time_point a, Clock::time_point b) {
+        return std::chrono::duration<double>(b - a).count();
+    };
+    for (auto _ : state) {
+        int nrow = 0, rank = 0, info = 0;
+        const auto t0 = Clock::now();
+        fill_rhs(p.x0, p.y0, p.dx, p.dy, p.cutoff, p.size, p.size, p.amplitude.data(), rhs.data(),
+                 &nrow);
+        fill_matrix(p.x0, p.y0, p.dx, p.dy, p.cutoff, p.size, p.size, ncol, nrow, n, m,
+                    matrix.data());
+        const auto t1 = Clock::now();
+        if (solve_least_squares(nrow, ncol, matrix.data(), rhs.data(), 1e-4, &rank, &info) != 0 ||
+            info != 0) {
+            state.SkipWithError("dgelsd failed");
+            break;
+        }
+        const auto t2 = Clock::now();
+        std::copy(rhs.begin(), rhs.begin() + ncol, coeff.begin());
+        {
+            QuietStdout quiet;
+            const auto t3 = Clock::now();
+            compute_residual(p.x0, p.y0, p.dx, p.dy, p.cutoff, p.size, p.size, p.amplitude.data(),
+                             p.phase.data(), n, m, coeff.data(), n, m, coeff.data(),
+                             residual.data(), stats);
+            residuals += seconds(t3, Clock::now());
+        }
+        fill += seconds(t0, t1);
+        solve += seconds(t1, t2);
+        benchmark::DoNotOptimize(residual.data());
+    }
+    if (solve > 0.0) {
+        state.counters["fill/dgelsd"] = fill / solve;
+        state.counters["residual/dgelsd"] = residuals / solve;
+    }
+}
+
 void sizes_and_sets(benchmark::internal::Benchmark* b) {
     for (int size : {256, 512, 1024}) {
         for (auto [n, m] : {std::pair{8, 0}, {8, 8}, {16, 16}}) {
@@ -211,6 +264,7 @@ BENCHMARK(BM_FillSystem)->Apply(sizes_and_sets);
 BENCHMARK(BM_Dgelsd)->Apply(sizes_and_sets);
 BENCHMARK(BM_ComputeFit)->Apply(sizes_and_sets);
 BENCHMARK(BM_ComputeResidual)->Apply(sizes_and_sets);
+BENCHMARK(BM_SameIterationRatios)->Apply(sizes_and_sets);
 
 // Console output as usual, plus the time of every run kept by name, so that
 // the ratios can be printed once everything has run. With
