@@ -458,17 +458,25 @@ bool check_header(const char* name, const Header& h, std::uint64_t file_size) {
     return true;
 }
 
-int open_for_reading(int stream, const char* name) {
+// A stream on name opened with fopen mode ("rb" or "wb"), or null after one
+// message saying what failed; purpose ("reading", "writing") names the use.
+std::unique_ptr<Stream> open_stream(const char* name, const char* mode, const char* purpose) {
     std::unique_ptr<Stream> s = make_stream(name);
     if (!s) {
         report(name, "not enough memory to open");
-        return 1;
+        return nullptr;
     }
-    s->file.reset(std::fopen(name, "rb"));
+    s->file.reset(std::fopen(name, mode));
     if (!s->file) {
-        report(name, "cannot open for reading: %s", std::strerror(errno));
-        return 1;
+        report(name, "cannot open for %s: %s", purpose, std::strerror(errno));
+        return nullptr;
     }
+    return s;
+}
+
+int open_for_reading(int stream, const char* name) {
+    std::unique_ptr<Stream> s = open_stream(name, "rb", "reading");
+    if (!s) return 1;
     struct stat info {};
     if (fstat(fileno(s->file.get()), &info) != 0 || !S_ISREG(info.st_mode)) {
         report(name, "not a regular file");
@@ -514,16 +522,8 @@ void fill_default_header(Header& h) {
 }
 
 int open_new(int stream, const char* name) {
-    std::unique_ptr<Stream> s = make_stream(name);
-    if (!s) {
-        report(name, "not enough memory to open");
-        return 1;
-    }
-    s->file.reset(std::fopen(name, "wb"));
-    if (!s->file) {
-        report(name, "cannot open for writing: %s", std::strerror(errno));
-        return 1;
-    }
+    std::unique_ptr<Stream> s = open_stream(name, "wb", "writing");
+    if (!s) return 1;
     s->writable = true;
     s->header_dirty = true;
     fill_default_header(s->header);
