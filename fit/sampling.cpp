@@ -107,27 +107,24 @@ using fit_detail::PupilGeometry;
 using fit_detail::PupilPoint;
 
 // Writes the columns of one measurement row, in slot order, from offset
-// irow on, each a further nrow along. radial(k, l) gives R_k^l and
-// cos_sin(l, &c, &s) the cosine and sine of l theta; the cosine column of a
-// pair always comes first.
-template <class Radial, class CosSin>
-void write_row(int n, int m, int nrow, std::int64_t ntot, int irow, double* matrix, Radial radial,
-               CosSin cos_sin) {
+// irow on, each a further nrow along. values(k, l, v) gives the term's value
+// in v[0] (l = 0) or its cosine and sine values in v[0], v[1]; the cosine
+// column of a pair always comes first. Every write is checked first.
+template <class Values>
+void write_row(int n, int m, int nrow, std::int64_t ntot, int irow, double* matrix, Values values) {
     std::int64_t offset = irow;
     for_each_zernike_term(n, m, [&](int k, int l) {
+        double v[2];
+        values(k, l, v);
         if (l == 0) {
             TORVEL_ASSERT(offset < ntot, "fill_matrix");
-            matrix[offset] = radial(k, 0);
+            matrix[offset] = v[0];
             offset += nrow;
             return;
         }
-        const double r = radial(k, l);
         TORVEL_ASSERT(offset < ntot - nrow, "fill_matrix");
-        double c = 0.0;
-        double s = 0.0;
-        cos_sin(l, &c, &s);
-        matrix[offset] = r * c;
-        matrix[offset + nrow] = r * s;
+        matrix[offset] = v[0];
+        matrix[offset + nrow] = v[1];
         offset += 2 * static_cast<std::int64_t>(nrow);
     });
 }
@@ -136,30 +133,29 @@ void write_row(int n, int m, int nrow, std::int64_t ntot, int irow, double* matr
 // and a sincos for every pair. Used when the order is beyond the tables.
 void write_row_direct(const PupilPoint& p, int n, int m, int nrow, std::int64_t ntot, int irow,
                       double* matrix) {
-    write_row(
-        n, m, nrow, ntot, irow, matrix, [&](int k, int l) { return evaluate_rnm(p.rho, k, l); },
-        [&](int l, double* c, double* s) { ::sincos(static_cast<double>(l) * p.theta, s, c); });
-}
-
-// The same row from basis values computed with the powers of rho, the sines
-// and cosines of l theta and the binomials shared by all columns: the very
-// same calls' results, so the row is identical. basis holds one pixel's
-// values in slot order.
-void write_row_from_basis(const double* basis, int n, int m, int nrow, std::int64_t ntot, int irow,
-                          double* matrix) {
-    std::int64_t offset = irow;
-    int i = 0;
-    for_each_zernike_term(n, m, [&](int, int l) {
+    write_row(n, m, nrow, ntot, irow, matrix, [&](int k, int l, double* v) {
+        const double r = evaluate_rnm(p.rho, k, l);
         if (l == 0) {
-            TORVEL_ASSERT(offset < ntot, "fill_matrix");
-            matrix[offset] = basis[i++];
-            offset += nrow;
+            v[0] = r;
             return;
         }
-        TORVEL_ASSERT(offset < ntot - nrow, "fill_matrix");
-        matrix[offset] = basis[i++];
-        matrix[offset + nrow] = basis[i++];
-        offset += 2 * static_cast<std::int64_t>(nrow);
+        double c = 0.0;
+        double s = 0.0;
+        ::sincos(static_cast<double>(l) * p.theta, &s, &c);
+        v[0] = r * c;
+        v[1] = r * s;
+    });
+}
+
+// The same row from basis values made with tables shared by all columns:
+// the very same calls' results, so the row is identical. basis holds one
+// pixel's values in slot order.
+void write_row_from_basis(const double* basis, int n, int m, int nrow, std::int64_t ntot, int irow,
+                          double* matrix) {
+    int i = 0;
+    write_row(n, m, nrow, ntot, irow, matrix, [&](int, int l, double* v) {
+        v[0] = basis[i++];
+        if (l > 0) v[1] = basis[i++];
     });
 }
 
@@ -307,10 +303,8 @@ void fill_matrix(float x0, float y0, float dx, float dy, float cutoff, int nx, i
     double basis[zernike_table_max_terms];
     int irow = 0;
     const IndexRange rows = fit_detail::disc_rows(g);
-    for (int iy = rows.begin; iy < rows.end; ++iy) {
-        const float y = fit_detail::axis_offset(iy, y0, dy);
+    fit_detail::for_each_disc_row(g, [&](int iy, float y, IndexRange columns) {
         const float yy = y * y;
-        const IndexRange columns = fit_detail::disc_columns(g, y);
         const bool tabled = radials.prepare_row(iy, yy, columns, rows);
         for (int ix = columns.begin; ix < columns.end; ++ix) {
             TORVEL_ASSERT(irow < nrow, "fill_matrix");
@@ -325,7 +319,7 @@ void fill_matrix(float x0, float y0, float dx, float dy, float cutoff, int nx, i
             }
             ++irow;
         }
-    }
+    });
 }
 
 }  // namespace torvel

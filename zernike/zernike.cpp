@@ -164,10 +164,6 @@ double evaluate_rnm_precomputed_powers(int n, int m, const double* powers) {
     return radial_polynomial(n, m, ArrayPower{powers}, ComputedBinomial{});
 }
 
-double evaluate_rnm_from_tables(const ZernikeTables& tables, int n, int m) {
-    return radial_polynomial(n, m, ArrayPower{tables.powers}, TableBinomial{&binomial_table()});
-}
-
 ZernikeTableSize zernike_table_size(int n, int m) {
     if (n < 0) {
         return {0, 0};
@@ -231,12 +227,6 @@ void combine_zernike_basis(const double* radials, const ZernikeTables& tables, i
         values[i++] = radial * tables.cos_sin[2 * l];
         values[i++] = radial * tables.cos_sin[2 * l + 1];
     });
-}
-
-void evaluate_zernike_basis(const ZernikeTables& tables, int n, int m, double* values) {
-    double radials[zernike_table_max_terms];
-    evaluate_zernike_radials(tables, n, m, radials);
-    combine_zernike_basis(radials, tables, n, m, values);
 }
 
 double evaluate_zernike_series_from_tables(const ZernikeTables& tables, int n, int m,

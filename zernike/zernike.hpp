@@ -108,21 +108,9 @@ bool fill_zernike_tables(double rho, double theta, ZernikeTableSize size, Zernik
 void fill_zernike_powers(double rho, int order, ZernikeTables* tables);
 void fill_zernike_angles(double theta, int frequency, ZernikeTables* tables);
 
-// evaluate_rnm(rho, n, m) read from tables filled at rho; 0 <= m, and n and
-// m within the tables' order. Binomials come from a table built once per
-// process, so no binomial loop runs per point.
-double evaluate_rnm_from_tables(const ZernikeTables& tables, int n, int m);
-
 // Most terms a set within the tables' order can hold.
 inline constexpr int zernike_table_max_terms =
     (zernike_table_max_order * (zernike_table_max_order + 1)) / 2 + zernike_table_max_order + 1;
-
-// Writes the zernike_term_count(n, m) basis values of the valid set (n, m)
-// at the point of tables (filled for at least zernike_table_size(n, m)) to
-// values, in slot order: R_k^0, or R_k^l cos(l theta) then R_k^l sin(l theta),
-// each product formed from R_k^l as evaluate_rnm gives it. The same as
-// evaluate_zernike_radials followed by combine_zernike_basis.
-void evaluate_zernike_basis(const ZernikeTables& tables, int n, int m, double* values);
 
 // Number of radial values of the set (n, m): one per term visited by
 // for_each_zernike_term (a cosine and sine pair shares one).
@@ -134,7 +122,8 @@ void evaluate_zernike_radials(const ZernikeTables& tables, int n, int m, double*
 
 // Writes the basis values of (n, m) in slot order from radial values made by
 // evaluate_zernike_radials (at any point of the same rho) and the angle part
-// of tables: the very products that evaluate_zernike_basis forms.
+// of tables, in slot order: R_k^0, or R_k^l cos(l theta) then R_k^l sin(l theta),
+// each product formed from R_k^l exactly as evaluate_rnm gives it.
 void combine_zernike_basis(const double* radials, const ZernikeTables& tables, int n, int m,
                            double* values);
 
