@@ -611,25 +611,31 @@ bool write_header_to_file(Stream& s) {
 // ---------------------------------------------------------------------------
 // Sections.
 
-// The section to read or write now, or false after a message when there is none.
-bool current_section_offset(const Stream& s, std::uint64_t bytes, std::uint64_t* offset) {
+// The current section's place in the file and a buffer for its raw bytes.
+struct SectionBytes {
+    std::uint64_t count = 0;
+    std::uint64_t offset = 0;
+    std::unique_ptr<unsigned char[]> raw;
+};
+
+// Prepares the transfer of the current section; false after a message when
+// there is no such section or no memory for its bytes.
+bool prepare_section(const Stream& s, SectionBytes* io) {
     const std::int32_t nz = get_i32(s.header, kNx + 8);
     if (s.section >= std::uint64_t(std::max(nz, 0))) {
         report(s.name.get(), "no section %llu: the image has %d",
                static_cast<unsigned long long>(s.section), nz);
         return false;
     }
-    *offset = s.data_offset + s.section * bytes;
-    return true;
-}
-
-std::unique_ptr<unsigned char[]> allocate_bytes(const Stream& s, std::uint64_t bytes) {
-    std::unique_ptr<unsigned char[]> raw(new (std::nothrow) unsigned char[bytes]);
-    if (!raw) {
+    io->count = section_bytes(s.header);
+    io->offset = s.data_offset + s.section * io->count;
+    io->raw.reset(new (std::nothrow) unsigned char[io->count]);
+    if (!io->raw) {
         report(s.name.get(), "not enough memory for a section of %llu bytes",
-               static_cast<unsigned long long>(bytes));
+               static_cast<unsigned long long>(io->count));
+        return false;
     }
-    return raw;
+    return true;
 }
 
 }  // namespace
@@ -780,23 +786,20 @@ int image_read_section(int stream, float* buffer) noexcept {
         report(s->name.get(), "opened for writing; sections cannot be read back");
         return 1;
     }
-    const std::uint64_t bytes = section_bytes(s->header);
-    std::uint64_t offset = 0;
-    if (!current_section_offset(*s, bytes, &offset)) return 1;
-    std::unique_ptr<unsigned char[]> raw = allocate_bytes(*s, bytes);
-    if (!raw) return 1;
-    const std::size_t got = std::fseek(s->file.get(), static_cast<long>(offset), SEEK_SET) == 0
-                                ? std::fread(raw.get(), 1, bytes, s->file.get())
+    SectionBytes io;
+    if (!prepare_section(*s, &io)) return 1;
+    const std::size_t got = std::fseek(s->file.get(), static_cast<long>(io.offset), SEEK_SET) == 0
+                                ? std::fread(io.raw.get(), 1, io.count, s->file.get())
                                 : 0;
-    if (got != bytes) {
+    if (got != io.count) {
         report(s->name.get(), "section %llu: read %zu of %llu bytes",
                static_cast<unsigned long long>(s->section), got,
-               static_cast<unsigned long long>(bytes));
+               static_cast<unsigned long long>(io.count));
         return 1;
     }
     Mode m{};
     find_mode(get_i32(s->header, kMode), &m);
-    decode_values(m.value, s->big_endian, raw.get(), bytes / value_bytes(m.value), buffer);
+    decode_values(m.value, s->big_endian, io.raw.get(), io.count / value_bytes(m.value), buffer);
     ++s->section;
     return 0;
 }
@@ -810,14 +813,11 @@ int image_write_section(int stream, const float* buffer) noexcept {
         report(s->name.get(), "pixel mode 12 cannot be written");
         return 1;
     }
-    const std::uint64_t bytes = section_bytes(s->header);
-    std::uint64_t offset = 0;
-    if (!current_section_offset(*s, bytes, &offset)) return 1;
-    std::unique_ptr<unsigned char[]> raw = allocate_bytes(*s, bytes);
-    if (!raw) return 1;
-    encode_values(m.value, buffer, bytes / value_bytes(m.value), raw.get());
-    if (std::fseek(s->file.get(), static_cast<long>(offset), SEEK_SET) != 0 ||
-        std::fwrite(raw.get(), 1, bytes, s->file.get()) != bytes) {
+    SectionBytes io;
+    if (!prepare_section(*s, &io)) return 1;
+    encode_values(m.value, buffer, io.count / value_bytes(m.value), io.raw.get());
+    if (std::fseek(s->file.get(), static_cast<long>(io.offset), SEEK_SET) != 0 ||
+        std::fwrite(io.raw.get(), 1, io.count, s->file.get()) != io.count) {
         report(s->name.get(), "cannot write section %llu: %s",
                static_cast<unsigned long long>(s->section), std::strerror(errno));
         return 1;

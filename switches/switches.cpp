@@ -77,35 +77,23 @@ void print_range_format_error(const char* program, const char* name, int allow_t
 // sets *format_error and stops at the first value of the wrong form.
 int check_range_values(const char* program, const char* name, const int* values, int count,
                        int dim_size, int range[3], bool* format_error) {
+    // The first two values are bounds inside the dimension, the second no
+    // smaller than the first; the third, a step, must be positive.
+    static constexpr const char* kOrdinal[2] = {"first", "second"};
     int result = 0;
-    if (values[0] < 0) {
-        *format_error = true;
-        return result;
-    }
-    if (values[0] >= dim_size) {
-        std::fprintf(stderr,
-                     "%s: first argument to %s greater than or equal to "
-                     "dimension size %d\n",
-                     program, name, dim_size);
-        result = 1;
-    } else {
-        range[0] = values[0];
-    }
-    if (count < 2) {
-        return result;
-    }
-    if (values[1] < values[0]) {
-        *format_error = true;
-        return result;
-    }
-    if (values[1] >= dim_size) {
-        std::fprintf(stderr,
-                     "%s: second argument to %s greater than or equal to "
-                     "dimension size %d\n",
-                     program, name, dim_size);
-        result = 1;
-    } else {
-        range[1] = values[1];
+    for (int i = 0; i < count && i < 2; ++i) {
+        if (values[i] < (i == 0 ? 0 : values[0])) {
+            *format_error = true;
+            return result;
+        }
+        if (values[i] >= dim_size) {
+            std::fprintf(stderr,
+                         "%s: %s argument to %s greater than or equal to dimension size %d\n",
+                         program, kOrdinal[i], name, dim_size);
+            result = 1;
+        } else {
+            range[i] = values[i];
+        }
     }
     if (count < 3) {
         return result;
