@@ -111,15 +111,25 @@ class QuietStdout {
     int saved_;
 };
 
+// The plane and Zernike set that a benchmark's arguments name.
+struct Case {
+    const Plane& plane;
+    int n;
+    int m;
+};
+
+Case case_of(const benchmark::State& state) {
+    return {plane(static_cast<int>(state.range(0))), static_cast<int>(state.range(1)),
+            static_cast<int>(state.range(2))};
+}
+
 void set_counters(benchmark::State& state, const Plane& p, int n, int m) {
     state.counters["rows"] = p.nrow;
     state.counters["cols"] = zernike_term_count(n, m);
 }
 
 void BM_FillSystem(benchmark::State& state) {
-    const Plane& p = plane(static_cast<int>(state.range(0)));
-    const int n = static_cast<int>(state.range(1));
-    const int m = static_cast<int>(state.range(2));
+    const auto [p, n, m] = case_of(state);
     const int ncol = zernike_term_count(n, m);
     std::vector<double> rhs(p.amplitude.size());
     std::vector<double> matrix(static_cast<std::size_t>(ncol) * p.nrow);
@@ -136,9 +146,7 @@ void BM_FillSystem(benchmark::State& state) {
 }
 
 void BM_Dgelsd(benchmark::State& state) {
-    const Plane& p = plane(static_cast<int>(state.range(0)));
-    const int n = static_cast<int>(state.range(1));
-    const int m = static_cast<int>(state.range(2));
+    const auto [p, n, m] = case_of(state);
     const System& s = system_for(p, n, m);
     std::vector<double> matrix(s.matrix.size());
     std::vector<double> rhs(s.rhs.size());
@@ -161,9 +169,7 @@ void BM_Dgelsd(benchmark::State& state) {
 }
 
 void BM_ComputeFit(benchmark::State& state) {
-    const Plane& p = plane(static_cast<int>(state.range(0)));
-    const int n = static_cast<int>(state.range(1));
-    const int m = static_cast<int>(state.range(2));
+    const auto [p, n, m] = case_of(state);
     std::vector<double> coeff(zernike_term_count(n, m));
     for (auto _ : state) {
         QuietStdout quiet;
@@ -177,9 +183,7 @@ void BM_ComputeFit(benchmark::State& state) {
 }
 
 void BM_ComputeResidual(benchmark::State& state) {
-    const Plane& p = plane(static_cast<int>(state.range(0)));
-    const int n = static_cast<int>(state.range(1));
-    const int m = static_cast<int>(state.range(2));
+    const auto [p, n, m] = case_of(state);
     std::vector<double> coeff_a(zernike_term_count(n, m));
     std::vector<double> coeff_p(coeff_a.size());
     for (std::size_t i = 0; i < coeff_a.size(); ++i) {
@@ -205,9 +209,7 @@ void BM_ComputeResidual(benchmark::State& state) {
 // minutes apart. Reports the ratios of the summed times as counters.
 void BM_SameIterationRatios(benchmark::State& state) {
     using Clock = std::chrono::steady_clock;
-    const Plane& p = plane(static_cast<int>(state.range(0)));
-    const int n = static_cast<int>(state.range(1));
-    const int m = static_cast<int>(state.range(2));
+    const auto [p, n, m] = case_of(state);
     const int ncol = zernike_term_count(n, m);
     std::vector<double> rhs(p.amplitude.size());
     std::vector<double> matrix(static_cast<std::size_t>(ncol) * p.nrow);
