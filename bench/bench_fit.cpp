@@ -18,8 +18,8 @@
 #include <string>
 #include <vector>
 
-#include "fit/fit.hpp"
-#include "zernike/zernike.hpp"
+#include <torvel/fit.hpp>
+#include <torvel/zernike.hpp>
 
 namespace {
 

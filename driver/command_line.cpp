@@ -3,9 +3,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "driver/driver.hpp"
-#include "imageio/imageio.hpp"
-#include "switches/switches.hpp"
+#include <torvel/driver.hpp>
+#include <torvel/imageio.hpp>
+#include <torvel/switches.hpp>
 
 namespace torvel {
 namespace {

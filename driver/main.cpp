@@ -5,8 +5,8 @@
 
 #include <cstdio>
 
-#include "driver/driver.hpp"
-#include "switches/switches.hpp"
+#include <torvel/driver.hpp>
+#include <torvel/switches.hpp>
 
 int main(int argc, char** argv) {
     using namespace torvel;

@@ -6,11 +6,11 @@
 #include <limits>
 #include <new>
 
-#include "driver/driver.hpp"
-#include "fit/fit.hpp"
-#include "imageio/imageio.hpp"
-#include "pupil/pupil.hpp"
-#include "unwrap/unwrap.hpp"
+#include <torvel/driver.hpp>
+#include <torvel/fit.hpp>
+#include <torvel/imageio.hpp>
+#include <torvel/pupil.hpp>
+#include <torvel/unwrap.hpp>
 
 namespace torvel {
 namespace {

@@ -8,9 +8,9 @@
 #include <memory>
 #include <new>
 
-#include "fit/fit.hpp"
-#include "fit/sampling.hpp"
-#include "zernike/zernike.hpp"
+#include <torvel/fit.hpp>
+#include "sampling.hpp"
+#include <torvel/zernike.hpp>
 
 // LAPACK's minimum-norm least squares by divide-and-conquer SVD, reference
 // interface: every argument by address, matrices column-major. m x n matrix a

@@ -6,9 +6,9 @@
 #include <cstdint>
 #include <cstdio>
 
-#include "fit/fit.hpp"
-#include "fit/sampling.hpp"
-#include "zernike/zernike.hpp"
+#include <torvel/fit.hpp>
+#include "sampling.hpp"
+#include <torvel/zernike.hpp>
 
 namespace torvel {
 

@@ -1,7 +1,7 @@
 // Pixel selection, pupil coordinates, the right-hand side and the design
 // matrix of the least-squares fit.
 
-#include "fit/sampling.hpp"
+#include "sampling.hpp"
 
 #include <algorithm>
 #include <climits>
@@ -14,8 +14,8 @@
 #include <new>
 #include <vector>
 
-#include "fit/fit.hpp"
-#include "zernike/zernike.hpp"
+#include <torvel/fit.hpp>
+#include <torvel/zernike.hpp>
 
 namespace torvel {
 

@@ -2,7 +2,7 @@
 // Inside fit/ only: the pixel-selection rule and the pixel-to-pupil mapping
 // that fill_rhs, fill_matrix and compute_residual must share exactly, and the
 // assertion that guards buffer sizes. Not installed; other modules use
-// fit/fit.hpp.
+// <torvel/fit.hpp>.
 
 #include <cstdint>
 

@@ -2,7 +2,7 @@
 
 #include <cmath>
 
-#include "fit/fit.hpp"
+#include <torvel/fit.hpp>
 
 namespace torvel {
 

@@ -1,4 +1,4 @@
-#include "imageio/imageio.hpp"
+#include <torvel/imageio.hpp>
 
 #include <sys/stat.h>
 

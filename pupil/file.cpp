@@ -3,9 +3,9 @@
 // is read through C stdio so that numbers parse exactly as sscanf reads them
 // and are written exactly as printf formats them.
 
-#include "pupil/pupil.hpp"
+#include <torvel/pupil.hpp>
 
-#include "zernike/zernike.hpp"
+#include <torvel/zernike.hpp>
 
 #include <cstring>
 #include <new>

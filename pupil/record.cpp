@@ -3,9 +3,9 @@
 // Every allocation uses new (std::nothrow): running out of memory is a null
 // result the caller can report, and each failure path frees what it made.
 
-#include "pupil/pupil.hpp"
+#include <torvel/pupil.hpp>
 
-#include "zernike/zernike.hpp"
+#include <torvel/zernike.hpp>
 
 #include <algorithm>
 #include <cstring>

@@ -23,8 +23,8 @@
 #include <string>
 #include <vector>
 
-#include "imageio/imageio.hpp"
-#include "pupil/pupil.hpp"
+#include <torvel/imageio.hpp>
+#include <torvel/pupil.hpp>
 
 namespace {
 

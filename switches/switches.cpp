@@ -1,4 +1,4 @@
-#include "switches/switches.hpp"
+#include <torvel/switches.hpp>
 
 #include <cmath>
 #include <cstdio>

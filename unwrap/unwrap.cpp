@@ -1,4 +1,4 @@
-#include "unwrap/unwrap.hpp"
+#include <torvel/unwrap.hpp>
 
 #include <cmath>
 #include <cstdint>

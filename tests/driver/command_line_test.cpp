@@ -1,4 +1,4 @@
-#include "driver/driver.hpp"
+#include <torvel/driver.hpp>
 
 #include <gtest/gtest.h>
 

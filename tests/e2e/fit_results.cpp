@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "fixtures.hpp"
-#include "imageio/imageio.hpp"
-#include "pupil/pupil.hpp"
+#include <torvel/imageio.hpp>
+#include <torvel/pupil.hpp>
 
 namespace fs = std::filesystem;
 

@@ -10,7 +10,7 @@
 #include <sstream>
 #include <vector>
 
-#include "imageio/imageio.hpp"
+#include <torvel/imageio.hpp>
 
 namespace fs = std::filesystem;
 

@@ -1,7 +1,7 @@
 // Pixel selection, design matrix, least-squares fit, residual and the split
 // into amplitude and phase.
 
-#include "fit/fit.hpp"
+#include <torvel/fit.hpp>
 
 #include <gtest/gtest.h>
 
@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "zernike/zernike.hpp"
+#include <torvel/zernike.hpp>
 
 namespace torvel {
 namespace {

@@ -1,4 +1,4 @@
-#include "pupil/pupil.hpp"
+#include <torvel/pupil.hpp>
 
 #include <gtest/gtest.h>
 #include <unistd.h>

@@ -2,7 +2,7 @@
 // An owning handle and one-row views of a parametric pupil record, so that
 // the pupil tests check a whole state in one comparison.
 
-#include "pupil/pupil.hpp"
+#include <torvel/pupil.hpp>
 
 #include <memory>
 #include <vector>

@@ -1,4 +1,4 @@
-#include "switches/switches.hpp"
+#include <torvel/switches.hpp>
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "zernike/zernike.hpp"
+#include <torvel/zernike.hpp>
 
 #include <gtest/gtest.h>
 

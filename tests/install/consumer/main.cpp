@@ -2,8 +2,8 @@
 // uses its library: R_2^0(0.5) = 2 * 0.25 - 1.
 #include <cstdio>
 
-#include "pupil/pupil.hpp"
-#include "zernike/zernike.hpp"
+#include <torvel/pupil.hpp>
+#include <torvel/zernike.hpp>
 
 int main() {
     torvel::ParametricPupil* pupil = torvel::create_parametric_pupil();

@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <memory>
 
-#include "pupil/pupil.hpp"
+#include <torvel/pupil.hpp>
 
 namespace torvel {
 
