@@ -266,7 +266,6 @@ int write_fit_file(ParametricPupil* pupil, const char* name) {
         std::fprintf(stderr, "torvel: unable to open %s for writing\n", name);
     } else if (code == 2) {
         std::fprintf(stderr, "torvel: an I/O error occurred while writing %s\n", name);
-        std::remove(name);  // never leave a truncated fit behind as if it were whole
     } else {
         std::fprintf(stderr, "torvel: an unrecognized error code, %d, occurred while writing %s\n",
                      code, name);

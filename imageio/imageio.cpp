@@ -1,4 +1,5 @@
 #include <torvel/imageio.hpp>
+#include <torvel/safeout.hpp>
 
 #include <sys/stat.h>
 
@@ -325,7 +326,9 @@ struct FileCloser {
 
 struct Stream {
     std::unique_ptr<char[]> name;
-    std::unique_ptr<std::FILE, FileCloser> file;
+    std::unique_ptr<std::FILE, FileCloser> file;  // "ro": the file read
+    safe_output output;                           // "new": the file written
+    std::FILE* fp() const { return writable ? output.stream : file.get(); }
     Header header{};
     bool writable = false;      // opened "new"
     bool big_endian = false;    // byte order of the pixels on disk
@@ -521,9 +524,18 @@ void fill_default_header(Header& h) {
     std::memset(&h[kLabels], ' ', kMaxLabels * kLabelBytes);
 }
 
+// A new image is written beside its final name and takes that name when it
+// is closed, so that what was there before survives a run that dies.
 int open_new(int stream, const char* name) {
-    std::unique_ptr<Stream> s = open_stream(name, "wb", "writing");
-    if (!s) return 1;
+    std::unique_ptr<Stream> s = make_stream(name);
+    if (!s) {
+        report(name, "not enough memory to open");
+        return 1;
+    }
+    if (safe_output_open(name, "w+b", &s->output) != 0) {
+        report(name, "cannot open for writing: %s", std::strerror(errno));
+        return 1;
+    }
     s->writable = true;
     s->header_dirty = true;
     fill_default_header(s->header);
@@ -598,7 +610,7 @@ void prepare_for_writing(Header& h) {
 
 bool write_header_to_file(Stream& s) {
     prepare_for_writing(s.header);
-    std::FILE* f = s.file.get();
+    std::FILE* f = s.fp();
     if (std::fseek(f, 0, SEEK_SET) != 0 ||
         std::fwrite(s.header.data(), 1, kHeaderBytes, f) != kHeaderBytes || std::fflush(f) != 0) {
         report(s.name.get(), "cannot write the header: %s", std::strerror(errno));
@@ -662,7 +674,7 @@ void image_close(int stream) noexcept {
     if (!in_range(stream) || !g_streams[stream]) return;
     Stream& s = *g_streams[stream];
     if (s.writable && s.header_dirty) write_header_to_file(s);
-    if (std::fclose(s.file.release()) != 0)
+    if (s.writable ? safe_output_commit(&s.output) != 0 : std::fclose(s.file.release()) != 0)
         report(s.name.get(), "cannot finish writing: %s", std::strerror(errno));
     g_streams[stream].reset();
 }
@@ -788,8 +800,8 @@ int image_read_section(int stream, float* buffer) noexcept {
     }
     SectionBytes io;
     if (!prepare_section(*s, &io)) return 1;
-    const std::size_t got = std::fseek(s->file.get(), static_cast<long>(io.offset), SEEK_SET) == 0
-                                ? std::fread(io.raw.get(), 1, io.count, s->file.get())
+    const std::size_t got = std::fseek(s->fp(), static_cast<long>(io.offset), SEEK_SET) == 0
+                                ? std::fread(io.raw.get(), 1, io.count, s->fp())
                                 : 0;
     if (got != io.count) {
         report(s->name.get(), "section %llu: read %zu of %llu bytes",
@@ -816,8 +828,8 @@ int image_write_section(int stream, const float* buffer) noexcept {
     SectionBytes io;
     if (!prepare_section(*s, &io)) return 1;
     encode_values(m.value, buffer, io.count / value_bytes(m.value), io.raw.get());
-    if (std::fseek(s->file.get(), static_cast<long>(io.offset), SEEK_SET) != 0 ||
-        std::fwrite(io.raw.get(), 1, io.count, s->file.get()) != io.count) {
+    if (std::fseek(s->fp(), static_cast<long>(io.offset), SEEK_SET) != 0 ||
+        std::fwrite(io.raw.get(), 1, io.count, s->fp()) != io.count) {
         report(s->name.get(), "cannot write section %llu: %s",
                static_cast<unsigned long long>(s->section), std::strerror(errno));
         return 1;

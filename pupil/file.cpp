@@ -4,6 +4,7 @@
 // and are written exactly as printf formats them.
 
 #include <torvel/pupil.hpp>
+#include <torvel/safeout.hpp>
 
 #include <torvel/zernike.hpp>
 
@@ -425,16 +426,16 @@ bool read_second_value(const char* line, const TermHead& head, double* value,
 ParametricPupil* write_parametric_pupil(ParametricPupil* pupil, const char* file_name,
                                         std::int32_t* error_code) {
     if (pupil == nullptr) return nullptr;
-    std::FILE* stream = std::fopen(file_name, "w");
-    if (stream == nullptr) {
+    // The file takes its name only when it is whole: a failed write leaves
+    // whatever was there before.
+    safe_output out;
+    if (safe_output_open(file_name, "w", &out) != 0) {
         set_if(error_code, kErrorOpen);
         return nullptr;
     }
-    write_head(stream, pupil);
-    write_blocks(stream, pupil);
-    bool failed = std::ferror(stream) != 0;
-    if (std::fclose(stream) != 0) failed = true;
-    if (failed) {
+    write_head(out.stream, pupil);
+    write_blocks(out.stream, pupil);
+    if (safe_output_commit(&out) != 0) {
         set_if(error_code, kErrorClose);
         return nullptr;
     }

@@ -1,0 +1,50 @@
+#pragma once
+// Output files that never lose what was there before. A regular file (or a
+// name that does not exist yet) is written to a new temporary file in the
+// same folder and renamed over the final name only when it is complete, so a
+// failed or killed run leaves the earlier file as it was. A symlink is
+// followed and its target replaced, keeping the target's permissions.
+// Devices, pipes and the names under /dev and /proc are written directly and
+// never removed or renamed.
+
+#include <cstdio>
+#include <string>
+
+namespace torvel {
+
+// One output being written. Owned by the caller; a safe_output that is
+// destroyed without safe_output_commit discards its temporary file.
+struct safe_output {
+    std::FILE* stream = nullptr;  // where the caller writes
+    std::string final_path;       // the file that the commit replaces
+    std::string temp_path;        // empty when written directly
+    bool direct = false;          // a device, pipe or /dev, /proc name
+
+    safe_output() = default;
+    safe_output(const safe_output&) = delete;
+    safe_output& operator=(const safe_output&) = delete;
+    ~safe_output();
+};
+
+// Opens name for writing ("w" or "wb" mode; "w+b" for a file that is read
+// back while it is written). Returns 0, or non-zero with errno set and
+// nothing created, when the name cannot be written: an existing file that
+// may not be written, a folder that does not exist or may not be written.
+int safe_output_open(const char* name, const char* mode, safe_output* out);
+
+// Finishes the output: flushes and closes the stream and, for a temporary
+// file, renames it over the final name. Returns 0, or non-zero when a write,
+// the close or the rename failed; then the temporary file is removed and
+// whatever was at the final name is left untouched.
+int safe_output_commit(safe_output* out);
+
+// Closes the stream and removes the temporary file, if any; the final name
+// is left as it was. Safe to call more than once.
+void safe_output_discard(safe_output* out);
+
+// The file that writing name would replace: symlinks followed to their
+// target, the folder made absolute. Two names with the same result would
+// overwrite each other, whether or not the file exists yet.
+std::string safe_output_target(const char* name);
+
+}  // namespace torvel
