@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -13,15 +14,25 @@
 namespace torvel {
 namespace {
 
-bool under_system_folder(const std::string& path) {
-    return path.rfind("/dev/", 0) == 0 || path.rfind("/proc/", 0) == 0;
+bool starts_with(const std::string& path, const char* prefix) {
+    return path.rfind(prefix, 0) == 0;
 }
+
+// Where a name leads: the file that replacing it would replace, and whether
+// the way there passes through the kernel's views of open files (/dev/stdout,
+// /dev/fd/N, /proc/self/fd/N), whose file belongs to whoever opened it.
+struct Resolved {
+    std::string path;
+    bool kernel_view = false;
+};
 
 // name with every symlink in it followed; a name whose last part does not
 // exist yet keeps that part, under its folder's real path.
-std::string resolve(const char* name) {
+Resolved resolve(const char* name) {
+    Resolved r;
     std::string path = name;
     for (int hops = 0; hops < 40; ++hops) {
+        if (starts_with(path, "/proc/") || starts_with(path, "/dev/fd/")) r.kernel_view = true;
         char target[PATH_MAX];
         const ssize_t n = readlink(path.c_str(), target, sizeof target - 1);
         if (n < 0) break;
@@ -38,10 +49,15 @@ std::string resolve(const char* name) {
     const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
     const std::string base = slash == std::string::npos ? path : path.substr(slash + 1);
     char real[PATH_MAX];
-    if (realpath(folder.c_str(), real) == nullptr) return path;
-    std::string result = real;
-    if (result != "/") result += '/';
-    return result + base;
+    if (realpath(folder.c_str(), real) == nullptr) {
+        r.path = path;
+        return r;
+    }
+    r.path = real;
+    if (starts_with(r.path, "/proc/")) r.kernel_view = true;
+    if (r.path != "/") r.path += '/';
+    r.path += base;
+    return r;
 }
 
 // The permissions a new file gets from the process's umask.
@@ -51,16 +67,98 @@ mode_t default_mode() {
     return 0666 & ~mask;
 }
 
+// ---- temporary files removed when a signal ends the process -----------------
+
+// The temporary files now open, in plain storage that a signal handler may
+// read: the handler removes them and lets the signal take its course. A run
+// has at most a few outputs open at once.
+constexpr int kMaxLiveTemps = 16;
+char g_live_temps[kMaxLiveTemps][PATH_MAX];
+constexpr int kCleanupSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGABRT};
+
+extern "C" void remove_temps_and_reraise(int signal_number) {
+    for (char* temp : g_live_temps) {
+        if (temp[0] != '\0') unlink(temp);
+    }
+    std::signal(signal_number, SIG_DFL);
+    std::raise(signal_number);
+}
+
+// Installs the handler for the signals still at their default action; a
+// program that handles a signal itself keeps its handler.
+void install_cleanup_handlers() {
+    static bool installed = false;
+    if (installed) return;
+    installed = true;
+    for (int signal_number : kCleanupSignals) {
+        struct sigaction current {};
+        if (sigaction(signal_number, nullptr, &current) != 0 || current.sa_handler != SIG_DFL)
+            continue;
+        struct sigaction action {};
+        action.sa_handler = remove_temps_and_reraise;
+        sigemptyset(&action.sa_mask);
+        sigaction(signal_number, &action, nullptr);
+    }
+}
+
+// Blocks the cleanup signals while the table changes, so the handler never
+// sees a half-written name.
+struct SignalsHeld {
+    sigset_t old;
+    SignalsHeld() {
+        sigset_t held;
+        sigemptyset(&held);
+        for (int signal_number : kCleanupSignals) sigaddset(&held, signal_number);
+        sigprocmask(SIG_BLOCK, &held, &old);
+    }
+    ~SignalsHeld() { sigprocmask(SIG_SETMASK, &old, nullptr); }
+};
+
+void forget_temp(const std::string& temp) {
+    SignalsHeld held;
+    for (char* live : g_live_temps) {
+        if (temp == live) live[0] = '\0';
+    }
+}
+
+// Creates the temporary file and records it; -1 with errno set when it
+// cannot be made or recorded.
+int make_temp(std::string& temp) {
+    SignalsHeld held;
+    for (char* live : g_live_temps) {
+        if (live[0] != '\0') continue;
+        const int fd = mkstemp(temp.data());
+        if (fd >= 0) std::memcpy(live, temp.c_str(), temp.size() + 1);
+        return fd;
+    }
+    errno = EMFILE;
+    return -1;
+}
+
+// ---- opening -----------------------------------------------------------------
+
+// The temporary file's name: hidden, beside the target, short enough for any
+// file system that holds the target.
+std::string temp_name_for(const std::string& target) {
+    constexpr std::size_t kMaxBase = 200;
+    const std::size_t slash = target.rfind('/');
+    return target.substr(0, slash + 1) + "." + target.substr(slash + 1, kMaxBase) + ".XXXXXX";
+}
+
 int open_temporary(const std::string& target, const struct stat* existing, const char* mode,
                    safe_output* out) {
-    const std::size_t slash = target.rfind('/');
-    std::string temp = target.substr(0, slash + 1) + "." + target.substr(slash + 1) + ".XXXXXX";
-    const int fd = mkstemp(temp.data());
+    std::string temp = temp_name_for(target);
+    if (temp.size() >= PATH_MAX) {
+        errno = ENAMETOOLONG;
+        return 1;
+    }
+    install_cleanup_handlers();
+    const int fd = make_temp(temp);
     if (fd < 0) return 1;
     if (existing != nullptr) {
-        // Keep the replaced file's owner where we may (as root) and its mode.
-        if (fchown(fd, existing->st_uid, existing->st_gid) != 0) { /* not ours to change */
-        }
+        // The replacement keeps the replaced file's owner where the process
+        // may set it (as root) and always its permissions.
+        if (fchown(fd, existing->st_uid, existing->st_gid) != 0) errno = 0;
         fchmod(fd, existing->st_mode & 07777);
     } else {
         fchmod(fd, default_mode());
@@ -70,11 +168,22 @@ int open_temporary(const std::string& target, const struct stat* existing, const
         const int saved = errno;
         close(fd);
         unlink(temp.c_str());
+        forget_temp(temp);
         errno = saved;
         return 1;
     }
     out->temp_path = std::move(temp);
     return 0;
+}
+
+// Removes the temporary file, keeping errno for the caller's message.
+void remove_temp(safe_output* out) {
+    if (out->temp_path.empty()) return;
+    const int saved = errno;
+    unlink(out->temp_path.c_str());
+    forget_temp(out->temp_path);
+    out->temp_path.clear();
+    errno = saved;
 }
 
 }  // namespace
@@ -84,20 +193,22 @@ safe_output::~safe_output() {
 }
 
 std::string safe_output_target(const char* name) {
-    return resolve(name);
+    return resolve(name).path;
 }
 
 int safe_output_open(const char* name, const char* mode, safe_output* out) {
     safe_output_discard(out);
-    out->final_path = resolve(name);
+    const Resolved resolved = resolve(name);
+    out->final_path = resolved.path;
+    out->direct = false;
     struct stat info {};
     const bool exists = stat(out->final_path.c_str(), &info) == 0;
-    if (under_system_folder(name) || under_system_folder(out->final_path) ||
-        (exists && !S_ISREG(info.st_mode))) {
+    if (resolved.kernel_view || (exists && !S_ISREG(info.st_mode))) {
         out->direct = true;
         out->stream = std::fopen(name, mode);
         return out->stream == nullptr ? 1 : 0;
     }
+    // What the user may not write is refused, not replaced behind their back.
     if (exists && access(out->final_path.c_str(), W_OK) != 0) return 1;
     return open_temporary(out->final_path, exists ? &info : nullptr, mode, out);
 }
@@ -105,21 +216,26 @@ int safe_output_open(const char* name, const char* mode, safe_output* out) {
 int safe_output_commit(safe_output* out) {
     if (out->stream == nullptr) return 1;
     bool failed = std::fflush(out->stream) != 0 || std::ferror(out->stream) != 0;
+    // On disk before it takes the name, so that a crash of the machine
+    // cannot leave an empty file where the earlier one was.
     if (!out->direct && !failed && fsync(fileno(out->stream)) != 0) failed = true;
     if (std::fclose(out->stream) != 0) failed = true;
     out->stream = nullptr;
     if (out->direct) return failed ? 1 : 0;
     if (!failed && std::rename(out->temp_path.c_str(), out->final_path.c_str()) != 0) failed = true;
-    if (failed) unlink(out->temp_path.c_str());
-    out->temp_path.clear();
+    if (failed) {
+        remove_temp(out);
+    } else {
+        forget_temp(out->temp_path);
+        out->temp_path.clear();
+    }
     return failed ? 1 : 0;
 }
 
 void safe_output_discard(safe_output* out) {
     if (out->stream != nullptr) std::fclose(out->stream);
     out->stream = nullptr;
-    if (!out->temp_path.empty()) unlink(out->temp_path.c_str());
-    out->temp_path.clear();
+    remove_temp(out);
 }
 
 }  // namespace torvel

@@ -4,8 +4,11 @@
 // same folder and renamed over the final name only when it is complete, so a
 // failed or killed run leaves the earlier file as it was. A symlink is
 // followed and its target replaced, keeping the target's permissions.
-// Devices, pipes and the names under /dev and /proc are written directly and
-// never removed or renamed.
+// Devices, pipes and names that lead through the kernel's views of open
+// files (/dev/stdout, /dev/fd/N, /proc/self/fd/N) are written directly and
+// never removed or renamed. A temporary file is removed on every way out the
+// process controls: a failed commit, a discard, the destructor, and the
+// signals INT, TERM, HUP, QUIT and ABRT when the program has not claimed them.
 
 #include <cstdio>
 #include <string>
@@ -29,7 +32,8 @@ struct safe_output {
 // Opens name for writing ("w" or "wb" mode; "w+b" for a file that is read
 // back while it is written). Returns 0, or non-zero with errno set and
 // nothing created, when the name cannot be written: an existing file that
-// may not be written, a folder that does not exist or may not be written.
+// may not be written, a folder that does not exist or in which no new file
+// may be made.
 int safe_output_open(const char* name, const char* mode, safe_output* out);
 
 // Finishes the output: flushes and closes the stream and, for a temporary
