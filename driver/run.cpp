@@ -10,6 +10,7 @@
 #include <torvel/fit.hpp>
 #include <torvel/imageio.hpp>
 #include <torvel/pupil.hpp>
+#include <torvel/safeout.hpp>
 #include <torvel/unwrap.hpp>
 
 namespace torvel {
@@ -87,6 +88,24 @@ int read_amplitude_and_phase(const input_header& h, int w, fit_run* run) {
     return image_read_section(kInput, run->phase.get()) != 0 ? 1 : 0;
 }
 
+// A NaN or an infinity among the pixels a fit uses would make every
+// coefficient of the fit, and the fit file, meaningless.
+int check_finite_planes(const fit_inputs& inputs, const input_header& h, int slot, float cutoff,
+                        const fit_run& run) {
+    const float* planes[2] = {run.amplitude.get(), run.phase.get()};
+    const char* names[2] = {"amplitude", "phase"};
+    for (int k = 0; k < 2; ++k) {
+        if (disc_is_finite(h.x0, h.y0, h.dx, h.dy, cutoff, h.nx, h.ny, planes[k])) continue;
+        std::fprintf(stderr,
+                     "torvel: %s: the %s at wavelength %.0f (%d) is not finite inside the "
+                     "pupil\n",
+                     inputs.input_name, names[k], double(inputs.wavelength[slot]),
+                     inputs.wavelength_index[slot]);
+        return 1;
+    }
+    return 0;
+}
+
 }  // namespace
 
 fit_run::~fit_run() {
@@ -158,9 +177,13 @@ int check_input_header(const char* name, const input_header& h) {
 }
 
 int check_output_names(const fit_inputs& inputs) {
+    // The same file whether or not it exists yet: the same place once links
+    // are followed, or two hard links of one file.
     auto same_file = [](const char* a, const char* b) {
-        std::error_code ignored;  // a file that does not exist yet is no one else's
-        return a != nullptr && b != nullptr && std::filesystem::equivalent(a, b, ignored);
+        if (a == nullptr || b == nullptr) return false;
+        std::error_code ignored;
+        return safe_output_target(a) == safe_output_target(b) ||
+               std::filesystem::equivalent(a, b, ignored);
     };
     const char* clash = nullptr;
     if (same_file(inputs.output_name, inputs.input_name))
@@ -238,7 +261,9 @@ int open_residual_image(const fit_inputs& inputs, fit_run* run) {
 int fit_wavelength(const fit_inputs& inputs, const input_header& h, int slot, fit_run* run) {
     const float na_times_1000 = h.na * 1000.0f;
     const float cutoff = na_times_1000 / inputs.wavelength[slot];
-    if (read_amplitude_and_phase(h, inputs.wavelength_index[slot], run) != 0) return 1;
+    if (read_amplitude_and_phase(h, inputs.wavelength_index[slot], run) != 0 ||
+        check_finite_planes(inputs, h, slot, cutoff, *run) != 0)
+        return 1;
 
     std::printf("\nPerforming least squares fit to amplitude...\n");
     int status = compute_fit(h.x0, h.y0, h.dx, h.dy, cutoff, h.nx, h.ny, run->amplitude.get(),

@@ -8,8 +8,11 @@
 
 #include <torvel/zernike.hpp>
 
+#include <algorithm>
 #include <cstring>
 #include <new>
+
+#include <sys/stat.h>
 
 namespace torvel {
 namespace {
@@ -107,24 +110,90 @@ struct Reader {
     std::int32_t error = 0;
     std::int32_t line = 1;
     std::int32_t column = 1;
+    std::int64_t file_bytes = 0;
     ParametricPupil* pupil = nullptr;
 };
+
+// ---- what a file can hold --------------------------------------------------
+
+// A count or order set makes the record allocate arrays for values that the
+// file may never give. The reader builds no record larger than its file
+// could fill, one value per byte, with a floor so that a small file may
+// still declare series without listing their values; beyond that it fails as
+// it does when memory runs out. Sizes are in 8-byte slots: a value, a
+// wavelength entry and each array's allocator overhead.
+constexpr std::int64_t kMinRecordSlots = std::int64_t(1) << 20;
+constexpr std::int64_t kSlotsPerWavelength = 8;
+constexpr std::int64_t kSlotsPerArray = 2;
+
+struct RecordShape {
+    std::int64_t wavelengths;
+    std::int64_t terms[4];  // amplitude and phase Zernike, amplitude and phase polar Fourier
+};
+
+RecordShape shape_of(const ParametricPupil* p) {
+    return {p->wavelength_count,
+            {get_parametric_pupil_amplitude_zernike_count(p),
+             get_parametric_pupil_phase_zernike_count(p),
+             polarf_term_count(p->amplitude_polarf_n, p->amplitude_polarf_m),
+             polarf_term_count(p->phase_polarf_n, p->phase_polarf_m)}};
+}
+
+std::int64_t zernike_terms(std::int64_t n, std::int64_t m) {
+    return n < 0 ? 0 : n * (n + 1) / 2 + m + 1;
+}
+
+bool file_can_hold(const Reader& r, const RecordShape& shape) {
+    if (shape.wavelengths == 0) return true;  // no arrays yet, whatever the sets
+    const std::int64_t budget = std::max(r.file_bytes, kMinRecordSlots);
+    std::int64_t per_wavelength = kSlotsPerWavelength;
+    for (const std::int64_t terms : shape.terms) {
+        if (terms > budget) return false;
+        if (terms > 0) per_wavelength += terms + kSlotsPerArray;
+    }
+    return shape.wavelengths <= budget / per_wavelength;
+}
 
 bool fail(Reader& r, std::int32_t error) {
     r.error = error;
     return false;
 }
 
-// Grows the line buffer by one step, keeping the used text and its end.
-bool grow_line_buffer(char** line, std::int32_t* size, std::int32_t used) {
-    if (*size > kMaxLineSizeBeforeGrowth) return false;
-    const std::int32_t grown_size = *size + kLineGrowth;
-    char* grown = new (std::nothrow) char[std::size_t(grown_size)];
-    if (grown == nullptr) return false;
-    if (used > 0) std::memcpy(grown, *line, std::size_t(used) + 1);
-    delete[] * line;
-    *line = grown;
-    *size = grown_size;
+// The line buffer's size follows 256-byte steps: each step that the used
+// text makes necessary adds 256 bytes, and a step from a size above
+// 0x7FFFFEFF fails, so a line is cut off at the same length and column
+// whatever memory holds. Memory itself grows by doubling, within one call
+// of read_full_line, so that a long line costs time linear in its length.
+struct LineBuffer {
+    char** line;
+    std::int32_t* size;     // the size in 256-byte steps, as reported
+    std::int64_t capacity;  // bytes allocated behind *line
+};
+
+// The largest size the 256-byte steps reach from size.
+std::int64_t last_step_size(std::int32_t size) {
+    return size + ((std::int64_t(kMaxLineSizeBeforeGrowth) - size) / kLineGrowth + 1) * kLineGrowth;
+}
+
+// Takes one 256-byte step, keeping the used text and its end.
+bool grow_line_buffer(LineBuffer* b, std::int32_t used) {
+    if (*b->size > kMaxLineSizeBeforeGrowth) return false;
+    const std::int32_t grown_size = *b->size + kLineGrowth;
+    if (grown_size > b->capacity) {
+        const std::int64_t doubled = std::min(2 * b->capacity, last_step_size(*b->size));
+        std::int64_t capacity = std::max<std::int64_t>(grown_size, doubled);
+        char* grown = new (std::nothrow) char[std::size_t(capacity)];
+        if (grown == nullptr && capacity > grown_size) {
+            capacity = grown_size;  // all that the step itself needs
+            grown = new (std::nothrow) char[std::size_t(capacity)];
+        }
+        if (grown == nullptr) return false;
+        if (used > 0) std::memcpy(grown, *b->line, std::size_t(used) + 1);
+        delete[] * b->line;
+        *b->line = grown;
+        b->capacity = capacity;
+    }
+    *b->size = grown_size;
     return true;
 }
 
@@ -192,40 +261,50 @@ bool apply_orders(Reader& r, OrderSetter setter, int first, int second) {
     return true;
 }
 
-bool read_zernike_set(Reader& r, const char* value, OrderSetter setter) {
+// series: the set's place in RecordShape::terms.
+bool read_zernike_set(Reader& r, const char* value, OrderSetter setter, int series) {
     int n = 0, m = 0;
     if (!read_order_pair(r, value, &n, &m)) return false;
     if (n >= 0 && !is_valid_zernike_set(n, m)) return fail(r, kErrorValue);
+    RecordShape shape = shape_of(r.pupil);
+    shape.terms[series] = zernike_terms(n, m);
+    if (!file_can_hold(r, shape)) return fail(r, kErrorMemory);
     return apply_orders(r, setter, n, m);
 }
 
-bool read_polarf_set(Reader& r, const char* value, OrderSetter setter) {
+bool read_polarf_set(Reader& r, const char* value, OrderSetter setter, int series) {
     int a = 0, b = 0;
     if (!read_order_pair(r, value, &a, &b)) return false;
+    RecordShape shape = shape_of(r.pupil);
+    shape.terms[series] = polarf_term_count(a, b);
+    if (!file_can_hold(r, shape)) return fail(r, kErrorMemory);
     return apply_orders(r, setter, a, b);
 }
 
 bool read_amplitude_zernike_set(Reader& r, const char* value) {
-    return read_zernike_set(r, value, set_parametric_pupil_amplitude_zernike_orders);
+    return read_zernike_set(r, value, set_parametric_pupil_amplitude_zernike_orders, 0);
 }
 
 bool read_phase_zernike_set(Reader& r, const char* value) {
-    return read_zernike_set(r, value, set_parametric_pupil_phase_zernike_orders);
+    return read_zernike_set(r, value, set_parametric_pupil_phase_zernike_orders, 1);
 }
 
 bool read_amplitude_polarf_set(Reader& r, const char* value) {
-    return read_polarf_set(r, value, set_parametric_pupil_amplitude_polarf_orders);
+    return read_polarf_set(r, value, set_parametric_pupil_amplitude_polarf_orders, 2);
 }
 
 bool read_phase_polarf_set(Reader& r, const char* value) {
-    return read_polarf_set(r, value, set_parametric_pupil_phase_polarf_orders);
+    return read_polarf_set(r, value, set_parametric_pupil_phase_polarf_orders, 3);
 }
 
 bool read_wavelength_count(Reader& r, const char* value) {
     int count = 0;
     if (std::sscanf(value, "%d", &count) != 1) return fail(r, kErrorSyntax);
     if (count < 1) return fail(r, kErrorValue);
-    if (set_parametric_pupil_wavelength_count(r.pupil, count) == nullptr)
+    RecordShape shape = shape_of(r.pupil);
+    shape.wavelengths = count;
+    if (!file_can_hold(r, shape) ||
+        set_parametric_pupil_wavelength_count(r.pupil, count) == nullptr)
         return fail(r, kErrorMemory);
     return true;
 }
@@ -355,6 +434,8 @@ void read_stream(Reader& r) {
         return;
     }
     r.size = kInitialLineSize;
+    struct stat info {};
+    if (fstat(fileno(r.stream), &info) == 0) r.file_bytes = info.st_size;
     if (!check_magic(r)) return;
     r.pupil = create_parametric_pupil();
     if (r.pupil == nullptr) {
@@ -483,9 +564,12 @@ void write_polarf_coeff(std::FILE* stream, const double* coeff, std::int32_t a, 
 int read_full_line(std::FILE* stream, char** line, std::int32_t* size, std::int32_t* error_code,
                    std::int32_t* column) {
     *column = 0;
+    // The caller's buffer holds *size bytes; what this call allocates may
+    // hold more.
+    LineBuffer buffer{line, size, *size};
     std::int32_t used = 0;
     for (;;) {
-        if (used >= *size - 1 && !grow_line_buffer(line, size, used)) {
+        if (used >= *size - 1 && !grow_line_buffer(&buffer, used)) {
             *error_code = kErrorMemory;
             *column = used + 1;
             return 1;

@@ -1,13 +1,15 @@
 // The parametric pupil record: owned raw arrays behind plain functions, so
 // that the fitter can write coefficients straight into the record's arrays.
-// Every allocation uses new (std::nothrow): running out of memory is a null
-// result the caller can report, and each failure path frees what it made.
+// Every allocation uses new (std::nothrow), or calloc for the coefficient
+// arrays: running out of memory is a null result the caller can report, and
+// each failure path frees what it made.
 
 #include <torvel/pupil.hpp>
 
 #include <torvel/zernike.hpp>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 #include <new>
 
@@ -35,10 +37,17 @@ std::int32_t rounded_capacity(std::int64_t needed, std::int32_t step) {
     return capacity > kMaxCount ? 0 : static_cast<std::int32_t>(capacity);
 }
 
-// New zero-filled array of count doubles, or null (also for count 0).
+// New zero-filled array of count doubles, or null (also for count 0). From
+// calloc, whose large blocks come as fresh zero pages that cost no memory
+// until written: a set larger than any fit can use, which the fit refuses,
+// then never costs the gigabytes its size names. Freed with free_coeff_array.
 double* new_coeff_array(std::int32_t count) {
     if (count <= 0) return nullptr;
-    return new (std::nothrow) double[static_cast<std::size_t>(count)]();
+    return static_cast<double*>(std::calloc(static_cast<std::size_t>(count), sizeof(double)));
+}
+
+void free_coeff_array(double* array) {
+    std::free(array);
 }
 
 void free_label(char* label) {
@@ -56,10 +65,10 @@ char* copy_label(const char* text) {
 }
 
 void free_wave(WaveAttributes& wave) {
-    delete[] wave.amplitude_zernike_coeff;
-    delete[] wave.phase_zernike_coeff;
-    delete[] wave.amplitude_polarf_coeff;
-    delete[] wave.phase_polarf_coeff;
+    free_coeff_array(wave.amplitude_zernike_coeff);
+    free_coeff_array(wave.phase_zernike_coeff);
+    free_coeff_array(wave.amplitude_polarf_coeff);
+    free_coeff_array(wave.phase_polarf_coeff);
     wave = WaveAttributes{};
 }
 
@@ -195,7 +204,7 @@ bool grow_series(ParametricPupil* pupil, Series series, std::int32_t old_count,
         double* grown = new_coeff_array(new_count);
         if (grown == nullptr) return false;
         if (old_count > 0) std::memcpy(grown, array, sizeof(double) * std::size_t(old_count));
-        delete[] array;
+        free_coeff_array(array);
         array = grown;
     }
     return true;
@@ -204,7 +213,7 @@ bool grow_series(ParametricPupil* pupil, Series series, std::int32_t old_count,
 void remove_series(ParametricPupil* pupil, Series series) {
     for (std::int32_t w = 0; w < pupil->wavelength_count; ++w) {
         double*& array = series_array(pupil->waves[w], series);
-        delete[] array;
+        free_coeff_array(array);
         array = nullptr;
     }
 }
@@ -259,7 +268,10 @@ bool has_label(const ParametricPupil* pupil, std::int32_t index) {
 
 std::int64_t polarf_term_count(std::int32_t a, std::int32_t b) {
     if (a < 0 || b < 0) return 0;
-    return (2 * std::int64_t(a) + 1) * (2 * std::int64_t(b) + 1);
+    const std::int64_t rows = 2 * std::int64_t(a) + 1, columns = 2 * std::int64_t(b) + 1;
+    // Both near 2^32 would overflow; any such count is far beyond every limit.
+    if (rows > INT64_MAX / columns) return INT64_MAX;
+    return rows * columns;
 }
 
 // ---- life ------------------------------------------------------------------

@@ -95,8 +95,9 @@ int open_input_image(const char* name, fit_run* run, input_header* header);
 int check_input_header(const char* name, const input_header& header);
 
 // Refuses a fit file or residual image name that names the input image or
-// each other: writing it would destroy data that the run still reads or has
-// just written. Returns 0, or 1 after one message.
+// each other, whether or not the file exists yet (f.txt and ./f.txt, a link
+// and its target): writing it would destroy data that the run still reads or
+// has just written. Returns 0, or 1 after one message.
 int check_output_names(const fit_inputs& inputs);
 
 // Allocates the amplitude (or complex) and phase planes. Returns 0, or 1
@@ -109,12 +110,13 @@ int allocate_work_planes(const input_header& header, fit_run* run);
 int open_residual_image(const fit_inputs& inputs, fit_run* run);
 
 // Reads, fits (amplitude, then unwrapped phase) and, when a residual image
-// is open, writes the residuals of selected wavelength slot. Returns 0, or
-// the failing step's status after its message.
+// is open, writes the residuals of selected wavelength slot. A plane with a
+// NaN or an infinity among the pixels the fit uses is refused before any
+// fit. Returns 0, or the failing step's status after its message.
 int fit_wavelength(const fit_inputs& inputs, const input_header& header, int slot, fit_run* run);
 
 // Writes the fit record to name. Returns 0, or 1 after a message naming the
-// failure; a file left half written is removed.
+// failure; whatever was at name before is then left as it was.
 int write_fit_file(ParametricPupil* pupil, const char* name);
 
 }  // namespace torvel

@@ -42,6 +42,11 @@ void fill_rhs(float x0, float y0, float dx, float dy, float cutoff, int nx, int 
 void fill_matrix(float x0, float y0, float dx, float dy, float cutoff, int nx, int ny, int ncol,
                  int nrow, int n, int m, double* matrix);
 
+// True when every pixel of section that fill_rhs selects holds a finite
+// value (no NaN, no infinity).
+bool disc_is_finite(float x0, float y0, float dx, float dy, float cutoff, int nx, int ny,
+                    const float* section);
+
 // Fits the set (n, m) to section by least squares (dgelsd, singular values
 // at or below tol times the largest treated as zero) and writes the
 // zernike_term_count(n, m) coefficients to coeff. Prints "%d unknowns %d

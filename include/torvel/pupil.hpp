@@ -52,7 +52,7 @@ struct ParametricPupil {
 inline constexpr std::int32_t kMaxZernikeOrder = 65534;
 
 // Term count (2a+1)(2b+1) of a polar Fourier set, computed in 64 bits; 0 when
-// a or b is negative.
+// a or b is negative, INT64_MAX when the product would not fit.
 std::int64_t polarf_term_count(std::int32_t a, std::int32_t b);
 
 // ---- life ------------------------------------------------------------------
