@@ -1,6 +1,7 @@
 #include "fixtures.hpp"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -23,6 +24,7 @@ struct HeaderSpec {
     int nx = 8, ny = 8, nz = 2, mode = 2, type = 8000;
     float p1 = 14.0f, p2 = 151.5f, dx = 0.1f, dy = 0.1f;
     float wave = 525.0f;
+    float amplitude_centre = 0.0f;  // the pupil centre's pixel of the amplitude section
 };
 
 void write_header_fixture(const fs::path& path, const HeaderSpec& s) {
@@ -34,10 +36,11 @@ void write_header_fixture(const fs::path& path, const HeaderSpec& s) {
     torvel::image_set_pixel_mode(3, s.mode);
     torvel::image_set_pixel_spacing(3, s.dx, s.dy, 1.0f);
     torvel::image_set_origin(3, -0.4f, -0.4f, 0.0f);
-    const std::vector<float> zeros(2 * std::size_t(s.nx) * s.ny, 0.0f);
+    std::vector<float> pixels(2 * std::size_t(s.nx) * s.ny, 0.0f);
     for (int z = 0; z < s.nz; ++z) {
+        pixels[std::size_t(s.nx / 2) * s.nx + s.nx / 2] = z == 0 ? s.amplitude_centre : 0.0f;
         torvel::image_seek_section(3, z, 0, 0);
-        torvel::image_write_section(3, zeros.data());
+        torvel::image_write_section(3, pixels.data());
     }
     torvel::image_write_header(3, nullptr, -1, 0.0f, 0.0f, 0.0f);
     torvel::image_close(3);
@@ -61,6 +64,7 @@ void make_fixtures(const fs::path& dir) {
     write_header_fixture(dir / "no_data.mrc", {.nx = 0, .ny = 0, .nz = 0});
     write_header_fixture(dir / "nan_wavelength.mrc", {.wave = std::nanf("")});
     write_header_fixture(dir / "negative_wavelength.mrc", {.wave = -5.0f});
+    write_header_fixture(dir / "nan_amplitude.mrc", {.amplitude_centre = std::nanf("")});
     std::ofstream(dir / "not_an_image.txt") << "just some text, not an image\n";
 }
 
@@ -105,13 +109,25 @@ fs::path fresh_case_dir(const std::string& name) {
     return dir;
 }
 
-RunResult run_in(const fs::path& dir, const std::string& program, const std::string& args) {
+RunResult run_in(const fs::path& dir, const std::string& program, const std::string& args,
+                 const std::string& setup) {
     const fs::path out = dir.string() + ".stdout", err = dir.string() + ".stderr";
-    const std::string command = "cd '" + dir.string() + "' && '" + program + "' " + args + " > '" +
-                                out.string() + "' 2> '" + err.string() + "' < /dev/null";
-    const int raw = std::system(command.c_str());
+    const std::string command = "cd '" + dir.string() + "' && { " + (setup.empty() ? ":" : setup) +
+                                "\n} && '" + program + "' " + args + " > '" + out.string() +
+                                "' 2> '" + err.string() + "' < /dev/null";
     RunResult r;
-    r.status = (raw != -1 && WIFEXITED(raw)) ? WEXITSTATUS(raw) : -1;
+    // Waited for with wait4, which gives the run's own peak memory.
+    std::fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        execl("/bin/sh", "sh", "-c", command.c_str(), static_cast<char*>(nullptr));
+        _exit(127);
+    }
+    int raw = 0;
+    struct rusage usage {};
+    const bool waited = child > 0 && wait4(child, &raw, 0, &usage) == child;
+    r.status = waited && WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
+    r.peak_kb = waited ? usage.ru_maxrss : -1;
     r.out = slurp(out);
     r.err = slurp(err);
     return r;

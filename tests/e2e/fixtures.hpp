@@ -20,10 +20,13 @@ struct RunResult {
     int status;
     std::string out;
     std::string err;
+    long peak_kb;  // the largest resident set of the run, by the kernel's accounting
 };
 
-// Runs `program args` (args split by the shell) with dir as working directory.
+// Runs `program args` (args split by the shell) with dir as working directory,
+// after the shell commands setup (if any) in the same shell, so that limits
+// they set hold for the program.
 RunResult run_in(const std::filesystem::path& dir, const std::string& program,
-                 const std::string& args);
+                 const std::string& args, const std::string& setup = "");
 
 }  // namespace torvel_e2e

@@ -2,14 +2,17 @@
 // exit status, standard output and standard error exactly with the case file.
 //
 // A case file holds "args:", "status:" and optional "absent:" (files the run
-// must not leave) and "present:" lines, then "--- stdout" and "--- stderr"
-// sections. Each case runs in a fresh directory holding links to the input
-// images made once by fixtures.cpp. With TORVEL_E2E_UPDATE=1 in the
-// environment the runner rewrites the sections from what the binary printed,
-// for review in the diff.
+// must not leave) and "present:" lines, "setup:" (shell commands run first,
+// in the same shell, so that limits they set hold for the run), "after:" (a
+// shell command that must succeed after the run, with $TORVEL naming the
+// binary) and "peak_mb_below:" (the run's largest resident set), then
+// "--- stdout" and "--- stderr" sections. Each case runs in a fresh directory holding links to the
+// input images made once by fixtures.cpp. With TORVEL_E2E_UPDATE=1 in the environment the runner
+// rewrites the sections from what the binary printed, for review in the diff.
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -29,6 +32,9 @@ struct Case {
     int status = 0;
     std::vector<std::string> absent;
     std::vector<std::string> present;
+    std::string setup;
+    std::string after;
+    long peak_mb_below = 0;  // 0: not measured
     std::string stdout_text;
     std::string stderr_text;
 };
@@ -72,6 +78,12 @@ Case read_case(const fs::path& file) {
             c.absent = split_words(line.substr(7));
         else if (line.rfind("present:", 0) == 0)
             c.present = split_words(line.substr(8));
+        else if (line.rfind("setup:", 0) == 0)
+            c.setup = line.substr(6);
+        else if (line.rfind("after:", 0) == 0)
+            c.after = line.substr(6);
+        else if (line.rfind("peak_mb_below:", 0) == 0)
+            c.peak_mb_below = std::stol(line.substr(14));
     }
     return c;
 }
@@ -100,7 +112,7 @@ class Binary : public testing::TestWithParam<Case> {};
 TEST_P(Binary, prints_and_exits_as_the_case_file_says) {
     const Case& c = GetParam();
     const fs::path dir = torvel_e2e::fresh_case_dir(c.name);
-    const torvel_e2e::RunResult r = torvel_e2e::run_in(dir, TORVEL_BINARY, c.args);
+    const torvel_e2e::RunResult r = torvel_e2e::run_in(dir, TORVEL_BINARY, c.args, c.setup);
     if (std::getenv("TORVEL_E2E_UPDATE") != nullptr) rewrite_case(c, r);
     EXPECT_EQ(r.status, c.status);
     EXPECT_EQ(r.out, c.stdout_text);
@@ -108,6 +120,14 @@ TEST_P(Binary, prints_and_exits_as_the_case_file_says) {
     for (const auto& name : c.absent)
         EXPECT_FALSE(fs::exists(dir / name)) << name << " was left behind";
     for (const auto& name : c.present) EXPECT_TRUE(fs::exists(dir / name)) << name << " is missing";
+    if (c.peak_mb_below > 0) {
+        EXPECT_LT(r.peak_kb, c.peak_mb_below * 1024) << "peak memory in KB";
+    }
+    if (!c.after.empty()) {
+        setenv("TORVEL", TORVEL_BINARY, 1);
+        const std::string check = "cd '" + dir.string() + "' && { " + c.after + "\n}";
+        EXPECT_EQ(std::system(check.c_str()), 0) << "after: " << c.after;
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Cases, Binary, testing::ValuesIn(all_cases()),
