@@ -205,7 +205,11 @@ int safe_output_open(const char* name, const char* mode, safe_output* out) {
     const bool exists = stat(out->final_path.c_str(), &info) == 0;
     if (resolved.kernel_view || (exists && !S_ISREG(info.st_mode))) {
         out->direct = true;
-        out->stream = std::fopen(name, mode);
+        // A text output to /dev/stdout and the like goes after what the
+        // process has written there already: reopening with "w" would cut
+        // a redirected file back to nothing, under the feet of stdout.
+        const bool text = std::strcmp(mode, "w") == 0;
+        out->stream = std::fopen(name, resolved.kernel_view && text ? "a" : mode);
         return out->stream == nullptr ? 1 : 0;
     }
     // What the user may not write is refused, not replaced behind their back.

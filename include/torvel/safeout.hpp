@@ -6,9 +6,10 @@
 // followed and its target replaced, keeping the target's permissions.
 // Devices, pipes and names that lead through the kernel's views of open
 // files (/dev/stdout, /dev/fd/N, /proc/self/fd/N) are written directly and
-// never removed or renamed. A temporary file is removed on every way out the
-// process controls: a failed commit, a discard, the destructor, and the
-// signals INT, TERM, HUP, QUIT and ABRT when the program has not claimed them.
+// never removed or renamed; through those views a "w" output is appended, so
+// that it follows what the process wrote there before. A temporary file is removed on every way out
+// the process controls: a failed commit, a discard, the destructor, and the signals INT, TERM, HUP,
+// QUIT and ABRT when the program has not claimed them.
 
 #include <cstdio>
 #include <string>
