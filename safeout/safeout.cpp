@@ -60,6 +60,17 @@ Resolved resolve(const char* name) {
     return r;
 }
 
+// Whether a rename may replace the existing file at target: in a folder with
+// the sticky bit (/tmp), only the owner of the file or of the folder may, so
+// the refusal comes now rather than after all the work.
+bool may_replace(const std::string& target, const struct stat& existing) {
+    const std::string folder = target.substr(0, target.rfind('/') + 1);
+    struct stat info {};
+    if (stat(folder.c_str(), &info) != 0 || (info.st_mode & S_ISVTX) == 0) return true;
+    const uid_t me = geteuid();
+    return me == 0 || me == existing.st_uid || me == info.st_uid;
+}
+
 // The permissions a new file gets from the process's umask.
 mode_t default_mode() {
     const mode_t mask = umask(0);
@@ -214,6 +225,10 @@ int safe_output_open(const char* name, const char* mode, safe_output* out) {
     }
     // What the user may not write is refused, not replaced behind their back.
     if (exists && access(out->final_path.c_str(), W_OK) != 0) return 1;
+    if (exists && !may_replace(out->final_path, info)) {
+        errno = EPERM;
+        return 1;
+    }
     return open_temporary(out->final_path, exists ? &info : nullptr, mode, out);
 }
 
