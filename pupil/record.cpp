@@ -1,8 +1,8 @@
 // The parametric pupil record: owned raw arrays behind plain functions, so
 // that the fitter can write coefficients straight into the record's arrays.
-// Every allocation uses new (std::nothrow), or calloc for the coefficient
-// arrays: running out of memory is a null result the caller can report, and
-// each failure path frees what it made.
+// No allocation throws (new (std::nothrow), and calloc or mmap for the
+// coefficient arrays): running out of memory is a null result the caller can
+// report, and each failure path frees what it made.
 
 #include <torvel/pupil.hpp>
 
@@ -12,6 +12,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+
+#include <sys/mman.h>
 
 namespace torvel {
 namespace {
@@ -37,17 +39,39 @@ std::int32_t rounded_capacity(std::int64_t needed, std::int32_t step) {
     return capacity > kMaxCount ? 0 : static_cast<std::int32_t>(capacity);
 }
 
-// New zero-filled array of count doubles, or null (also for count 0). From
-// calloc, whose large blocks come as fresh zero pages that cost no memory
-// until written: a set larger than any fit can use, which the fit refuses,
-// then never costs the gigabytes its size names. Freed with free_coeff_array.
+// Coefficient arrays begin after a small header that says how they were
+// made. Large ones are fresh anonymous mappings: zero pages that cost no
+// memory until written, with or without a sanitizer watching the heap, so a
+// set larger than any fit can use, which the fit refuses, never costs the
+// gigabytes its size names. Small ones come from calloc.
+struct ArrayHeader {
+    std::size_t bytes;  // of the whole block, header included
+    bool mapped;
+};
+constexpr std::size_t kMappedFrom = std::size_t(1) << 20;
+
+// New zero-filled array of count doubles, or null (also for count 0). Freed
+// with free_coeff_array.
 double* new_coeff_array(std::int32_t count) {
     if (count <= 0) return nullptr;
-    return static_cast<double*>(std::calloc(static_cast<std::size_t>(count), sizeof(double)));
+    const std::size_t bytes = sizeof(ArrayHeader) + std::size_t(count) * sizeof(double);
+    const bool mapped = bytes >= kMappedFrom;
+    void* block =
+        mapped ? mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)
+               : std::calloc(1, bytes);
+    if (block == nullptr || block == MAP_FAILED) return nullptr;
+    auto* header = static_cast<ArrayHeader*>(block);
+    *header = {bytes, mapped};
+    return reinterpret_cast<double*>(header + 1);
 }
 
 void free_coeff_array(double* array) {
-    std::free(array);
+    if (array == nullptr) return;
+    ArrayHeader* header = reinterpret_cast<ArrayHeader*>(array) - 1;
+    if (header->mapped)
+        munmap(header, header->bytes);
+    else
+        std::free(header);
 }
 
 void free_label(char* label) {
