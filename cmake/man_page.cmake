@@ -1,0 +1,136 @@
+# Manual pages made from a program's own usage text.
+#
+# Included by a project, this file defines torvel_man_page(name target): the
+# page man/<name>.1.in is filled at build time into <build>/man/<name>.1,
+# installed to share/man/man1 and checked by `man --warnings` as a test.
+# In the template, @SYNOPSIS@ becomes the "usage:" line of `target -h` and
+# @OPTIONS@ the rest of that text, each option a tagged paragraph; the page's
+# own text (NAME, DESCRIPTION, EXIT STATUS, EXAMPLES, ...) is plain roff,
+# where @VERSION@ and @DOCDIR@ (the installed documentation folder) are filled.
+#
+# Run as a script it does one of the two jobs:
+#   cmake -DPROGRAM=exe -DTEMPLATE=in -DOUTPUT=page -DVERSION=v -DDOCDIR=d -P man_page.cmake
+#   cmake -DCHECK=page -P man_page.cmake
+
+if(NOT CMAKE_SCRIPT_MODE_FILE)
+  set(_torvel_man_script ${CMAKE_CURRENT_LIST_FILE})
+  function(torvel_man_page name target)
+    set(template ${CMAKE_CURRENT_SOURCE_DIR}/${name}.1.in)
+    set(page ${CMAKE_CURRENT_BINARY_DIR}/${name}.1)
+    add_custom_command(OUTPUT ${page}
+      COMMAND ${CMAKE_COMMAND} -DPROGRAM=$<TARGET_FILE:${target}> -DTEMPLATE=${template}
+              -DOUTPUT=${page} -DVERSION=${PROJECT_VERSION}
+              -DDOCDIR=${CMAKE_INSTALL_FULL_DOCDIR} -P ${_torvel_man_script}
+      DEPENDS ${target} ${template} ${_torvel_man_script}
+      COMMENT "Manual page ${name}(1) from ${name} -h")
+    add_custom_target(man_${name} ALL DEPENDS ${page})
+    install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+    if(BUILD_TESTING AND TORVEL_PRODUCT_TESTS)
+      add_test(NAME man_page_${name} COMMAND ${CMAKE_COMMAND} -DCHECK=${page} -P ${_torvel_man_script})
+    endif()
+  endfunction()
+  return()
+endif()
+
+# Text as roff: no line may start a request, a backslash is printed as one,
+# and a dash that starts an option is a minus sign, not a hyphen.
+function(roff_text out text)
+  string(REPLACE "\\" "\\e" text "${text}")
+  string(REGEX REPLACE "(^|[ (\\[,|])-" "\\1\\\\-" text "${text}")
+  string(REGEX REPLACE "^([.'])" "\\\\&\\1" text "${text}")
+  set(${out} "${text}" PARENT_SCOPE)
+endfunction()
+
+# An option's tag in bold, the value after '=' in italics: -w=w1[:w2...].
+function(roff_option_tag out tag)
+  if(tag MATCHES "^([^=]*=)(.+)$")
+    roff_text(name "${CMAKE_MATCH_1}")
+    roff_text(value "${CMAKE_MATCH_2}")
+    set(${out} "\\fB${name}\\fI${value}\\fR" PARENT_SCOPE)
+  else()
+    roff_text(name "${tag}")
+    set(${out} "\\fB${name}\\fR" PARENT_SCOPE)
+  endif()
+endfunction()
+
+function(indent_of out line)
+  string(REGEX REPLACE "^ +" "" rest "${line}")
+  string(LENGTH "${line}" whole)
+  string(LENGTH "${rest}" after)
+  math(EXPR n "${whole} - ${after}")
+  set(${out} ${n} PARENT_SCOPE)
+endfunction()
+
+# SYNOPSIS from the "usage: program arguments" line; OPTIONS from the lines
+# after it: a line starting with '-' opens an option (its description may
+# follow on the same line after two blanks), more deeply indented lines
+# describe it, any other line is a paragraph of its own.
+function(usage_to_roff usage synopsis_out options_out)
+  # Lines as a list: the characters CMake lists give a meaning stand in
+  # for themselves until each line is taken out.
+  string(REPLACE ";" "<semicolon>" usage "${usage}")
+  string(REPLACE "[" "<open>" usage "${usage}")
+  string(REPLACE "]" "<close>" usage "${usage}")
+  string(REGEX REPLACE "\n$" "" usage "${usage}")
+  string(REPLACE "\n" ";" lines "${usage}")
+  set(synopsis "")
+  set(options "")
+  set(option_indent -1)
+  foreach(line IN LISTS lines)
+    string(REPLACE "<semicolon>" ";" line "${line}")
+    string(REPLACE "<open>" "[" line "${line}")
+    string(REPLACE "<close>" "]" line "${line}")
+    indent_of(indent "${line}")
+    string(STRIP "${line}" text)
+    string(REGEX REPLACE "  +" " " text "${text}")
+    if(text STREQUAL "")
+      continue()
+    elseif(synopsis STREQUAL "" AND text MATCHES "^usage: *([^ ]+) *(.*)$")
+      roff_text(program "${CMAKE_MATCH_1}")
+      roff_text(arguments "${CMAKE_MATCH_2}")
+      set(synopsis ".B ${program}\n${arguments}")
+    elseif(text MATCHES "^-")
+      string(STRIP "${line}" tag)
+      set(description "")
+      if(tag MATCHES "^([^ ]+)  +(.*)$")
+        set(tag "${CMAKE_MATCH_1}")
+        roff_text(description "${CMAKE_MATCH_2}")
+        set(description "\n${description}")
+      endif()
+      roff_option_tag(tag "${tag}")
+      string(APPEND options ".TP\n${tag}${description}\n")
+      set(option_indent ${indent})
+    elseif(option_indent GREATER_EQUAL 0 AND indent GREATER option_indent)
+      roff_text(text "${text}")
+      string(APPEND options "${text}\n")
+    else()
+      roff_text(text "${text}")
+      string(APPEND options ".PP\n${text}\n")
+      set(option_indent -1)
+    endif()
+  endforeach()
+  if(synopsis STREQUAL "")
+    message(FATAL_ERROR "${PROGRAM} -h: no line begins with \"usage:\"")
+  endif()
+  set(${synopsis_out} "${synopsis}" PARENT_SCOPE)
+  set(${options_out} "${options}" PARENT_SCOPE)
+endfunction()
+
+if(DEFINED CHECK)
+  # The page must format without a single groff or man warning.
+  execute_process(COMMAND ${CMAKE_COMMAND} -E env MANPAGER=cat MANWIDTH=80
+                          man --warnings -E UTF-8 -l ${CHECK}
+                  RESULT_VARIABLE status OUTPUT_VARIABLE shown ERROR_VARIABLE warnings)
+  if(NOT status EQUAL 0 OR NOT warnings STREQUAL "" OR NOT shown MATCHES "OPTIONS")
+    message(FATAL_ERROR "man --warnings -l ${CHECK} (status ${status}):\n${warnings}")
+  endif()
+  return()
+endif()
+
+execute_process(COMMAND ${PROGRAM} -h RESULT_VARIABLE status OUTPUT_VARIABLE usage)
+if(NOT status EQUAL 0 OR usage STREQUAL "")
+  message(FATAL_ERROR "${PROGRAM} -h failed (status ${status})")
+endif()
+usage_to_roff("${usage}" SYNOPSIS OPTIONS)
+string(REGEX REPLACE "\n$" "" OPTIONS "${OPTIONS}")
+configure_file(${TEMPLATE} ${OUTPUT} @ONLY)
