@@ -59,8 +59,8 @@ int main(int argc, char** argv) {
     std::int32_t error = 0, line = 0, column = 0;
     torvel::ParametricPupil* pupil = torvel::read_parametric_pupil(argv[1], &error, &line, &column);
     if (pupil == nullptr) {
-        std::fprintf(stderr, "pupil_model: %s: not read (error %d at line %d, column %d)\n", argv[1],
-                     error, line, column);
+        std::fprintf(stderr, "pupil_model: %s: not read (error %d at line %d, column %d)\n",
+                     argv[1], error, line, column);
         return 1;
     }
     const int count = torvel::get_parametric_pupil_wavelength_count(pupil);
