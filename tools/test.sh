@@ -29,8 +29,11 @@ quietly "release: configure" build/release/configure.log \
 quietly "release: build" build/release/build.log cmake --build build/release -j"$jobs"
 run_tests build/release
 
+# -O1 with line tables only: the sanitizers' usual level, which compiles in
+# about two thirds of the time of -O2 -g and still names file and line.
 quietly "sanitizers: configure" build/sanitize/configure.log \
-    cmake -S . -B build/sanitize -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTORVEL_WERROR=ON \
+    cmake -S . -B build/sanitize -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG="-O1 -g1" \
+    -DTORVEL_WERROR=ON \
     -DTORVEL_BUILD_BENCHMARKS=OFF -DTORVEL_PRODUCT_TESTS=OFF -DTORVEL_TEST_EACH_CASE=OFF \
     -DCMAKE_CXX_FLAGS="-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=all"
 quietly "sanitizers: build" build/sanitize/build.log cmake --build build/sanitize -j"$jobs"
