@@ -61,10 +61,19 @@ function(indent_of out line)
   set(${out} ${n} PARENT_SCOPE)
 endfunction()
 
-# SYNOPSIS from the "usage: program arguments" line; OPTIONS from the lines
-# after it: a line starting with '-' opens an option (its description may
-# follow on the same line after two blanks), more deeply indented lines
-# describe it, any other line is a paragraph of its own.
+# One synopsis line: the program in bold, its arguments as written.
+function(synopsis_line out program arguments)
+  roff_text(program "${program}")
+  roff_text(arguments "${arguments}")
+  set(${out} ".B ${program}\n${arguments}" PARENT_SCOPE)
+endfunction()
+
+# SYNOPSIS from the "usage: program arguments" line (which may follow the
+# program's "name: " prefix) and any lines right after it that start with the
+# program's name; OPTIONS from the lines after those: a line starting with
+# '-' opens an option (its description may follow on the same line after two
+# blanks), more deeply indented lines describe it, any other line is a
+# paragraph of its own.
 function(usage_to_roff usage synopsis_out options_out)
   # Lines as a list: the characters CMake lists give a meaning stand in
   # for themselves until each line is taken out.
@@ -85,16 +94,23 @@ function(usage_to_roff usage synopsis_out options_out)
     string(REGEX REPLACE "  +" " " text "${text}")
     if(text STREQUAL "")
       continue()
-    elseif(synopsis STREQUAL "" AND text MATCHES "^usage: *([^ ]+) *(.*)$")
-      roff_text(program "${CMAKE_MATCH_1}")
-      roff_text(arguments "${CMAKE_MATCH_2}")
-      set(synopsis ".B ${program}\n${arguments}")
+    elseif(synopsis STREQUAL "" AND text MATCHES "^([^ ]+: +)?[Uu]sage: *([^ ]+) *(.*)$")
+      set(program "${CMAKE_MATCH_2}")
+      synopsis_line(synopsis "${program}" "${CMAKE_MATCH_3}")
+    elseif(options STREQUAL "" AND NOT synopsis STREQUAL "" AND text MATCHES "^([^ ]+) +(.*)$"
+           AND CMAKE_MATCH_1 STREQUAL program)
+      synopsis_line(line "${program}" "${CMAKE_MATCH_2}")
+      string(APPEND synopsis "\n.br\n${line}")
     elseif(text MATCHES "^-")
       string(STRIP "${line}" tag)
       set(description "")
-      if(tag MATCHES "^([^ ]+)  +(.*)$")
-        set(tag "${CMAKE_MATCH_1}")
-        roff_text(description "${CMAKE_MATCH_2}")
+      string(FIND "${tag}" "  " gap)
+      if(gap GREATER 0)
+        string(SUBSTRING "${tag}" ${gap} -1 description)
+        string(SUBSTRING "${tag}" 0 ${gap} tag)
+        string(STRIP "${description}" description)
+        string(REGEX REPLACE "  +" " " description "${description}")
+        roff_text(description "${description}")
         set(description "\n${description}")
       endif()
       roff_option_tag(tag "${tag}")
