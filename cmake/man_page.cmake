@@ -3,8 +3,8 @@
 # Included by a project, this file defines torvel_man_page(name target): the
 # page man/<name>.1.in is filled at build time into <build>/man/<name>.1,
 # installed to share/man/man1 and checked by `man --warnings` as a test.
-# In the template, @SYNOPSIS@ becomes the "usage:" line of `target -h` and
-# @OPTIONS@ the rest of that text, each option a tagged paragraph; the page's
+# In the template, @SYNOPSIS@, @DESCRIPTION@ and @OPTIONS@ become the parts of
+# the usage text of `target -h` (see usage_to_roff below); the page's
 # own text (NAME, DESCRIPTION, EXIT STATUS, EXAMPLES, ...) is plain roff,
 # where @VERSION@ and @DOCDIR@ (the installed documentation folder) are filled.
 #
@@ -68,13 +68,16 @@ function(synopsis_line out program arguments)
   set(${out} ".B ${program}\n${arguments}" PARENT_SCOPE)
 endfunction()
 
-# SYNOPSIS from the "usage: program arguments" line (which may follow the
-# program's "name: " prefix) and any lines right after it that start with the
-# program's name; OPTIONS from the lines after those: a line starting with
-# '-' opens an option (its description may follow on the same line after two
-# blanks), more deeply indented lines describe it, any other line is a
-# paragraph of its own.
-function(usage_to_roff usage synopsis_out options_out)
+# Splits a usage text into three roff parts:
+# - SYNOPSIS: the "usage: program arguments" line (which may follow the
+#   program's "name: " prefix) and any lines right after it that start with
+#   the program's name;
+# - DESCRIPTION: the text after those and before the first option;
+# - OPTIONS: the rest. A line starting with '-' opens an option (its text may
+#   follow on the same line after two blanks), more deeply indented lines
+#   describe it. Other lines make paragraphs; a line ending in ':' ("Options:")
+#   stands alone, and before the first option belongs to OPTIONS.
+function(usage_to_roff usage synopsis_out description_out options_out)
   # Lines as a list: the characters CMake lists give a meaning stand in
   # for themselves until each line is taken out.
   string(REPLACE ";" "<semicolon>" usage "${usage}")
@@ -83,8 +86,10 @@ function(usage_to_roff usage synopsis_out options_out)
   string(REGEX REPLACE "\n$" "" usage "${usage}")
   string(REPLACE "\n" ";" lines "${usage}")
   set(synopsis "")
+  set(description "")
   set(options "")
   set(option_indent -1)
+  set(paragraph "")  # the part whose open paragraph the next text line continues
   foreach(line IN LISTS lines)
     string(REPLACE "<semicolon>" ";" line "${line}")
     string(REPLACE "<open>" "[" line "${line}")
@@ -93,42 +98,58 @@ function(usage_to_roff usage synopsis_out options_out)
     string(STRIP "${line}" text)
     string(REGEX REPLACE "  +" " " text "${text}")
     if(text STREQUAL "")
-      continue()
+      set(paragraph "")
     elseif(synopsis STREQUAL "" AND text MATCHES "^([^ ]+: +)?[Uu]sage: *([^ ]+) *(.*)$")
       set(program "${CMAKE_MATCH_2}")
       synopsis_line(synopsis "${program}" "${CMAKE_MATCH_3}")
-    elseif(options STREQUAL "" AND NOT synopsis STREQUAL "" AND text MATCHES "^([^ ]+) +(.*)$"
-           AND CMAKE_MATCH_1 STREQUAL program)
+    elseif(description STREQUAL "" AND options STREQUAL "" AND NOT synopsis STREQUAL ""
+           AND text MATCHES "^([^ ]+) +(.*)$" AND CMAKE_MATCH_1 STREQUAL program)
       synopsis_line(line "${program}" "${CMAKE_MATCH_2}")
       string(APPEND synopsis "\n.br\n${line}")
     elseif(text MATCHES "^-")
       string(STRIP "${line}" tag)
-      set(description "")
+      set(tag_text "")
       string(FIND "${tag}" "  " gap)
       if(gap GREATER 0)
-        string(SUBSTRING "${tag}" ${gap} -1 description)
+        string(SUBSTRING "${tag}" ${gap} -1 tag_text)
         string(SUBSTRING "${tag}" 0 ${gap} tag)
-        string(STRIP "${description}" description)
-        string(REGEX REPLACE "  +" " " description "${description}")
-        roff_text(description "${description}")
-        set(description "\n${description}")
+        string(STRIP "${tag_text}" tag_text)
+        string(REGEX REPLACE "  +" " " tag_text "${tag_text}")
+        roff_text(tag_text "${tag_text}")
+        set(tag_text "\n${tag_text}")
       endif()
       roff_option_tag(tag "${tag}")
-      string(APPEND options ".TP\n${tag}${description}\n")
+      string(APPEND options ".TP\n${tag}${tag_text}\n")
       set(option_indent ${indent})
+      set(paragraph "")
     elseif(option_indent GREATER_EQUAL 0 AND indent GREATER option_indent)
       roff_text(text "${text}")
       string(APPEND options "${text}\n")
     else()
-      roff_text(text "${text}")
-      string(APPEND options ".PP\n${text}\n")
       set(option_indent -1)
+      set(part options)
+      if(options STREQUAL "" AND NOT text MATCHES ":$")
+        set(part description)
+      endif()
+      roff_text(roff "${text}")
+      if(NOT paragraph STREQUAL part)
+        string(APPEND ${part} ".PP\n")
+      endif()
+      string(APPEND ${part} "${roff}\n")
+      set(paragraph ${part})
+      if(text MATCHES ":$")
+        set(paragraph "")
+      endif()
     endif()
   endforeach()
   if(synopsis STREQUAL "")
     message(FATAL_ERROR "${PROGRAM} -h: no line begins with \"usage:\"")
   endif()
+  foreach(part synopsis description options)
+    string(REGEX REPLACE "\n$" "" ${part} "${${part}}")
+  endforeach()
   set(${synopsis_out} "${synopsis}" PARENT_SCOPE)
+  set(${description_out} "${description}" PARENT_SCOPE)
   set(${options_out} "${options}" PARENT_SCOPE)
 endfunction()
 
@@ -147,6 +168,5 @@ execute_process(COMMAND ${PROGRAM} -h RESULT_VARIABLE status OUTPUT_VARIABLE usa
 if(NOT status EQUAL 0 OR usage STREQUAL "")
   message(FATAL_ERROR "${PROGRAM} -h failed (status ${status})")
 endif()
-usage_to_roff("${usage}" SYNOPSIS OPTIONS)
-string(REGEX REPLACE "\n$" "" OPTIONS "${OPTIONS}")
+usage_to_roff("${usage}" SYNOPSIS DESCRIPTION OPTIONS)
 configure_file(${TEMPLATE} ${OUTPUT} @ONLY)
