@@ -2,7 +2,7 @@
 #
 # Included by a project, this file defines torvel_man_page(name target): the
 # page man/<name>.1.in is filled at build time into <build>/man/<name>.1,
-# installed to share/man/man1 and checked by `man --warnings` as a test.
+# installed gzipped to share/man/man1 and checked by `man --warnings` as a test.
 # In the template, @SYNOPSIS@, @DESCRIPTION@ and @OPTIONS@ become the parts of
 # the usage text of `target -h` (see usage_to_roff below); the page's
 # own text (NAME, DESCRIPTION, EXIT STATUS, EXAMPLES, ...) is plain roff,
@@ -23,8 +23,12 @@ if(NOT CMAKE_SCRIPT_MODE_FILE)
               -DDOCDIR=${CMAKE_INSTALL_FULL_DOCDIR} -P ${_torvel_man_script}
       DEPENDS ${target} ${template} ${_torvel_man_script}
       COMMENT "Manual page ${name}(1) from ${name} -h")
-    add_custom_target(man_${name} ALL DEPENDS ${page})
-    install(FILES ${page} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+    # Installed compressed, as Debian keeps its manual pages.
+    add_custom_command(OUTPUT ${page}.gz
+      COMMAND gzip -9nc ${page} > ${page}.gz
+      DEPENDS ${page})
+    add_custom_target(man_${name} ALL DEPENDS ${page}.gz)
+    install(FILES ${page}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
     if(BUILD_TESTING AND TORVEL_PRODUCT_TESTS)
       add_test(NAME man_page_${name} COMMAND ${CMAKE_COMMAND} -DCHECK=${page} -P ${_torvel_man_script})
     endif()

@@ -26,7 +26,7 @@ foreach(file IN LISTS exported)
   endif()
 endforeach()
 
-file(GLOB pages ${prefix}/share/man/man1/*.1)
+file(GLOB pages ${prefix}/share/man/man1/*.1.gz)
 if(NOT pages)
   message(FATAL_ERROR "no manual page installed in ${prefix}/share/man/man1")
 endif()
