@@ -10,4 +10,4 @@ cmake --build build/release -j"$(nproc)" --target torvel_cli make_sample_pupil
 mkdir -p out
 ./build/release/torvel sample/pupil.mrc out/sample_fit.txt -residual=out/sample_residual.mrc
 echo
-./build/release/make_sample_pupil --compare out/sample_fit.txt
+./build/release/make_sample_pupil --compare out/sample_fit.txt sample/model_fit.txt

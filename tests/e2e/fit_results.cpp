@@ -136,9 +136,9 @@ TEST(ResidualImage, holds_one_complex_section_per_slot_in_selection_order) {
     EXPECT_EQ(res.waves[1], 525.0f);
     EXPECT_EQ(res.labels, input.labels);  // titles are copied from the input
     ASSERT_EQ(res.sections.size(), 2u);
-    // 0.7 * 32 pixels is the disc radius at 525 nm; 617 nm's is smaller.
-    expect_residual_of(res.sections[0], input.sections[1], 64, 22.4 * 525.0 / 617.0);
-    expect_residual_of(res.sections[1], input.sections[0], 64, 22.4);
+    // 0.9 * 32 pixels is the disc radius at 525 nm; 617 nm's is smaller.
+    expect_residual_of(res.sections[0], input.sections[1], 64, 28.8 * 525.0 / 617.0);
+    expect_residual_of(res.sections[1], input.sections[0], 64, 28.8);
 
     // Slot 0's statistics are the image-wide ones; the fit file follows the slots.
     const auto [lo, hi] = std::minmax_element(res.sections[0].begin(), res.sections[0].end());
@@ -152,11 +152,12 @@ TEST(ResidualImage, holds_one_complex_section_per_slot_in_selection_order) {
 }
 
 TEST(ResidualImage, keeps_the_sections_written_before_a_failing_fit) {
-    // On 16 x 16 pixels the 617 nm disc has fewer pixels than the 79 terms of
-    // order 12, the 525 nm one enough: the second slot's phase fit fails.
+    // On 16 x 16 pixels the 617 nm disc has fewer pixels (121) than the 122
+    // terms of the set (15, 1), the 525 nm one enough: the second slot's phase
+    // fit fails.
     const fs::path dir = torvel_e2e::fresh_case_dir("residual_after_failure");
     const torvel_e2e::RunResult r = torvel_e2e::run_in(
-        dir, TORVEL_BINARY, "small.mrc fit.txt -zernike_phase=12:0 -residual=res.mrc");
+        dir, TORVEL_BINARY, "small.mrc fit.txt -zernike_phase=15:1 -residual=res.mrc");
     EXPECT_EQ(r.status, 1);
     EXPECT_FALSE(fs::exists(dir / "fit.txt"));
     ASSERT_TRUE(fs::exists(dir / "res.mrc"));

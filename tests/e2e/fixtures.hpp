@@ -7,10 +7,11 @@
 namespace torvel_e2e {
 
 // The directory holding every input image of the tests, made on first use:
-// complex.mrc and real.mrc (the sample model on 64 x 64 pixels, no noise, as
-// one complex section or as amplitude and phase sections per wavelength),
-// small.mrc (16 x 16), truth.txt (the coefficients they were made from) and a
-// set of small images whose headers each fail one check.
+// complex.mrc and real.mrc (the sample model rendered on 64 x 64 pixels, no
+// noise, as one complex section or as amplitude and phase sections per
+// wavelength), small.mrc (16 x 16), truth.txt (the model they were rendered
+// from), a set of small images whose headers each fail one check, and two
+// fit files torvel-render refuses.
 const std::filesystem::path& fixture_dir();
 
 // A new, empty directory for one run, with links to every input image.
