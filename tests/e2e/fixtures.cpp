@@ -112,6 +112,13 @@ fs::path fresh_case_dir(const std::string& name) {
     return dir;
 }
 
+Pupil read_fit(const fs::path& path) {
+    std::int32_t code = 0, line = 0, column = 0;
+    Pupil p(torvel::read_parametric_pupil(path.c_str(), &code, &line, &column));
+    EXPECT_TRUE(p) << path << ": error " << code << " at " << line << ":" << column;
+    return p;
+}
+
 RunResult run_in(const fs::path& dir, const std::string& program, const std::string& args) {
     const fs::path out = dir.string() + ".stdout", err = dir.string() + ".stderr";
     const std::string command = "cd '" + dir.string() + "' && '" + program + "' " + args + " > '" +

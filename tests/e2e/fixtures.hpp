@@ -2,7 +2,11 @@
 // Input images and working directories shared by the end-to-end tests.
 
 #include <filesystem>
+#include <memory>
 #include <string>
+
+#include <torvel/driver.hpp>
+#include <torvel/pupil.hpp>
 
 namespace torvel_e2e {
 
@@ -16,6 +20,12 @@ const std::filesystem::path& fixture_dir();
 
 // A new, empty directory for one run, with links to every input image.
 std::filesystem::path fresh_case_dir(const std::string& name);
+
+using Pupil = std::unique_ptr<torvel::ParametricPupil, torvel::pupil_deleter>;
+
+// The fit file at path as a record; a file the reader rejects fails the test
+// (with its error code, line and column) and gives null.
+Pupil read_fit(const std::filesystem::path& path);
 
 struct RunResult {
     int status;

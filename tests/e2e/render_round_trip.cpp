@@ -15,25 +15,18 @@
 #include <vector>
 
 #include "fixtures.hpp"
+#include <torvel/driver.hpp>
+#include <torvel/imageio.hpp>
 #include <torvel/pupil.hpp>
 
 namespace fs = std::filesystem;
 
 namespace {
 
+using torvel_e2e::Pupil;
+using torvel_e2e::read_fit;
+
 constexpr double kTwoPi = 6.283185307179586;
-
-struct PupilDeleter {
-    void operator()(torvel::ParametricPupil* p) const { torvel::destroy_parametric_pupil(p); }
-};
-using Pupil = std::unique_ptr<torvel::ParametricPupil, PupilDeleter>;
-
-Pupil read_fit(const fs::path& path) {
-    std::int32_t code = 0, line = 0, column = 0;
-    Pupil p(torvel::read_parametric_pupil(path.c_str(), &code, &line, &column));
-    EXPECT_TRUE(p) << path << ": error " << code << " at " << line << ":" << column;
-    return p;
-}
 
 // A model of two wavelengths (0.5 and 0.63 um, NA 1.2 in water) with every
 // coefficient set, smaller at higher orders so that the phase changes by
@@ -108,6 +101,14 @@ TEST(RenderRoundTrip, brings_back_every_coefficient_in_both_forms_with_the_centr
     run_ok(dir, TORVEL_RENDER_BINARY,
            "model.txt model_real.mrc -size=96 -centre=47.37:46.62 -form=real -w=630:0");
     run_ok(dir, TORVEL_BINARY, "model_real.mrc back_real.txt" + sets);
+
+    // torvel finds the pupil centre where it was asked for.
+    ASSERT_EQ(torvel::image_open(5, (dir / "model_real.mrc").c_str(), "ro"), 0);
+    torvel::input_header h;
+    torvel::read_input_header(5, &h);
+    torvel::image_close(5);
+    EXPECT_EQ(h.x0, 47.37f);
+    EXPECT_EQ(h.y0, 46.62f);
 
     const Pupil complex_back = read_fit(dir / "back_complex.txt");
     const Pupil real_back = read_fit(dir / "back_real.txt");
