@@ -4,7 +4,9 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <memory>
+#include <system_error>
 #include <new>
 
 #include <torvel/pupil.hpp>
@@ -298,6 +300,15 @@ int check_model(const ParametricPupil& model, const render_inputs& inputs) {
     return error;
 }
 
+// The image must not replace the model it is made from.
+int check_image_name(const render_inputs& inputs) {
+    std::error_code ignored;  // an image that does not exist yet replaces nothing
+    if (!std::filesystem::equivalent(inputs.image_name, inputs.model_name, ignored)) return 0;
+    std::fprintf(stderr, "%s: %s is the fit file; it is not overwritten\n", kProgram,
+                 inputs.image_name);
+    return 1;
+}
+
 }  // namespace
 
 void print_render_usage(std::FILE* stream) {
@@ -330,6 +341,7 @@ int parse_render_command_line(int argc, char** argv, render_inputs* inputs, pupi
     *model = read_render_model(inputs->model_name);
     const option_args args{argv + 2, argc - 2};
     int error = *model ? 0 : 1;
+    error |= check_image_name(*inputs);
     error |= check_option_names(args);
     error |= parse_size(args, inputs);
     error |= parse_spacing(args, inputs);
