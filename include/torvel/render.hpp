@@ -44,10 +44,14 @@ struct render_inputs {
     const char* drop_text;  // the -drop= value as given, for the image's label
 };
 
+// The defaults main copies before parsing: 256 x 256 pixels, the spacing and
+// centre chosen from them, every wavelength, complex, the model's amplitude,
+// nothing dropped.
 inline constexpr render_inputs kDefaultRenderInputs = {
     nullptr, nullptr, 256,   256, 0.0f, false,  0.0f, 0.0f, {-1, 0, 0, 0, 0, 0},
     0,       true,    false, 0,   {},   nullptr};
 
+// A record owned by its holder and destroyed with it.
 using pupil_ptr = std::unique_ptr<ParametricPupil, pupil_deleter>;
 
 // Writes the usage text of torvel-render to stream.
