@@ -1,8 +1,6 @@
 #include <torvel/pupil.hpp>
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
@@ -275,34 +273,6 @@ TEST(PupilFile, reads_lines_longer_than_its_first_256_byte_buffer_whole) {
         EXPECT_EQ(get_parametric_pupil_label(out.pupil.get(), 0), label);
         EXPECT_EQ(get_parametric_pupil_label(out.pupil.get(), 1), label);
     }
-}
-
-// Counts and order sets that a few bytes declare are refused as memory the
-// reader cannot have, in a child whose peak memory the kernel reports.
-TEST(PupilFile, builds_no_record_larger_than_its_file_could_fill) {
-    const std::pair<const char*, std::array<std::int32_t, 3>> kHuge[] = {
-        {"#parametric_pupil_format 0\n#wavelength_count 100000000\n", {20, 2, 18}},
-        {"#parametric_pupil_format 0\n#zernike_set_for_amplitude 65534 65534\n"
-         "#wavelength_count 1\n",
-         {20, 3, 18}},
-        {"#parametric_pupil_format 0\n#wavelength_count 2\n"
-         "#polar_fourier_set_for_phase 20000 20000\n",
-         {20, 3, 29}},
-    };
-    const pid_t child = fork();
-    if (child == 0) {
-        bool as_expected = read_text(
-                               "#parametric_pupil_format 0\n#wavelength_count 5\n"
-                               "#zernike_set_for_phase 60 60\n")
-                               .pupil != nullptr;
-        for (const auto& [text, where] : kHuge) as_expected &= read_text(text).where == where;
-        _exit(as_expected ? 0 : 1);
-    }
-    int status = -1;
-    struct rusage usage {};
-    ASSERT_EQ(wait4(child, &status, 0, &usage), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "a file read otherwise";
-    EXPECT_LT(usage.ru_maxrss, 100 * 1024) << "peak memory in KB";
 }
 
 }  // namespace
