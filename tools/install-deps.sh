@@ -2,7 +2,7 @@
 # Installs, with apt-get, whichever of the packages torvel needs to build and
 # test is missing. Needs root only when something is missing.
 set -euo pipefail
-packages=(g++ cmake make liblapack-dev libgtest-dev libbenchmark-dev python3 python3-numpy python3-mrcfile)
+packages=(g++ cmake make libopenblas-dev libopenblas0-serial libopenblas0-pthread liblapack3 libblas3 libgtest-dev libbenchmark-dev python3 python3-numpy python3-mrcfile)
 missing=()
 for p in "${packages[@]}"; do
     dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
