@@ -67,8 +67,8 @@ def loaded_numerics(program, env):
     return found
 
 
-def environment(work, build, program):
-    env = dict(os.environ, LD_LIBRARY_PATH=library_dir(work, build))
+def environment(libraries, build, program):
+    env = dict(os.environ, LD_LIBRARY_PATH=libraries[build])
     expected = {os.path.realpath(f) for f in BUILDS[build]}
     loaded = loaded_numerics(program, env)
     if not loaded or not loaded <= expected:
@@ -104,7 +104,8 @@ def main(argv):
     torvel, maker, work = argv[1:4]
     shutil.rmtree(work, ignore_errors=True)
     os.makedirs(work)
-    envs = {build: environment(work, build, torvel) for build in BUILDS}
+    libraries = {build: library_dir(work, build) for build in BUILDS}
+    envs = {build: environment(libraries, build, torvel) for build in BUILDS}
     failures = 0
     for name, image_args, options in CASES:
         image = os.path.join(work, name + '.mrc')
@@ -125,7 +126,7 @@ def main(argv):
                                   'same under every build' if failures == 0 else 'DIFFERS'))
     if len(argv) == 5:
         for build in BUILDS:
-            env = environment(work, build, argv[4])
+            env = environment(libraries, build, argv[4])
             done = subprocess.run([argv[4], TEST_FILTER], env=env, capture_output=True,
                                   text=True)
             print('%s under %s: %s' % (argv[4], build, 'passes' if done.returncode == 0
