@@ -120,9 +120,11 @@ void RowRadials::compute(float yy, IndexRange columns) {
     }
 }
 
-bool mirrored_rows(const DiscRow& a, const DiscRow& b) {
-    return a.iy != b.iy && b.y == -a.y && a.y * a.y > 0.0f && a.columns.begin == b.columns.begin &&
-           a.columns.end == b.columns.end;
+bool mirrored_rows(const PupilGeometry& g, const DiscRow& a, const DiscRow& b) {
+    // rho is smallest at x = 0; a row with rho = 0 there has theta = 0 there,
+    // not its negative.
+    return a.iy != b.iy && b.y == -a.y && pupil_radius(a.y * a.y, g.cutoff) > 0.0 &&
+           a.columns.begin == b.columns.begin && a.columns.end == b.columns.end;
 }
 
 void assertion_failed(const char* expression, const char* file, int line, const char* function) {
@@ -239,13 +241,32 @@ void fill_matrix(float x0, float y0, float dx, float dy, float cutoff, int nx, i
         first[static_cast<std::size_t>(iy - rows.begin)] = count;
         count += std::max(columns.end - columns.begin, 0);
     });
+    // What each slot of a row is multiplied by in the mirrored row: -1 for
+    // the sine columns (an exact negation), 1 for the others.
+    double mirror_sign[zernike_table_max_terms];
+    int slots = 0;
+    for_each_zernike_term(n, m, [&](int, int l) {
+        mirror_sign[slots++] = 1.0;
+        if (l > 0) mirror_sign[slots++] = -1.0;
+    });
     ZernikeTables angles;
     double basis[zernike_table_max_terms];
-    auto write = [&](const fit_detail::DiscRow& row, int ix, double sine_sign) {
-        const std::int64_t irow =
-            first[static_cast<std::size_t>(row.iy - rows.begin)] + (ix - row.columns.begin);
+    auto write = [&](const fit_detail::DiscRow& row, int ix, bool mirrored) {
+        const std::int64_t irow = first[static_cast<std::size_t>(row.iy - rows.begin)] +
+                                  (ix - row.columns.begin);
         TORVEL_ASSERT(irow < nrow, "fill_matrix");
-        write_row_from_basis(basis, sine_sign, n, m, nrow, ntot, static_cast<int>(irow), matrix);
+        // Past the last column's element the walk would fail one of
+        // write_row's checks, which then reports which.
+        if (irow + static_cast<std::int64_t>(slots - 1) * nrow >= ntot) {
+            write_row_from_basis(basis, mirrored ? -1.0 : 1.0, n, m, nrow, ntot,
+                                 static_cast<int>(irow), matrix);
+            return;
+        }
+        double* out = matrix + irow;
+        for (int j = 0; j < slots; ++j) {
+            out[static_cast<std::int64_t>(j) * nrow] = mirrored ? mirror_sign[j] * basis[j]
+                                                                : basis[j];
+        }
     };
     fit_detail::for_each_mirrored_disc_row(
         g, [&](const fit_detail::DiscRow& row, const fit_detail::DiscRow* mirror) {
@@ -256,8 +277,8 @@ void fill_matrix(float x0, float y0, float dx, float dy, float cutoff, int nx, i
                 const PupilPoint p = fit_detail::pupil_point(x, row.y, yy, cutoff);
                 fill_zernike_angles(p.theta, radials.frequency(), &angles);
                 combine_zernike_basis(radials.of_column(ix), angles, n, m, basis);
-                write(row, ix, 1.0);
-                if (mirror != nullptr) write(*mirror, ix, -1.0);
+                write(row, ix, false);
+                if (mirror != nullptr) write(*mirror, ix, true);
             }
         });
 }

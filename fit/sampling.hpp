@@ -78,11 +78,11 @@ struct DiscRow {
 int mirror_index(float centre, int index);
 
 // Whether b is a mirrored through the centre row: offsets exact negatives
-// of each other (and not 0), the same columns. Its pixels then have a's
+// of each other, every pixel's rho above 0, the same columns. Its pixels then have a's
 // pupil radius and the negated angle: atan2 is odd in y and sincos odd in
 // its argument, bit for bit in the C library (a test guards this), so their
 // design matrix rows are a's with the sine columns negated.
-bool mirrored_rows(const DiscRow& a, const DiscRow& b);
+bool mirrored_rows(const PupilGeometry& g, const DiscRow& a, const DiscRow& b);
 
 // Calls visit(row, mirror) once for every row of the disc, in ascending
 // order, where mirror points to the later row that mirrors row (which is
@@ -99,7 +99,7 @@ void for_each_mirrored_disc_row(const PupilGeometry& g, Visit&& visit) {
         const int other = mirror_index(g.y0, iy);
         if (other >= rows.begin && other < rows.end && other != iy) {
             const DiscRow twin = row_at(other);
-            if (mirrored_rows(row, twin)) {
+            if (mirrored_rows(g, row, twin)) {
                 if (other > iy) visit(row, &twin);
                 continue;  // an earlier row's mirror, visited with it
             }
