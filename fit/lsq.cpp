@@ -93,7 +93,9 @@ MatrixBuffer allocate_matrix(std::int64_t count) {
     if (bytes < kHugePage) return MatrixBuffer(static_cast<double*>(std::malloc(bytes)));
     const std::size_t rounded = (bytes + kHugePage - 1) / kHugePage * kHugePage;
     void* memory = std::aligned_alloc(kHugePage, rounded);
-    if (memory != nullptr) madvise(memory, rounded, MADV_HUGEPAGE);
+    // Whole huge pages only: a huge page over the end would be mapped, and
+    // counted, in full.
+    if (memory != nullptr) madvise(memory, bytes / kHugePage * kHugePage, MADV_HUGEPAGE);
     return MatrixBuffer(static_cast<double*>(memory));
 }
 
