@@ -193,11 +193,12 @@ bool prepare_shared_system(const fit_detail::PupilGeometry& g, const FitRequest&
 
 // Solves both fits of a filled shared system. With one set, one dgelsd call
 // takes both right-hand sides: one factorisation instead of two, and no copy
-// of the matrix. Each solution then equals its own call's to the last bits,
-// which some LAPACK builds (OpenBLAS, not the reference one) round
-// differently, exactly as they round differently from one another; the
-// printed results are the same (tests/lapack). With two sets, the smaller is
-// solved on a copy of its columns, then the larger in place.
+// of the matrix. Each solution then equals its own call's but for the last
+// bits, which some LAPACK builds (OpenBLAS, not the reference one) round
+// differently, as the builds do from one another: the six printed digits
+// differ only where the data do not settle them (tests/lapack). With two
+// sets, the smaller is solved on a copy of its columns, then the larger in
+// place.
 void solve_shared_system(SharedSystem* shared, double rcond, Solved solved[2]) {
     const int nrow = shared->nrow;
     if (!shared->copy) {

@@ -197,6 +197,23 @@ void write_row_from_basis(const double* basis, double sine_sign, int n, int m, i
     });
 }
 
+// The design matrix straight from the defining formulas, pixel by pixel in
+// scan order, for sets beyond the tables.
+void fill_matrix_direct(const PupilGeometry& g, int n, int m, int nrow, std::int64_t ntot,
+                        double* matrix) {
+    int irow = 0;
+    fit_detail::for_each_disc_row(g, [&](int, float y, IndexRange columns) {
+        const float yy = y * y;
+        for (int ix = columns.begin; ix < columns.end; ++ix) {
+            TORVEL_ASSERT(irow < nrow, "fill_matrix");
+            const float x = fit_detail::axis_offset(ix, g.x0, g.dx);
+            write_row_direct(fit_detail::pupil_point(x, y, yy, g.cutoff), n, m, nrow, ntot, irow,
+                             matrix);
+            ++irow;
+        }
+    });
+}
+
 }  // namespace
 
 void fill_rhs(float x0, float y0, float dx, float dy, float cutoff, int nx, int ny,
@@ -219,17 +236,7 @@ void fill_matrix(float x0, float y0, float dx, float dy, float cutoff, int nx, i
     const std::int64_t ntot = static_cast<std::int64_t>(nrow) * ncol;
     fit_detail::RowRadials radials(g, n, m);
     if (!radials.usable()) {
-        int irow = 0;
-        fit_detail::for_each_disc_row(g, [&](int, float y, IndexRange columns) {
-            const float yy = y * y;
-            for (int ix = columns.begin; ix < columns.end; ++ix) {
-                TORVEL_ASSERT(irow < nrow, "fill_matrix");
-                const float x = fit_detail::axis_offset(ix, x0, dx);
-                write_row_direct(fit_detail::pupil_point(x, y, yy, cutoff), n, m, nrow, ntot, irow,
-                                 matrix);
-                ++irow;
-            }
-        });
+        fill_matrix_direct(g, n, m, nrow, ntot, matrix);
         return;
     }
     // Measurement numbers run in scan order; a row and its mirror are written
@@ -252,8 +259,8 @@ void fill_matrix(float x0, float y0, float dx, float dy, float cutoff, int nx, i
     ZernikeTables angles;
     double basis[zernike_table_max_terms];
     auto write = [&](const fit_detail::DiscRow& row, int ix, bool mirrored) {
-        const std::int64_t irow = first[static_cast<std::size_t>(row.iy - rows.begin)] +
-                                  (ix - row.columns.begin);
+        const std::int64_t irow =
+            first[static_cast<std::size_t>(row.iy - rows.begin)] + (ix - row.columns.begin);
         TORVEL_ASSERT(irow < nrow, "fill_matrix");
         // Past the last column's element the walk would fail one of
         // write_row's checks, which then reports which.
@@ -264,8 +271,8 @@ void fill_matrix(float x0, float y0, float dx, float dy, float cutoff, int nx, i
         }
         double* out = matrix + irow;
         for (int j = 0; j < slots; ++j) {
-            out[static_cast<std::int64_t>(j) * nrow] = mirrored ? mirror_sign[j] * basis[j]
-                                                                : basis[j];
+            out[static_cast<std::int64_t>(j) * nrow] =
+                mirrored ? mirror_sign[j] * basis[j] : basis[j];
         }
     };
     fit_detail::for_each_mirrored_disc_row(
