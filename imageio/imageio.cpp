@@ -340,6 +340,7 @@ struct Stream {
 constexpr int kStreams = 9;
 std::array<std::unique_ptr<Stream>, kStreams + 1> g_streams;  // slot 0 unused
 bool g_messages_on = true;
+const char* g_program = "torvel";
 
 // Prints "torvel: <subject>: <reason>" as one line, unless messages are off.
 [[gnu::format(printf, 2, 3)]] void report(const char* subject, const char* format, ...) {
@@ -349,7 +350,7 @@ bool g_messages_on = true;
     va_start(args, format);
     std::vsnprintf(reason, sizeof reason, format, args);
     va_end(args);
-    std::fprintf(stderr, "torvel: %s: %s\n", subject, reason);
+    std::fprintf(stderr, "%s: %s: %s\n", g_program, subject, reason);
 }
 
 bool in_range(int stream) {
@@ -670,13 +671,26 @@ int image_open(int stream, const char* name, const char* access) noexcept {
     return 1;
 }
 
-void image_close(int stream) noexcept {
-    if (!in_range(stream) || !g_streams[stream]) return;
+int image_close(int stream) noexcept {
+    if (!in_range(stream) || !g_streams[stream]) return 0;
     Stream& s = *g_streams[stream];
     if (s.writable && s.header_dirty) write_header_to_file(s);
-    if (s.writable ? safe_output_commit(&s.output) != 0 : std::fclose(s.file.release()) != 0)
+    int status = 0;
+    if (s.writable ? safe_output_commit(&s.output) != 0 : std::fclose(s.file.release()) != 0) {
         report(s.name.get(), "cannot finish writing: %s", std::strerror(errno));
+        status = s.writable ? 1 : 0;
+    }
     g_streams[stream].reset();
+    return status;
+}
+
+void image_set_program_name(const char* name) noexcept {
+    if (name != nullptr) g_program = name;
+}
+
+void image_discard(int stream) noexcept {
+    if (!in_range(stream) || !g_streams[stream]) return;
+    g_streams[stream].reset();  // an uncommitted output removes its temporary file
 }
 
 void image_set_message_printing(int on) noexcept {

@@ -5,7 +5,12 @@ and the fit file byte for byte, the residual images to a few float ulps of
 their largest pixel (the coefficients' last bits differ between builds, and
 the fit file prints six digits of them).
 
-Use:  /usr/bin/python3 same_outputs.py TORVEL MAKE_SAMPLE_PUPIL WORK_DIR [TEST_PROGRAM]
+Use:  /usr/bin/python3 same_outputs.py TORVEL TORVEL_RENDER MAKE_SAMPLE_PUPIL MODEL WORK_DIR
+                                       [TEST_PROGRAM]
+
+The images are the sample model (MODEL, a fit file) rendered by torvel-render
+in several sizes and forms, two wavelengths each, with the sample's noise
+added by make_sample_pupil.
 
 Each build is chosen by LD_LIBRARY_PATH: a directory per build links the
 LAPACK and BLAS names the dynamic loader looks for to that build's files, and
@@ -36,12 +41,12 @@ LAPACK_NAMES = ('libopenblas.so.0', 'liblapack.so.3')
 TEST_FILTER = '--gtest_filter=*RightHandSides*'
 ULPS = 4  # residual pixels may differ by this many ulps of the largest pixel
 
-CASES = [  # image (maker arguments), torvel options
-    ('complex64', '-size=64 -mode=4', ''),
-    ('real96', '-size=96 -mode=2', '-zernike_amp=6:2 -zernike_phase=10:4'),
-    ('complex128', '-size=128 -mode=4', '-tol=0.3 -zernike_amp=4:0 -zernike_phase=12:2 -w=1:0'),
-    ('real160', '-size=160 -mode=2', '-zernike_amp=16:16 -zernike_phase=16:16'),
-    ('complex200', '-size=200 -mode=4', '-tol=0.01 -zernike_amp=8:8 -zernike_phase=8:0'),
+CASES = [  # image (torvel-render arguments), torvel options
+    ('complex64', '-size=64', ''),
+    ('real96', '-size=96 -form=real', '-zernike_amp=6:2 -zernike_phase=10:4'),
+    ('complex128', '-size=128', '-tol=0.3 -zernike_amp=4:0 -zernike_phase=12:2 -w=1:0'),
+    ('real160', '-size=160 -form=real', '-zernike_amp=16:16 -zernike_phase=16:16'),
+    ('complex200', '-size=200', '-tol=0.01 -zernike_amp=8:8 -zernike_phase=8:0'),
 ]
 
 
@@ -98,10 +103,10 @@ def residual_problem(expected, actual):
 
 
 def main(argv):
-    if len(argv) not in (4, 5):
+    if len(argv) not in (6, 7):
         sys.stderr.write(__doc__)
         return 2
-    torvel, maker, work = argv[1:4]
+    torvel, render, maker, model, work = argv[1:6]
     shutil.rmtree(work, ignore_errors=True)
     os.makedirs(work)
     libraries = {build: library_dir(work, build) for build in BUILDS}
@@ -109,8 +114,9 @@ def main(argv):
     failures = 0
     for name, image_args, options in CASES:
         image = os.path.join(work, name + '.mrc')
-        subprocess.run([maker, image] + image_args.split() + ['-noise=1'], check=True,
+        subprocess.run([render, model, image + '.rendered'] + image_args.split(), check=True,
                        stdout=subprocess.DEVNULL)
+        subprocess.run([maker, image + '.rendered', image], check=True, stdout=subprocess.DEVNULL)
         results = {b: run(torvel, env, work, name + '-' + b, image, options)
                    for b, env in envs.items()}
         first, (out, fit, residual) = next(iter(results.items()))
@@ -124,12 +130,12 @@ def main(argv):
             failures += bool(problems)
         print('%-11s %-58s %s' % (name, options or '(defaults)',
                                   'same under every build' if failures == 0 else 'DIFFERS'))
-    if len(argv) == 5:
+    if len(argv) == 7:
         for build in BUILDS:
-            env = environment(libraries, build, argv[4])
-            done = subprocess.run([argv[4], TEST_FILTER], env=env, capture_output=True,
+            env = environment(libraries, build, argv[6])
+            done = subprocess.run([argv[6], TEST_FILTER], env=env, capture_output=True,
                                   text=True)
-            print('%s under %s: %s' % (argv[4], build, 'passes' if done.returncode == 0
+            print('%s under %s: %s' % (argv[6], build, 'passes' if done.returncode == 0
                                        else 'FAILS\n' + done.stdout[-2000:]))
             failures += done.returncode != 0
     return 1 if failures else 0
