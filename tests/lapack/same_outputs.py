@@ -120,6 +120,7 @@ def main(argv):
         results = {b: run(torvel, env, work, name + '-' + b, image, options)
                    for b, env in envs.items()}
         first, (out, fit, residual) = next(iter(results.items()))
+        before = failures
         for build, (other_out, other_fit, other_residual) in results.items():
             problems = ['standard output differs'] if other_out != out else []
             problems += ['fit file differs'] if other_fit != fit else []
@@ -129,7 +130,7 @@ def main(argv):
                 print('%-11s %s against %s: %s' % (name, build, first, p))
             failures += bool(problems)
         print('%-11s %-58s %s' % (name, options or '(defaults)',
-                                  'same under every build' if failures == 0 else 'DIFFERS'))
+                                  'same under every build' if failures == before else 'DIFFERS'))
     if len(argv) == 7:
         for build in BUILDS:
             env = environment(libraries, build, argv[6])
