@@ -133,7 +133,8 @@ struct Planes {
 
 // The residual of a disc row and of its mirror, if any: the mirror's pixels
 // share the row's radial values and take its angle table with the sines
-// negated (see mirrored_rows).
+// negated (see mirrored_rows). radials, the radial values of the larger set,
+// is null when the series are to be evaluated point by point.
 void disc_row_pair(const PupilGeometry& g, const FittedPupil& fitted,
                    fit_detail::RowRadials* radials, const Planes& planes,
                    const fit_detail::DiscRow& row, const fit_detail::DiscRow* mirror) {
@@ -144,7 +145,8 @@ void disc_row_pair(const PupilGeometry& g, const FittedPupil& fitted,
         planes.measured_row(r->iy, columns.end, g.nx);
     }
     const float yy = row.y * row.y;
-    if (radials->usable()) radials->compute(yy, row.columns);
+    const bool tabled = radials != nullptr;
+    if (tabled) radials->compute(yy, row.columns);
     ZernikeTables angles;
     ZernikeTables mirrored;
     for (int ix = columns.begin; ix < columns.end; ++ix) {
@@ -152,7 +154,7 @@ void disc_row_pair(const PupilGeometry& g, const FittedPupil& fitted,
         const PupilPoint p = fit_detail::pupil_point(x, row.y, yy, g.cutoff);
         double amplitude = 0.0;
         double phase = 0.0;
-        if (!radials->usable()) {
+        if (!tabled) {
             fitted.at(p, &amplitude, &phase);
             planes.fitted_pixel(row.iy, ix, amplitude, phase);
             if (mirror != nullptr) {
@@ -195,9 +197,14 @@ void compute_residual(float x0, float y0, float dx, float dy, float cutoff, int 
     int m = -1;
     larger_set(n_a, m_a, n_p, m_p, &n, &m);
     fit_detail::RowRadials radials(g, n, m);
+    // Sets outside the valid ones need not nest; they take the series
+    // evaluation point by point.
+    auto valid = [](int k, int l) { return k < 0 || (l >= 0 && l <= k && (k - l) % 2 == 0); };
+    fit_detail::RowRadials* shared =
+        valid(n_a, m_a) && valid(n_p, m_p) && radials.usable() ? &radials : nullptr;
     fit_detail::for_each_mirrored_disc_row(
         g, [&](const fit_detail::DiscRow& row, const fit_detail::DiscRow* mirror) {
-            disc_row_pair(g, fitted, &radials, planes, row, mirror);
+            disc_row_pair(g, fitted, shared, planes, row, mirror);
         });
     Statistics totals;
     const std::size_t values = 2 * static_cast<std::size_t>(nx) * static_cast<std::size_t>(ny);

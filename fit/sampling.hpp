@@ -77,11 +77,12 @@ struct DiscRow {
 // when centre is not a whole or half index (then no pixel mirrors another).
 int mirror_index(float centre, int index);
 
-// Whether b is a mirrored through the centre row: offsets exact negatives
-// of each other, every pixel's rho above 0, the same columns. Its pixels then have a's
-// pupil radius and the negated angle: atan2 is odd in y and sincos odd in
-// its argument, bit for bit in the C library (a test guards this), so their
-// design matrix rows are a's with the sine columns negated.
+// Whether row b mirrors row a through the centre row: offsets exact
+// negatives of each other, every pixel's rho above 0, the same columns. Its
+// pixels then have a's pupil radius and the negated angle: atan2 is odd in y
+// and sincos odd in its argument, bit for bit in the C library (a test
+// guards this), so their design matrix rows are a's with the sine columns
+// negated.
 bool mirrored_rows(const PupilGeometry& g, const DiscRow& a, const DiscRow& b);
 
 // Calls visit(row, mirror) once for every row of the disc, in ascending
@@ -100,8 +101,9 @@ void for_each_mirrored_disc_row(const PupilGeometry& g, Visit&& visit) {
         if (other >= rows.begin && other < rows.end && other != iy) {
             const DiscRow twin = row_at(other);
             if (mirrored_rows(g, row, twin)) {
+                // A row that mirrors an earlier one was visited with it.
                 if (other > iy) visit(row, &twin);
-                continue;  // an earlier row's mirror, visited with it
+                continue;
             }
         }
         visit(row, static_cast<const DiscRow*>(nullptr));
