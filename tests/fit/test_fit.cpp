@@ -280,6 +280,19 @@ TEST(TwoRightHandSides, give_the_fits_of_separate_calls) {
             }
         }
     }
+    // The second fit fails where it always has: after the first one's rank.
+    std::vector<double> a(4), p(15, -7.0);
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    const int status = compute_fit_pair(kWholeEdges.x0, kWholeEdges.y0, kWholeEdges.dx,
+                                        kWholeEdges.dy, kWholeEdges.cutoff, kWholeEdges.nx,
+                                        kWholeEdges.ny, {"A\n", amplitude.data(), 2, 0, a.data()},
+                                        {"P\n", phase.data(), 4, 4, p.data()}, 1e-4f);
+    EXPECT_EQ(testing::internal::GetCapturedStdout() + testing::internal::GetCapturedStderr(),
+              "A\n4 unknowns 10 measurements\nrank 4\nP\n15 unknowns 10 measurements\n"
+              "torvel: more parameters (15) than measurements (10)\n");
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(p, std::vector<double>(15, -7.0));
 }
 
 struct Series {
