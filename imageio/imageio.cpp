@@ -340,8 +340,9 @@ struct Stream {
 constexpr int kStreams = 9;
 std::array<std::unique_ptr<Stream>, kStreams + 1> g_streams;  // slot 0 unused
 bool g_messages_on = true;
+const char* g_program = "torvel";
 
-// Prints "torvel: <subject>: <reason>" as one line, unless messages are off.
+// Prints "<program>: <subject>: <reason>" as one line, unless messages are off.
 [[gnu::format(printf, 2, 3)]] void report(const char* subject, const char* format, ...) {
     if (!g_messages_on) return;
     char reason[512];
@@ -349,7 +350,7 @@ bool g_messages_on = true;
     va_start(args, format);
     std::vsnprintf(reason, sizeof reason, format, args);
     va_end(args);
-    std::fprintf(stderr, "torvel: %s: %s\n", subject, reason);
+    std::fprintf(stderr, "%s: %s: %s\n", g_program, subject, reason);
 }
 
 bool in_range(int stream) {
@@ -681,6 +682,10 @@ void image_close(int stream) noexcept {
 
 void image_set_message_printing(int on) noexcept {
     g_messages_on = on != 0;
+}
+
+void image_set_message_program(const char* program) noexcept {
+    g_program = program;
 }
 
 void image_read_header(int stream, int dims[3], int second[3], int* mode, float* dmin, float* dmax,

@@ -2,7 +2,8 @@
 # Installs, with apt-get, whichever of the packages torvel needs to build and
 # test is missing. Needs root only when something is missing.
 set -euo pipefail
-packages=(g++ cmake make liblapack-dev libgtest-dev libbenchmark-dev python3 python3-numpy python3-mrcfile)
+packages=(g++ cmake make pkg-config liblapack-dev libgtest-dev libbenchmark-dev libcairo2-dev
+          nlohmann-json3-dev fonts-dejavu-core python3 python3-numpy python3-mrcfile)
 missing=()
 for p in "${packages[@]}"; do
     dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")

@@ -5,8 +5,9 @@
 // numbered streams 1 to 9. One stream is one open file; a stream is opened
 // either "ro" (an existing file, read only) or "new" (a file created empty,
 // written little-endian). No function throws. Every message of the layer is
-// one line on standard error, "torvel: <file>: <reason>", and
-// image_set_message_printing(0) silences them all.
+// one line on standard error, "torvel: <file>: <reason>" (or another program
+// name, see image_set_message_program), and image_set_message_printing(0)
+// silences them all.
 //
 // Calling a function on a stream that is not open prints a message and does
 // nothing else: queries then store zeros in their outputs, operations with a
@@ -29,6 +30,10 @@ void image_close(int stream) noexcept;
 // 0 silences the layer's own messages, any other value restores them; applies
 // to every stream of the process.
 void image_set_message_printing(int on) noexcept;
+
+// Makes the layer's messages begin with program (a string that outlives every
+// later call) instead of "torvel", for the companion programs.
+void image_set_message_program(const char* program) noexcept;
 
 // Stores NX, NY, NZ in dims, NXSTART, NYSTART, NZSTART in second, the pixel
 // mode in *mode and DMIN, DMAX, DMEAN in *dmin, *dmax, *dmean.
