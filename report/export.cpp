@@ -2,6 +2,7 @@
 // conventions spelled out in the file so that nobody has to guess them.
 
 #include <cerrno>
+#include <charconv>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -145,8 +146,9 @@ json fit_json(const report_entry& e) {
     const report_model& model = e.model;
     json fit;
     fit["file"] = model.file;
-    fit["numerical_aperture"] = double(model.na);
-    fit["immersion_refractive_index"] = double(model.n_imm);
+    // As the fit file writes them (3 and 5 decimals), not the floats they were read into.
+    fit["numerical_aperture"] = std::round(double(model.na) * 1e3) / 1e3;
+    fit["immersion_refractive_index"] = std::round(double(model.n_imm) * 1e5) / 1e5;
     fit["lens_id"] = model.lens_id;
     fit["amplitude_zernike_set"] = {model.amplitude_n, model.amplitude_m};
     fit["phase_zernike_set"] = {model.phase_n, model.phase_m};
@@ -196,10 +198,11 @@ std::string csv_field(const std::string& text) {
     return quoted + "\"";
 }
 
+// The shortest text that reads back as the same double.
 std::string number(double value) {
     char text[32];
-    std::snprintf(text, sizeof text, "%.17g", value);
-    return text;
+    const auto result = std::to_chars(text, text + sizeof text, value);
+    return std::string(text, result.ptr);
 }
 
 void append_csv_head(std::string* csv, std::span<const report_entry> entries) {

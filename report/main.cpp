@@ -23,7 +23,9 @@ int main(int argc, char** argv) {
     const int status = load_report_entries(inputs, &entries);
     print_report_table(stdout, entries);
     if (status != 0) {
-        std::fprintf(stderr, "torvel-report: no output file written: a fit file was rejected\n");
+        if (inputs.json_name || inputs.csv_name || inputs.png_name)
+            std::fprintf(stderr,
+                         "torvel-report: no output file written, since a fit file was rejected\n");
         return 1;
     }
     return write_report_outputs(inputs, entries);

@@ -67,12 +67,7 @@ int take_switch(const char* arg, report_inputs* inputs) {
         std::fprintf(stderr, "%s: -%s= needs a file name\n", kProgram, name.c_str());
         return 1;
     }
-    const char** field = switch_field(inputs, which);
-    if (*field != nullptr) {
-        std::fprintf(stderr, "%s: -%s= is given more than once\n", kProgram, name.c_str());
-        return 1;
-    }
-    *field = equals + 1;
+    *switch_field(inputs, which) = equals + 1;  // as in torvel, a later one wins
     return 0;
 }
 
@@ -92,6 +87,7 @@ int check_output_names(const report_inputs& in) {
                 std::fprintf(stderr, "%s: %s is an input; it is not overwritten\n", kProgram,
                              outputs[i]);
                 status = 1;
+                break;
             }
         }
         for (std::size_t j = 0; j < i; ++j) {

@@ -62,7 +62,7 @@ void print_amplitude(std::FILE* out, std::span<const report_entry> entries, int 
 void print_largest(std::FILE* out, std::span<const report_entry> entries, int fw) {
     std::fprintf(out,
                  "\nlargest aberrations: RMS contribution in nm, cos and sin terms of one shape "
-                 "combined;\nnoll from 1, osa (OSA/ANSI) from 0\n");
+                 "combined;\nnoll from 1, osa (OSA/ANSI) from 0, a pair given as cos,sin\n");
     std::fprintf(out, "%-*s %8s %4s %-24s %6s %6s %9s\n", fw, "file", "wave_nm", "rank",
                  "aberration", "noll", "osa", "rms_nm");
     for (const report_entry& e : entries) {
