@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <limits>
 #include <memory>
 #include <numbers>
 
@@ -45,21 +46,58 @@ double sum_of_squares(const std::vector<double>& c, int n, int m, int first_orde
     return sum;
 }
 
-// Largest minus smallest value of the series over the polar grid.
-double peak_to_valley(const std::vector<double>& c, int n, int m) {
-    if (c.empty()) return 0.0;
-    double low = evaluate_zernike_series(0.0, 0.0, n, m, c.data());
-    double high = low;
-    for (int i = 1; i < kPeakToValleyRadii; ++i) {
-        const double rho = double(i) / (kPeakToValleyRadii - 1);
-        for (int j = 0; j < kPeakToValleyAngles; ++j) {
-            const double theta = 2.0 * std::numbers::pi * j / kPeakToValleyAngles;
-            const double value = evaluate_zernike_series(rho, theta, n, m, c.data());
-            low = std::min(low, value);
-            high = std::max(high, value);
+// Smallest and largest of the values it is given.
+struct value_range {
+    double lo = std::numeric_limits<double>::infinity();
+    double hi = -std::numeric_limits<double>::infinity();
+    void add(double v) {
+        lo = std::min(lo, v);
+        hi = std::max(hi, v);
+    }
+};
+
+double dot(const std::vector<double>& c, const std::vector<double>& basis) {
+    double sum = 0.0;
+    for (std::size_t k = 0; k < c.size(); ++k) sum += c[k] * basis[k];
+    return sum;
+}
+
+// Largest minus smallest value over the polar grid of two series a and b of
+// the set (n, m), into *pv_a and *pv_b. The radial values of a radius are
+// shared by every angle and the basis of a point by both series; orders
+// beyond the tables are summed point by point.
+void peaks_to_valleys(const std::vector<double>& a, const std::vector<double>& b, int n, int m,
+                      double* pv_a, double* pv_b) {
+    *pv_a = *pv_b = 0.0;
+    if (a.empty()) return;
+    const ZernikeTableSize size = zernike_table_size(n, m);
+    const bool tabled = size.order <= zernike_table_max_order;
+    const std::size_t per_radius = tabled ? std::size_t(zernike_radial_count(n, m)) : 0;
+    std::vector<double> radials(per_radius * kPeakToValleyRadii), basis(a.size());
+    auto rho_of = [](int i) { return double(i) / (kPeakToValleyRadii - 1); };
+    ZernikeTables tables;
+    for (int i = 0; tabled && i < kPeakToValleyRadii; ++i) {
+        fill_zernike_powers(rho_of(i), size.order, &tables);
+        evaluate_zernike_radials(tables, n, m, &radials[std::size_t(i) * per_radius]);
+    }
+    value_range range_a, range_b;
+    for (int j = 0; j < kPeakToValleyAngles; ++j) {
+        const double theta = 2.0 * std::numbers::pi * j / kPeakToValleyAngles;
+        if (tabled) fill_zernike_angles(theta, size.frequency, &tables);
+        for (int i = 0; i < kPeakToValleyRadii; ++i) {
+            if (tabled) {
+                combine_zernike_basis(&radials[std::size_t(i) * per_radius], tables, n, m,
+                                      basis.data());
+                range_a.add(dot(a, basis));
+                range_b.add(dot(b, basis));
+            } else {
+                range_a.add(evaluate_zernike_series(rho_of(i), theta, n, m, a.data()));
+                range_b.add(evaluate_zernike_series(rho_of(i), theta, n, m, b.data()));
+            }
         }
     }
-    return high - low;
+    *pv_a = range_a.hi - range_a.lo;
+    *pv_b = range_b.hi - range_b.lo;
 }
 
 // The phase with piston and tilt (and defocus when asked) set to zero.
@@ -181,8 +219,8 @@ wavelength_metrics compute_wavelength_metrics(const report_model& model, int wav
     out.wavelength_nm = std::round(double(fit.wavelength_um) * 1e6) / 1e3;
     out.rms_rad = std::sqrt(sum_of_squares(fit.phase, n, m, 2, false));
     out.rms_nodefocus_rad = std::sqrt(sum_of_squares(fit.phase, n, m, 2, true));
-    out.pv_rad = peak_to_valley(without_low_orders(fit.phase, false), n, m);
-    out.pv_nodefocus_rad = peak_to_valley(without_low_orders(fit.phase, true), n, m);
+    peaks_to_valleys(without_low_orders(fit.phase, false), without_low_orders(fit.phase, true), n,
+                     m, &out.pv_rad, &out.pv_nodefocus_rad);
     out.strehl = std::exp(-out.rms_rad * out.rms_rad);
     out.strehl_nodefocus = std::exp(-out.rms_nodefocus_rad * out.rms_nodefocus_rad);
     if (fit.amplitude.empty()) {
