@@ -178,7 +178,7 @@ void set_common_range(std::vector<panel*> panels) {
         lo = -hi;
     }
     if (hi - lo <= 1e-12 * std::max(1.0, std::fabs(hi))) {
-        const double half = std::max(1e-6, 0.05 * std::fabs(hi));
+        const double half = hi != 0.0 ? 0.05 * std::fabs(hi) : 1.0;
         lo -= half;
         hi += half;
     }

@@ -5,7 +5,7 @@ the Noll and OSA/ANSI indices of the first 36 terms from the published
 tables, the JSON and CSV read back against the fit file, and the PNG decoded
 with the disc where the layout puts it.
 
-usage: check_report.py torvel-report pupil.mrc work_dir
+usage: check_report.py torvel-report torvel pupil.mrc work_dir
 """
 import csv
 import ctypes
@@ -18,7 +18,7 @@ import sys
 
 import numpy as np
 
-REPORT, PUPIL, WORK = sys.argv[1], sys.argv[2], sys.argv[3]
+REPORT, TORVEL, PUPIL, WORK = sys.argv[1:5]
 os.makedirs(WORK, exist_ok=True)
 failures = []
 
@@ -191,6 +191,19 @@ for panel in range(2):  # amplitude, phase: discs of radius 110 centred at (142 
 green = lambda dx, dy: pixel(458 + dx, 232 + dy)[1]
 check(green(90, 0) > green(-90, 0) + 60, "phase does not rise towards +x (right)")
 check(green(0, -90) > green(0, 90) + 60, "phase does not rise towards +y (up)")
+
+# The fit of a pupil image drawn beside the image and the residual torvel wrote:
+# with two rows of four panels per wavelength.
+fitted, residual = os.path.join(WORK, "pupil_fit.txt"), os.path.join(WORK, "residual.mrc")
+result = subprocess.run([TORVEL, PUPIL, fitted, "-residual=" + residual], capture_output=True)
+check(result.returncode == 0, "torvel could not fit " + PUPIL)
+png = os.path.join(WORK, "pupil.png")
+result = run(fitted, "-image=" + PUPIL, "-residual=" + residual, "-png=" + png)
+check(result.returncode == 0, f"image and residual: exit {result.returncode}: {result.stderr}")
+count = sum(1 for line in open(fitted) if line.startswith("#zernike_coeff_phase_"))
+width, height, pixel = read_png(png)
+check((width, height) == (4 * 316 + 32, 106 + count * (34 + 2 * 266)),
+      f"figure with image and residual: {width} x {height}")
 
 # ---- messages -------------------------------------------------------------------
 bad = os.path.join(WORK, "bad.txt")
