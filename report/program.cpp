@@ -3,6 +3,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <string>
 
 #include <torvel/report.hpp>
@@ -100,6 +101,13 @@ int check_output_names(const report_inputs& in) {
     return status;
 }
 
+// The containers of the report grow with the input; running out of memory
+// for them ends the run with this message rather than an exception.
+int report_no_memory() {
+    std::fprintf(stderr, "%s: insufficient memory\n", kProgram);
+    return 1;
+}
+
 }  // namespace
 
 void print_report_usage(std::FILE* stream) {
@@ -139,7 +147,7 @@ int parse_report_command_line(int argc, const char* const* argv, report_inputs* 
     return status;
 }
 
-int load_report_entries(const report_inputs& inputs, std::vector<report_entry>* entries) {
+int load_report_entries(const report_inputs& inputs, std::vector<report_entry>* entries) try {
     int status = 0;
     for (const char* file : inputs.fit_files) {
         report_entry entry;
@@ -152,9 +160,11 @@ int load_report_entries(const report_inputs& inputs, std::vector<report_entry>* 
         entries->push_back(std::move(entry));
     }
     return status;
+} catch (const std::bad_alloc&) {
+    return report_no_memory();
 }
 
-int write_report_outputs(const report_inputs& inputs, std::span<const report_entry> entries) {
+int write_report_outputs(const report_inputs& inputs, std::span<const report_entry> entries) try {
     int status = 0;
     if (inputs.json_name) status |= write_report_json(inputs.json_name, entries);
     if (inputs.csv_name) status |= write_report_csv(inputs.csv_name, entries);
@@ -162,6 +172,8 @@ int write_report_outputs(const report_inputs& inputs, std::span<const report_ent
         status |= write_report_figure(inputs.png_name, entries.front(), inputs.image_name,
                                       inputs.residual_name);
     return status;
+} catch (const std::bad_alloc&) {
+    return report_no_memory();
 }
 
 }  // namespace torvel
