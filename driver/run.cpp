@@ -104,15 +104,19 @@ int open_input_image(const char* name, fit_run* run, input_header* header) {
         return 1;
     }
     run->input_open = true;
+    read_input_header(kInput, header);
+    return 0;
+}
 
+void read_input_header(int stream, input_header* header) {
     input_header& h = *header;
     int dims[3], second[3], order, n1, n2;
     float dmin, dmax, dmean, p1, p2, dz, zorig;
-    image_read_header(kInput, dims, second, &h.mode, &dmin, &dmax, &dmean);
-    image_get_zwt_sizes(kInput, &h.nz, &h.nw, &h.nt, &order);
-    image_get_type_info(kInput, &h.type, &h.lens_id, &n1, &n2, &p1, &p2);
-    image_get_pixel_spacing(kInput, &h.dx, &h.dy, &dz);
-    image_get_origin(kInput, &h.xorig, &h.yorig, &zorig);
+    image_read_header(stream, dims, second, &h.mode, &dmin, &dmax, &dmean);
+    image_get_zwt_sizes(stream, &h.nz, &h.nw, &h.nt, &order);
+    image_get_type_info(stream, &h.type, &h.lens_id, &n1, &n2, &p1, &p2);
+    image_get_pixel_spacing(stream, &h.dx, &h.dy, &dz);
+    image_get_origin(stream, &h.xorig, &h.yorig, &zorig);
     h.nx = dims[0];
     h.ny = dims[1];
     // The header keeps the aperture times 10 and the index times 100.
@@ -121,7 +125,11 @@ int open_input_image(const char* name, fit_run* run, input_header* header) {
     h.x0 = (0.0f - h.xorig) / h.dx;
     h.y0 = (0.0f - h.yorig) / h.dy;
     h.complex_pixels = is_complex_mode(h.mode);
-    return 0;
+}
+
+float pupil_cutoff(float na, float wavelength_nm) {
+    const float na_times_1000 = na * 1000.0f;
+    return na_times_1000 / wavelength_nm;
 }
 
 int check_input_header(const char* name, const input_header& h) {
@@ -236,8 +244,7 @@ int open_residual_image(const fit_inputs& inputs, fit_run* run) {
 }
 
 int fit_wavelength(const fit_inputs& inputs, const input_header& h, int slot, fit_run* run) {
-    const float na_times_1000 = h.na * 1000.0f;
-    const float cutoff = na_times_1000 / inputs.wavelength[slot];
+    const float cutoff = pupil_cutoff(h.na, inputs.wavelength[slot]);
     if (read_amplitude_and_phase(h, inputs.wavelength_index[slot], run) != 0) return 1;
 
     std::printf("\nPerforming least squares fit to amplitude...\n");

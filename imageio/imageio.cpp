@@ -671,21 +671,30 @@ int image_open(int stream, const char* name, const char* access) noexcept {
     return 1;
 }
 
-void image_close(int stream) noexcept {
-    if (!in_range(stream) || !g_streams[stream]) return;
+int image_close(int stream) noexcept {
+    if (!in_range(stream) || !g_streams[stream]) return 0;
     Stream& s = *g_streams[stream];
     if (s.writable && s.header_dirty) write_header_to_file(s);
-    if (s.writable ? safe_output_commit(&s.output) != 0 : std::fclose(s.file.release()) != 0)
+    int status = 0;
+    if (s.writable ? safe_output_commit(&s.output) != 0 : std::fclose(s.file.release()) != 0) {
         report(s.name.get(), "cannot finish writing: %s", std::strerror(errno));
+        status = s.writable ? 1 : 0;
+    }
     g_streams[stream].reset();
+    return status;
+}
+
+void image_set_program_name(const char* name) noexcept {
+    if (name != nullptr) g_program = name;
+}
+
+void image_discard(int stream) noexcept {
+    if (!in_range(stream) || !g_streams[stream]) return;
+    g_streams[stream].reset();  // an uncommitted output removes its temporary file
 }
 
 void image_set_message_printing(int on) noexcept {
     g_messages_on = on != 0;
-}
-
-void image_set_message_program(const char* program) noexcept {
-    g_program = program;
 }
 
 void image_read_header(int stream, int dims[3], int second[3], int* mode, float* dmin, float* dmax,

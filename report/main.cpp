@@ -15,7 +15,7 @@ int main(int argc, char** argv) {
         print_report_usage(stdout);
         return 0;
     }
-    image_set_message_program("torvel-report");
+    image_set_program_name("torvel-report");
     report_inputs inputs;
     if (parse_report_command_line(argc, argv, &inputs) != 0) return 1;
 

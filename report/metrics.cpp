@@ -160,35 +160,13 @@ int check_model(const report_model& model) {
 
 }  // namespace
 
-const char* fit_file_error_text(int code) {
-    switch (code) {
-        case 1:
-            return "cannot be opened for reading";
-        case 2:
-            return "closing the file failed";
-        case 10:
-            return "not a fit file: it must begin with \"#parametric_pupil_format\"";
-        case 11:
-            return "format version other than 0";
-        case 12:
-            return "syntax error: a value that cannot be read, or a malformed line";
-        case 13:
-            return "invalid value: aperture or immersion index not above 0, invalid Zernike "
-                   "set, wavelength count below 1, or a block index or term outside the set";
-        case 20:
-            return "out of memory, a read error, or a line too long";
-        default:
-            return "unrecognised error of the fit file reader";
-    }
-}
-
 int load_report_model(const char* file, report_model* model) {
     std::int32_t code = 0, line = 0, column = 0;
     std::unique_ptr<ParametricPupil, pupil_deleter> pupil(
         read_parametric_pupil(file, &code, &line, &column));
     if (!pupil) {
         std::fprintf(stderr, "torvel-report: %s:%d:%d: %s\n", file, int(line), int(column),
-                     fit_file_error_text(code));
+                     read_parametric_pupil_error_text(code));
         return 1;
     }
     ParametricPupil* p = pupil.get();

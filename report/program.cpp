@@ -23,7 +23,8 @@ constexpr const char* kUsageLines[] = {
     "    the peak to valley, the Marechal estimate of the Strehl ratio, the mean",
     "    amplitude and its relative RMS, the largest aberrations by name with",
     "    their Noll and OSA/ANSI indices, and defocus and spherical aberration",
-    "    against wavelength.",
+    "    against wavelength. No output file is written unless every fit file",
+    "    could be read.",
     "    where options can include any of the following:",
     "    -json=name",
     "        Writes every coefficient of every wavelength of every fit file, the",
@@ -43,7 +44,6 @@ constexpr const char* kUsageLines[] = {
     "        as amplitude and phase differences, measured minus fitted.",
     "    -h, --help",
     "        Prints this text.",
-    "    No output file is written unless every fit file could be read.",
 };
 
 // The switches, in the order of report_inputs' name fields.

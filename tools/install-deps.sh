@@ -1,16 +1,20 @@
 #!/usr/bin/env bash
 # Installs, with apt-get, whichever of the packages torvel needs to build and
-# test is missing. Needs root only when something is missing.
+# test is missing, and any packages named as arguments. Needs root only when
+# something is missing. apt-get's output goes to build/install-deps.log and is
+# shown only when it fails.
 set -euo pipefail
-packages=(g++ cmake make pkg-config liblapack-dev libgtest-dev libbenchmark-dev libcairo2-dev
-          nlohmann-json3-dev fonts-dejavu-core python3 python3-numpy python3-mrcfile)
+cd "$(dirname "$0")/.."
+source tools/quiet.sh
+packages=(g++ cmake make liblapack-dev libgtest-dev libbenchmark-dev python3 python3-numpy
+          python3-mrcfile pkgconf man-db groff-base libcairo2-dev nlohmann-json3-dev
+          fonts-dejavu-core "$@")
 missing=()
 for p in "${packages[@]}"; do
     dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")
 done
 if ((${#missing[@]} > 0)); then
-    echo "installing: ${missing[*]}"
     export DEBIAN_FRONTEND=noninteractive
-    apt-get update -qq
-    apt-get install -y -qq --no-install-recommends "${missing[@]}"
+    quietly "installing ${missing[*]}" build/install-deps.log sh -c \
+        'apt-get update && apt-get install -y --no-install-recommends "$@"' sh "${missing[@]}"
 fi

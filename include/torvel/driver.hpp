@@ -90,6 +90,15 @@ struct fit_run {
 // Returns 0, or 1 after "unable to open".
 int open_input_image(const char* name, fit_run* run, input_header* header);
 
+// Reads into *header the values torvel takes from the header of the image
+// open on stream (either access), and what follows from them: aperture and
+// index unscaled from P1, P2 and the pupil centre (0 - origin) / spacing.
+void read_input_header(int stream, input_header* header);
+
+// The pupil radius in the spacing's units, NA / wavelength, as the fit of
+// every wavelength computes it (aperture times 1000, then over the nm).
+float pupil_cutoff(float na, float wavelength_nm);
+
 // Runs every check of the input header, printing one message per failed
 // check in their fixed order. Returns 0 when all pass, else 1.
 int check_input_header(const char* name, const input_header& header);

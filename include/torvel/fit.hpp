@@ -76,6 +76,17 @@ void compute_residual(float x0, float y0, float dx, float dy, float cutoff, int 
                       const double* coeff_a, int n_p, int m_p, const double* coeff_p,
                       float* residual, float stats[3]);
 
+// Where pixel (ix, iy) lies in the pupil, as the fit sees it: rho and theta
+// computed exactly as for the pixels the fit samples (for any pixel, sampled
+// or not), and whether the disc rule above selects it.
+struct pupil_pixel {
+    double rho;
+    double theta;
+    bool sampled;
+};
+pupil_pixel locate_pupil_pixel(float x0, float y0, float dx, float dy, float cutoff, int nx, int ny,
+                               int ix, int iy);
+
 // Splits count complex samples ((real, imaginary) float pairs) into amplitude,
 // written over samples[0 .. count - 1], and phase in [-pi, pi], written to
 // phase[0 .. count - 1]. A sample whose squared modulus is 0 or not a number

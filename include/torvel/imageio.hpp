@@ -5,9 +5,9 @@
 // numbered streams 1 to 9. One stream is one open file; a stream is opened
 // either "ro" (an existing file, read only) or "new" (a file created empty,
 // written little-endian). No function throws. Every message of the layer is
-// one line on standard error, "torvel: <file>: <reason>" (or another program
-// name, see image_set_message_program), and image_set_message_printing(0)
-// silences them all.
+// one line on standard error, "torvel: <file>: <reason>" (or the name given
+// to image_set_program_name instead of torvel), and
+// image_set_message_printing(0) silences them all.
 //
 // Calling a function on a stream that is not open prints a message and does
 // nothing else: queries then store zeros in their outputs, operations with a
@@ -23,17 +23,25 @@ namespace torvel {
 int image_open(int stream, const char* name, const char* access) noexcept;
 
 // Closes `stream` and frees its slot. A "new" stream whose header changed since
-// it was last written (or was never written) gets its header written first.
-// A stream that is not open is ignored.
-void image_close(int stream) noexcept;
+// it was last written (or was never written) gets its header written first,
+// and its file takes its name only when everything written reached it.
+// Returns 0, or non-zero after a message when a "new" stream's file could
+// not be finished (it is then not kept). A stream that is not open is ignored.
+int image_close(int stream) noexcept;
+
+// Closes `stream` without keeping what was written: for a "new" stream the
+// file being written is removed and whatever was at its name before stays as
+// it was (a device or pipe written directly keeps what it got). A "ro"
+// stream is simply closed; a stream that is not open is ignored.
+void image_discard(int stream) noexcept;
+
+// The program name that begins every message of the layer ("torvel" unless
+// set); name must stay valid while the layer is used.
+void image_set_program_name(const char* name) noexcept;
 
 // 0 silences the layer's own messages, any other value restores them; applies
 // to every stream of the process.
 void image_set_message_printing(int on) noexcept;
-
-// Makes the layer's messages begin with program (a string that outlives every
-// later call) instead of "torvel", for the companion programs.
-void image_set_message_program(const char* program) noexcept;
 
 // Stores NX, NY, NZ in dims, NXSTART, NYSTART, NZSTART in second, the pixel
 // mode in *mode and DMIN, DMAX, DMEAN in *dmin, *dmax, *dmean.

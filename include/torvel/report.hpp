@@ -69,9 +69,6 @@ struct report_model {
     std::vector<report_wavelength> waves;
 };
 
-// What the fit file reader's error code means, in a few words.
-const char* fit_file_error_text(int code);
-
 // Reads a fit file into *model. Returns 0, or 1 after one message
 // "torvel-report: file:line:column: what is wrong" on standard error.
 int load_report_model(const char* file, report_model* model);

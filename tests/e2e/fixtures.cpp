@@ -43,16 +43,17 @@ void write_header_fixture(const fs::path& path, const HeaderSpec& s) {
     torvel::image_close(3);
 }
 
-void run_maker(const fs::path& dir, const std::string& args) {
-    const RunResult r = run_in(dir, TORVEL_SAMPLE_MAKER, args);
-    ASSERT_EQ(r.status, 0) << "make_sample_pupil " << args << ": " << r.err;
+void run_render(const fs::path& dir, const std::string& args) {
+    const RunResult r =
+        run_in(dir, TORVEL_RENDER_BINARY, std::string(TORVEL_SAMPLE_MODEL) + " " + args);
+    ASSERT_EQ(r.status, 0) << "torvel-render " << args << ": " << r.err;
 }
 
 void make_fixtures(const fs::path& dir) {
-    run_maker(dir, "complex.mrc -size=64 -mode=4 -noise=0");
-    run_maker(dir, "real.mrc -size=64 -mode=2 -noise=0");
-    run_maker(dir, "small.mrc -size=16 -mode=4 -noise=0");
-    run_maker(dir, "--truth truth.txt");
+    run_render(dir, "complex.mrc -size=64");
+    run_render(dir, "real.mrc -size=64 -form=real");
+    run_render(dir, "small.mrc -size=16");
+    fs::copy_file(TORVEL_SAMPLE_MODEL, dir / "truth.txt");
     write_header_fixture(dir / "three_sections.mrc", {.nz = 3});
     write_header_fixture(dir / "complex_two_sections.mrc", {.mode = 4});
     write_header_fixture(dir / "no_spacing_not_pupil.mrc", {.type = 0, .dx = 0.0f, .dy = 0.0f});
@@ -62,6 +63,12 @@ void make_fixtures(const fs::path& dir) {
     write_header_fixture(dir / "nan_wavelength.mrc", {.wave = std::nanf("")});
     write_header_fixture(dir / "negative_wavelength.mrc", {.wave = -5.0f});
     std::ofstream(dir / "not_an_image.txt") << "just some text, not an image\n";
+    // Models torvel-render refuses: a syntax error on line 3, column 1; and a
+    // polar Fourier series with an aperture above the immersion index.
+    std::ofstream(dir / "bad_fit.txt") << "#parametric_pupil_format 0\n#lens_id 3\nlens 3\n";
+    std::ofstream(dir / "unrenderable_fit.txt")
+        << "#parametric_pupil_format 0\n#numerical_aperture 1.6\n#immersion_refractive_index 1.5\n"
+           "#polar_fourier_set_for_phase 1 1\n#wavelength_count 1\n#wavelengths_um 0.5\n";
 }
 
 std::string slurp(const fs::path& path) {
@@ -103,6 +110,13 @@ fs::path fresh_case_dir(const std::string& name) {
         if (entry.is_regular_file())
             fs::create_symlink(entry.path(), dir / entry.path().filename());
     return dir;
+}
+
+Pupil read_fit(const fs::path& path) {
+    std::int32_t code = 0, line = 0, column = 0;
+    Pupil p(torvel::read_parametric_pupil(path.c_str(), &code, &line, &column));
+    EXPECT_TRUE(p) << path << ": error " << code << " at " << line << ":" << column;
+    return p;
 }
 
 RunResult run_in(const fs::path& dir, const std::string& program, const std::string& args) {

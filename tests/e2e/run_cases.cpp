@@ -1,8 +1,9 @@
 // Runs the torvel binary on every case under tests/e2e/cases and compares its
 // exit status, standard output and standard error exactly with the case file.
 //
-// A case file holds "args:", "status:" and optional "absent:" (files the run
-// must not leave) and "present:" lines, then "--- stdout" and "--- stderr"
+// A case file holds "args:", "status:" and optional "program:" (torvel-render
+// instead of torvel), "absent:" (files the run must not leave) and "present:"
+// lines, then "--- stdout" and "--- stderr"
 // sections. Each case runs in a fresh directory holding links to the input
 // images made once by fixtures.cpp. With TORVEL_E2E_UPDATE=1 in the
 // environment the runner rewrites the sections from what the binary printed,
@@ -26,6 +27,7 @@ struct Case {
     std::string name;
     fs::path file;
     std::string args;
+    std::string program = TORVEL_BINARY;
     int status = 0;
     std::vector<std::string> absent;
     std::vector<std::string> present;
@@ -66,6 +68,8 @@ Case read_case(const fs::path& file) {
         }
         if (line.rfind("args:", 0) == 0)
             c.args = line.substr(5);
+        else if (line.rfind("program: torvel-render", 0) == 0)
+            c.program = TORVEL_RENDER_BINARY;
         else if (line.rfind("status:", 0) == 0)
             c.status = std::stoi(line.substr(7));
         else if (line.rfind("absent:", 0) == 0)
@@ -100,7 +104,7 @@ class Binary : public testing::TestWithParam<Case> {};
 TEST_P(Binary, prints_and_exits_as_the_case_file_says) {
     const Case& c = GetParam();
     const fs::path dir = torvel_e2e::fresh_case_dir(c.name);
-    const torvel_e2e::RunResult r = torvel_e2e::run_in(dir, TORVEL_BINARY, c.args);
+    const torvel_e2e::RunResult r = torvel_e2e::run_in(dir, c.program, c.args);
     if (std::getenv("TORVEL_E2E_UPDATE") != nullptr) rewrite_case(c, r);
     EXPECT_EQ(r.status, c.status);
     EXPECT_EQ(r.out, c.stdout_text);

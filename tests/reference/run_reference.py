@@ -1,11 +1,13 @@
 """Runs torvel on a few pupil function images and option sets and checks every
 output against the independent computation of reference_fit.py.
 
-Use:  /usr/bin/python3 run_reference.py TORVEL MAKE_SAMPLE_PUPIL SAMPLE_IMAGE WORK_DIR
+Use:  /usr/bin/python3 run_reference.py TORVEL TORVEL_RENDER MAKE_SAMPLE_PUPIL SAMPLE_MODEL
+                                        SAMPLE_IMAGE WORK_DIR
 
-The images come from the sample maker (with noise, so that the phase wraps
-as in a measurement), one is cut from them to be wider than high, and the
-shipped sample is fitted too. Exit status 0 when every run agrees, 1 otherwise.
+The images are the sample model rendered by torvel-render with the sample's
+noise added by make_sample_pupil (so that the phase wraps as in a
+measurement), one is cut from them to be wider than high, and the shipped
+sample is fitted too. Exit status 0 when every run agrees, 1 otherwise.
 """
 import os
 import shutil
@@ -20,8 +22,11 @@ import mrcfile  # noqa: E402
 import numpy as np  # noqa: E402
 
 
-def make(maker, path, *args):
-    subprocess.run([maker, path] + list(args), check=True, stdout=subprocess.DEVNULL)
+def make(render, maker, model, path, *args):
+    """The sample model rendered with args, with the sample's noise."""
+    rendered = path + '.rendered.mrc'
+    subprocess.run([render, model, rendered] + list(args), check=True)
+    subprocess.run([maker, rendered, path], check=True)
     return path
 
 
@@ -71,17 +76,17 @@ def run_case(torvel, work, name, image, options):
 
 
 def main(argv):
-    if len(argv) != 5:
+    if len(argv) != 7:
         sys.stderr.write(__doc__)
         return 2
-    torvel, maker, sample, work = argv[1:]
+    torvel, render, maker, model, sample, work = argv[1:]
     shutil.rmtree(work, ignore_errors=True)
     os.makedirs(work)
     at = lambda name: os.path.join(work, name)
-    complex64 = make(maker, at('complex64.mrc'), '-size=64', '-mode=4', '-noise=1')
-    real64 = make(maker, at('real64.mrc'), '-size=64', '-mode=2', '-noise=1')
-    complex96 = make(maker, at('complex96.mrc'), '-size=96', '-mode=4', '-noise=1')
-    real128 = make(maker, at('real128.mrc'), '-size=128', '-mode=2', '-noise=1')
+    complex64 = make(render, maker, model, at('complex64.mrc'), '-size=64')
+    real64 = make(render, maker, model, at('real64.mrc'), '-size=64', '-form=real')
+    complex96 = make(render, maker, model, at('complex96.mrc'), '-size=96')
+    real128 = make(render, maker, model, at('real128.mrc'), '-size=128', '-form=real')
     wide = cut_rows(complex96, at('wide96x80.mrc'), 8, 80, 0.37, 0.62)
     cases = [
         ('complex64', complex64, []),

@@ -1,0 +1,36 @@
+# Debian packages by CPack: `cpack -G DEB` in a build directory makes
+#   torvel        the programs, their manual pages and the sample image;
+#   libtorvel-dev the static library, its headers, CMake package and torvel.pc.
+# dpkg-shlibdeps names the shared libraries the programs need (libc, libstdc++,
+# the LAPACK they were linked with); the dev package asks for the LAPACK
+# development package that its users link.
+set(CPACK_PACKAGE_NAME torvel)
+set(CPACK_PACKAGE_VENDOR "torvel developers")
+set(CPACK_PACKAGE_CONTACT "torvel developers <torvel@localhost>")
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_ALL torvel dev)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION science)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_TORVEL_PACKAGE_NAME torvel)
+set(CPACK_DEBIAN_DEV_PACKAGE_NAME libtorvel-dev)
+set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
+# First line the synopsis, then the long description (no package-wide
+# summary is set: CPack would put it in front of both).
+string(JOIN "\n" CPACK_DEBIAN_TORVEL_DESCRIPTION
+  "fits Zernike series to multi-wavelength microscope pupil functions"
+  "torvel reads a measured pupil function image of a microscope objective"
+  "(MRC2014 with a multi-wavelength block), unwraps its phase and fits Zernike"
+  "series to amplitude and phase by least squares, wavelength by wavelength,"
+  "writing a parametric pupil text file and, on request, a residual image.")
+string(JOIN "\n" CPACK_DEBIAN_DEV_DESCRIPTION
+  "torvel's pupil fitting library (development files)"
+  "The static library libtorvel with its headers <torvel/NAME.hpp>, a CMake"
+  "package (find_package(torvel)) and a pkg-config file (torvel.pc): Zernike"
+  "series, pupil fits, the parametric pupil file and the MRC2014 image layer.")
+if(LAPACK_LIBRARIES MATCHES "openblas")
+  set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libopenblas-dev")
+else()
+  set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "liblapack-dev")
+endif()
+include(CPack)
