@@ -103,6 +103,8 @@ function(usage_to_roff usage synopsis_out description_out options_out)
     string(REGEX REPLACE "  +" " " text "${text}")
     if(text STREQUAL "")
       set(paragraph "")
+    elseif(options STREQUAL "" AND text MATCHES "^[Oo]ptions:$")
+      # The section's own heading says it already.
     elseif(synopsis STREQUAL "" AND text MATCHES "^([^ ]+: +)?[Uu]sage: *([^ ]+) *(.*)$")
       set(program "${CMAKE_MATCH_2}")
       synopsis_line(synopsis "${program}" "${CMAKE_MATCH_3}")
