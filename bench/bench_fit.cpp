@@ -157,7 +157,7 @@ void BM_Dgelsd(benchmark::State& state) {
         state.ResumeTiming();
         int rank = 0;
         int info = 0;
-        if (solve_least_squares(p.nrow, s.ncol, matrix.data(), rhs.data(), 1e-4, &rank, &info) !=
+        if (solve_least_squares(p.nrow, s.ncol, 1, matrix.data(), rhs.data(), 1e-4, &rank, &info) !=
                 0 ||
             info != 0) {
             state.SkipWithError("dgelsd failed");
@@ -228,7 +228,8 @@ void BM_SameIterationRatios(benchmark::State& state) {
         fill_matrix(p.x0, p.y0, p.dx, p.dy, p.cutoff, p.size, p.size, ncol, nrow, n, m,
                     matrix.data());
         const auto t1 = Clock::now();
-        if (solve_least_squares(nrow, ncol, matrix.data(), rhs.data(), 1e-4, &rank, &info) != 0 ||
+        if (solve_least_squares(nrow, ncol, 1, matrix.data(), rhs.data(), 1e-4, &rank, &info) !=
+                0 ||
             info != 0) {
             state.SkipWithError("dgelsd failed");
             break;

@@ -272,20 +272,21 @@ int fit_wavelength(const fit_inputs& inputs, const input_header& h, int slot, fi
         check_finite_planes(inputs, h, slot, cutoff, *run) != 0)
         return 1;
 
-    std::printf("\nPerforming least squares fit to amplitude...\n");
-    int status = compute_fit(h.x0, h.y0, h.dx, h.dy, cutoff, h.nx, h.ny, run->amplitude.get(),
-                             inputs.amplitude_n, inputs.amplitude_m,
-                             get_parametric_pupil_amplitude_zernike_coeff(run->pupil.get(), slot),
-                             inputs.tolerance);
-    if (status != 0) return status;
-
-    std::printf("\nPerforming least squares fit to phase...\n");
+    // Unwrapped before the fits, not between them as the progress lines
+    // suggest, so that both can share one least-squares system; unwrapping
+    // prints nothing and touches nothing the amplitude fit reads.
     phunwrap(h.x0, h.y0, h.dx, h.dy, cutoff, h.nx, h.ny, run->phase.get());
-    status = compute_fit(h.x0, h.y0, h.dx, h.dy, cutoff, h.nx, h.ny, run->phase.get(),
-                         inputs.phase_n, inputs.phase_m,
-                         get_parametric_pupil_phase_zernike_coeff(run->pupil.get(), slot),
-                         inputs.tolerance);
-    if (status != 0) return status;
+    const FitRequest amplitude{
+        "\nPerforming least squares fit to amplitude...\n", run->amplitude.get(),
+        inputs.amplitude_n, inputs.amplitude_m,
+        get_parametric_pupil_amplitude_zernike_coeff(run->pupil.get(), slot)};
+    const FitRequest phase{"\nPerforming least squares fit to phase...\n", run->phase.get(),
+                           inputs.phase_n, inputs.phase_m,
+                           get_parametric_pupil_phase_zernike_coeff(run->pupil.get(), slot)};
+    if (const int status = compute_fit_pair(h.x0, h.y0, h.dx, h.dy, cutoff, h.nx, h.ny, amplitude,
+                                            phase, inputs.tolerance);
+        status != 0)
+        return status;
 
     if (run->residual_open) return write_residual_section(inputs, h, slot, cutoff, run);
     return 0;

@@ -5,8 +5,11 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <new>
+
+#include <sys/mman.h>
 
 #include <torvel/fit.hpp>
 #include "sampling.hpp"
@@ -74,21 +77,159 @@ int report_info(int info) {
     return 0;
 }
 
+struct FreeDeleter {
+    void operator()(double* p) const { std::free(p); }
+};
+using MatrixBuffer = std::unique_ptr<double[], FreeDeleter>;
+
+// Room for a design matrix of count doubles, or null. A matrix is tens to
+// hundreds of megabytes written once in full: asking for huge pages where
+// the system grants them on request lets the kernel map it in 2 MiB steps
+// instead of 4 KiB ones, a fraction of the page faults. Values and results
+// do not depend on it.
+MatrixBuffer allocate_matrix(std::int64_t count) {
+    constexpr std::size_t kHugePage = std::size_t(2) << 20;
+    const std::size_t bytes = static_cast<std::size_t>(std::max<std::int64_t>(count, 1)) * 8;
+    if (bytes < kHugePage) return MatrixBuffer(static_cast<double*>(std::malloc(bytes)));
+    const std::size_t rounded = (bytes + kHugePage - 1) / kHugePage * kHugePage;
+    void* memory = std::aligned_alloc(kHugePage, rounded);
+    // Whole huge pages only: a huge page over the end would be mapped, and
+    // counted, in full.
+    if (memory != nullptr) madvise(memory, bytes / kHugePage * kHugePage, MADV_HUGEPAGE);
+    return MatrixBuffer(static_cast<double*>(memory));
+}
+
 int report_no_memory() {
     std::fprintf(stderr, "torvel: insufficient memory\n");
     return 1;
 }
 
+void print_counts(int ncol, int nrow) {
+    std::printf("%d unknowns %d measurements\n", ncol, nrow);
+}
+
+// What one solve left for one fit: 1 when its work arrays could not be had,
+// else 0 with dgelsd's rank and INFO.
+struct Solved {
+    int status = 1;
+    int rank = 0;
+    int info = 0;
+};
+
+// Reports a solve as a fit does (a message and 1 on failure, else the rank)
+// and, on success, copies the ncol values of solution to coeff.
+int report_solution(const Solved& solved, int ncol, const double* solution, double* coeff) {
+    if (solved.status != 0) {
+        return report_no_memory();
+    }
+    if (report_info(solved.info) != 0) {
+        return 1;
+    }
+    std::printf("rank %d\n", solved.rank);
+    std::copy(solution, solution + ncol, coeff);
+    return 0;
+}
+
+// One least-squares system for two fits over the same disc. Any two valid
+// Zernike sets are nested (the terms of the smaller are the first terms of the
+// larger), so the design matrix of the larger serves both: the smaller's is
+// its first columns, which column-major storage keeps as the first
+// ncol * nrow elements. The right-hand sides stand side by side, each nrow long.
+struct SharedSystem {
+    int nrow = 0;
+    int ncol[2] = {0, 0};
+    int larger = 0;  // which fit's set the matrix holds
+    MatrixBuffer matrix;
+    std::unique_ptr<double[]> rhs_pair;
+    MatrixBuffer copy;  // the smaller system's matrix, which dgelsd destroys
+
+    double* rhs(int k) { return rhs_pair.get() + static_cast<std::size_t>(k) * nrow; }
+    bool same_set() const { return ncol[0] == ncol[1]; }
+};
+
+// Sets up the shared system when both fits would get past every check to
+// their solves: both sets present and valid, coefficient arrays given, the larger
+// matrix within the size limit, the disc's pixels within the estimate and no
+// fewer than the larger set's unknowns, and memory for it all. Returns false,
+// having printed nothing, otherwise; the fits then run one after the other
+// and report whatever stops them, where they always have.
+bool prepare_shared_system(const fit_detail::PupilGeometry& g, const FitRequest& first,
+                           const FitRequest& second, SharedSystem* shared) {
+    auto valid = [](const FitRequest& f) {
+        return f.n >= 0 && f.m >= 0 && f.m <= f.n && (f.n - f.m) % 2 == 0 && f.coeff != nullptr;
+    };
+    if (!valid(first) || !valid(second)) {
+        return false;
+    }
+    const std::int64_t ncol0 =
+        (static_cast<std::int64_t>(first.n) * first.n + first.n) / 2 + first.m + 1;
+    const std::int64_t ncol1 =
+        (static_cast<std::int64_t>(second.n) * second.n + second.n) / 2 + second.m + 1;
+    const std::int64_t larger = std::max(ncol0, ncol1);
+    const double est = estimate_pixel_count(g.dx, g.dy, g.cutoff);
+    if (!(est < row_limit(larger)) || std::min(ncol0, ncol1) <= 0) {
+        return false;
+    }
+    const std::int64_t nrow = fit_detail::count_disc_pixels(g);
+    if (!(nrow < std::ceil(est)) || larger > nrow) {
+        return false;
+    }
+    shared->nrow = static_cast<int>(nrow);
+    shared->ncol[0] = static_cast<int>(ncol0);
+    shared->ncol[1] = static_cast<int>(ncol1);
+    shared->larger = ncol1 > ncol0 ? 1 : 0;
+    shared->matrix = allocate_matrix(larger * nrow);
+    shared->rhs_pair = allocate<double>(2 * nrow);
+    const bool two_solves = !shared->same_set();
+    if (two_solves) {
+        shared->copy = allocate_matrix(std::min(ncol0, ncol1) * nrow);
+    }
+    if (!shared->matrix || !shared->rhs_pair || (two_solves && !shared->copy)) {
+        *shared = SharedSystem{};
+        return false;
+    }
+    return true;
+}
+
+// Solves both fits of a filled shared system. With one set, one dgelsd call
+// takes both right-hand sides: one factorisation instead of two, and no copy
+// of the matrix. Each solution then equals its own call's but for the last
+// bits, which some LAPACK builds (OpenBLAS, not the reference one) round
+// differently, as the builds do from one another: the six printed digits
+// differ only where the data do not settle them (tests/lapack). With two
+// sets, the smaller is solved on a copy of its columns, then the larger in
+// place.
+void solve_shared_system(SharedSystem* shared, double rcond, Solved solved[2]) {
+    const int nrow = shared->nrow;
+    if (!shared->copy) {
+        solved[0].status =
+            solve_least_squares(nrow, shared->ncol[0], 2, shared->matrix.get(), shared->rhs(0),
+                                rcond, &solved[0].rank, &solved[0].info);
+        solved[1] = solved[0];
+        return;
+    }
+    const int smaller = 1 - shared->larger;
+    const int ncol = shared->ncol[smaller];
+    std::copy(shared->matrix.get(), shared->matrix.get() + static_cast<std::size_t>(ncol) * nrow,
+              shared->copy.get());
+    Solved& s = solved[smaller];
+    s.status = solve_least_squares(nrow, ncol, 1, shared->copy.get(), shared->rhs(smaller), rcond,
+                                   &s.rank, &s.info);
+    shared->copy.reset();
+    Solved& l = solved[shared->larger];
+    l.status = solve_least_squares(nrow, shared->ncol[shared->larger], 1, shared->matrix.get(),
+                                   shared->rhs(shared->larger), rcond, &l.rank, &l.info);
+}
+
 }  // namespace
 
-int solve_least_squares(int nrow, int ncol, double* matrix, double* rhs, double rcond, int* rank,
-                        int* info) {
+int solve_least_squares(int nrow, int ncol, int nrhs, double* matrix, double* rhs, double rcond,
+                        int* rank, int* info) {
     auto iwork = allocate<int>(static_cast<std::int64_t>(kIntegerWorkPerUnknown) * ncol);
     auto singular = allocate<double>(ncol);
     if (!iwork || !singular) {
         return 1;
     }
-    const int nrhs = 1;
     int query_rank = 0;
     int query_info = 0;
     double optimal = 0.0;
@@ -129,7 +270,7 @@ int compute_fit(float x0, float y0, float dx, float dy, float cutoff, int nx, in
     if (nrow_est <= 0) {
         return report_no_memory();
     }
-    auto matrix = allocate<double>(static_cast<std::int64_t>(ncol) * nrow_est);
+    MatrixBuffer matrix = allocate_matrix(static_cast<std::int64_t>(ncol) * nrow_est);
     auto rhs = allocate<double>(nrow_est);
     if (!matrix || !rhs) {
         return report_no_memory();
@@ -141,24 +282,49 @@ int compute_fit(float x0, float y0, float dx, float dy, float cutoff, int nx, in
     TORVEL_ASSERT(nrow < nrow_est, "compute_fit");
     int measurements = 0;
     fill_rhs(x0, y0, dx, dy, cutoff, nx, ny, section, rhs.get(), &measurements);
-    std::printf("%d unknowns %d measurements\n", ncol, measurements);
+    print_counts(ncol, measurements);
     if (ncol > measurements) {
         std::fprintf(stderr, "torvel: more parameters (%d) than measurements (%d)\n", ncol,
                      measurements);
         return 1;
     }
     fill_matrix(x0, y0, dx, dy, cutoff, nx, ny, ncol, measurements, n, m, matrix.get());
-    int rank = 0;
-    int info = 0;
-    if (solve_least_squares(measurements, ncol, matrix.get(), rhs.get(), static_cast<double>(tol),
-                            &rank, &info) != 0) {
-        return report_no_memory();
+    Solved solved;
+    solved.status = solve_least_squares(measurements, ncol, 1, matrix.get(), rhs.get(),
+                                        static_cast<double>(tol), &solved.rank, &solved.info);
+    return report_solution(solved, ncol, rhs.get(), coeff);
+}
+
+int compute_fit_pair(float x0, float y0, float dx, float dy, float cutoff, int nx, int ny,
+                     const FitRequest& first, const FitRequest& second, float tol) {
+    const fit_detail::PupilGeometry g{x0, y0, dx, dy, cutoff, nx, ny};
+    SharedSystem shared;
+    if (!prepare_shared_system(g, first, second, &shared)) {
+        std::fputs(first.heading, stdout);
+        const int status = compute_fit(x0, y0, dx, dy, cutoff, nx, ny, first.section, first.n,
+                                       first.m, first.coeff, tol);
+        if (status != 0) return status;
+        std::fputs(second.heading, stdout);
+        return compute_fit(x0, y0, dx, dy, cutoff, nx, ny, second.section, second.n, second.m,
+                           second.coeff, tol);
     }
-    if (report_info(info) != 0) {
-        return 1;
+    const FitRequest* fits[2] = {&first, &second};
+    int counts[2];
+    for (int k = 0; k < 2; ++k) {
+        fill_rhs(x0, y0, dx, dy, cutoff, nx, ny, fits[k]->section, shared.rhs(k), &counts[k]);
     }
-    std::printf("rank %d\n", rank);
-    std::copy(rhs.get(), rhs.get() + ncol, coeff);
+    fill_matrix(x0, y0, dx, dy, cutoff, nx, ny, shared.ncol[shared.larger], shared.nrow,
+                fits[shared.larger]->n, fits[shared.larger]->m, shared.matrix.get());
+    Solved solved[2];
+    solve_shared_system(&shared, static_cast<double>(tol), solved);
+    for (int k = 0; k < 2; ++k) {
+        std::fputs(fits[k]->heading, stdout);
+        print_counts(shared.ncol[k], counts[k]);
+        if (const int status =
+                report_solution(solved[k], shared.ncol[k], shared.rhs(k), fits[k]->coeff);
+            status != 0)
+            return status;
+    }
     return 0;
 }
 

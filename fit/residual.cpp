@@ -47,39 +47,45 @@ struct Statistics {
     }
 };
 
-// The two fitted series, evaluated at one point with tables shared between
-// them when their orders allow (the values are the same either way).
+// The larger of two sets: the one whose terms begin with all of the other's
+// (of any two sets, the one of higher order, or of the same order and higher
+// angular frequency).
+void larger_set(int n_a, int m_a, int n_p, int m_p, int* n, int* m) {
+    const bool phase_larger = n_p > n_a || (n_p == n_a && m_p > m_a);
+    *n = phase_larger ? n_p : n_a;
+    *m = phase_larger ? m_p : m_a;
+}
+
+// The two fitted series. A missing series stands for amplitude 1 and phase 0.
 struct FittedPupil {
     int n_a, m_a;
     const double* coeff_a;
     int n_p, m_p;
     const double* coeff_p;
-    ZernikeTableSize size;
 
-    // Amplitude and phase of the fitted pupil at p: a missing series stands
-    // for amplitude 1 and phase 0.
-    void evaluate(const PupilPoint& p, double* amplitude, double* phase) const {
-        ZernikeTables tables;
-        if (fill_zernike_tables(p.rho, p.theta, size, &tables)) {
-            *amplitude =
-                n_a >= 0 ? evaluate_zernike_series_from_tables(tables, n_a, m_a, coeff_a) : 1.0;
-            *phase =
-                n_p >= 0 ? evaluate_zernike_series_from_tables(tables, n_p, m_p, coeff_p) : 0.0;
-            return;
-        }
+    // Amplitude and phase at one point, from the radial values of the larger
+    // set at its rho (both sets' values begin them) and the angle table at its
+    // theta: the same sums as the series evaluation makes.
+    void from_radials(const double* radials, const ZernikeTables& angles, double* amplitude,
+                      double* phase) const {
+        *amplitude = n_a >= 0
+                         ? evaluate_zernike_series_from_radials(radials, angles, n_a, m_a, coeff_a)
+                         : 1.0;
+        *phase = n_p >= 0 ? evaluate_zernike_series_from_radials(radials, angles, n_p, m_p, coeff_p)
+                          : 0.0;
+    }
+
+    // The same at a point, from its coordinates alone.
+    void at(const PupilPoint& p, double* amplitude, double* phase) const {
         *amplitude = n_a >= 0 ? evaluate_zernike_series(p.rho, p.theta, n_a, m_a, coeff_a) : 1.0;
         *phase = n_p >= 0 ? evaluate_zernike_series(p.rho, p.theta, n_p, m_p, coeff_p) : 0.0;
     }
 };
 
-ZernikeTableSize union_size(ZernikeTableSize a, ZernikeTableSize b) {
-    return {std::max(a.order, b.order), std::max(a.frequency, b.frequency)};
-}
-
 // The residual of pixels [begin, end) of a row outside the disc: the measured
 // pupil itself.
-void measured_only(const float* amplitude, const float* phase, int begin, int end, float* residual,
-                   Statistics* stats) {
+void measured_only(const float* amplitude, const float* phase, int begin, int end,
+                   float* residual) {
     for (int ix = begin; ix < end; ++ix) {
         double s = 0.0;
         double c = 0.0;
@@ -87,34 +93,88 @@ void measured_only(const float* amplitude, const float* phase, int begin, int en
         const double a = static_cast<double>(amplitude[ix]);
         residual[2 * ix] = static_cast<float>(a * c);
         residual[2 * ix + 1] = static_cast<float>(a * s);
-        stats->add(residual[2 * ix], residual[2 * ix + 1]);
     }
 }
 
-// The residual of the selected pixels [begin, end) of the row at offset y:
-// measured minus fitted pupil.
-void measured_minus_fitted(const PupilGeometry& g, const FittedPupil& fitted, float y,
-                           const float* amplitude, const float* phase, int begin, int end,
-                           float* residual, Statistics* stats) {
-    const float yy = y * y;
-    for (int ix = begin; ix < end; ++ix) {
-        double s = 0.0;
-        double c = 0.0;
-        ::sincos(static_cast<double>(phase[ix]), &s, &c);
-        const double a = static_cast<double>(amplitude[ix]);
-        const double re = a * c;
-        const double im = a * s;
+// The residual of pixel ix of a row inside the disc: measured minus fitted
+// pupil, the fitted one being fitted_amplitude * exp(i fitted_phase).
+void measured_minus_fitted(const float* amplitude, const float* phase, int ix,
+                           double fitted_amplitude, double fitted_phase, float* residual) {
+    double s = 0.0;
+    double c = 0.0;
+    ::sincos(static_cast<double>(phase[ix]), &s, &c);
+    const double a = static_cast<double>(amplitude[ix]);
+    double sin_p = 0.0;
+    double cos_p = 0.0;
+    ::sincos(fitted_phase, &sin_p, &cos_p);
+    residual[2 * ix] = static_cast<float>(a * c - fitted_amplitude * cos_p);
+    residual[2 * ix + 1] = static_cast<float>(a * s - fitted_amplitude * sin_p);
+}
+
+// The planes of the section, and where row iy of each begins.
+struct Planes {
+    const float* amplitude;
+    const float* phase;
+    float* residual;
+    int nx;
+
+    std::size_t first(int iy) const {
+        return static_cast<std::size_t>(iy) * static_cast<std::size_t>(nx);
+    }
+    void measured_row(int iy, int begin, int end) const {
+        measured_only(amplitude + first(iy), phase + first(iy), begin, end,
+                      residual + 2 * first(iy));
+    }
+    void fitted_pixel(int iy, int ix, double fitted_amplitude, double fitted_phase) const {
+        measured_minus_fitted(amplitude + first(iy), phase + first(iy), ix, fitted_amplitude,
+                              fitted_phase, residual + 2 * first(iy));
+    }
+};
+
+// The residual of a disc row and of its mirror, if any: the mirror's pixels
+// share the row's radial values and take its angle table with the sines
+// negated (see mirrored_rows). radials, the radial values of the larger set,
+// is null when the series are to be evaluated point by point.
+void disc_row_pair(const PupilGeometry& g, const FittedPupil& fitted,
+                   fit_detail::RowRadials* radials, const Planes& planes,
+                   const fit_detail::DiscRow& row, const fit_detail::DiscRow* mirror) {
+    const IndexRange columns = clip(row.columns, g.nx);
+    for (const fit_detail::DiscRow* r : {&row, mirror}) {
+        if (r == nullptr) continue;
+        planes.measured_row(r->iy, 0, columns.begin);
+        planes.measured_row(r->iy, columns.end, g.nx);
+    }
+    const float yy = row.y * row.y;
+    const bool tabled = radials != nullptr;
+    if (tabled) radials->compute(yy, row.columns);
+    ZernikeTables angles;
+    ZernikeTables mirrored;
+    for (int ix = columns.begin; ix < columns.end; ++ix) {
         const float x = fit_detail::axis_offset(ix, g.x0, g.dx);
-        const PupilPoint p = fit_detail::pupil_point(x, y, yy, g.cutoff);
-        double fitted_amplitude = 0.0;
-        double fitted_phase = 0.0;
-        fitted.evaluate(p, &fitted_amplitude, &fitted_phase);
-        double sin_p = 0.0;
-        double cos_p = 0.0;
-        ::sincos(fitted_phase, &sin_p, &cos_p);
-        residual[2 * ix] = static_cast<float>(re - fitted_amplitude * cos_p);
-        residual[2 * ix + 1] = static_cast<float>(im - fitted_amplitude * sin_p);
-        stats->add(residual[2 * ix], residual[2 * ix + 1]);
+        const PupilPoint p = fit_detail::pupil_point(x, row.y, yy, g.cutoff);
+        double amplitude = 0.0;
+        double phase = 0.0;
+        if (!tabled) {
+            fitted.at(p, &amplitude, &phase);
+            planes.fitted_pixel(row.iy, ix, amplitude, phase);
+            if (mirror != nullptr) {
+                fitted.at(fit_detail::pupil_point(x, mirror->y, yy, g.cutoff), &amplitude, &phase);
+                planes.fitted_pixel(mirror->iy, ix, amplitude, phase);
+            }
+            continue;
+        }
+        fill_zernike_angles(p.theta, radials->frequency(), &angles);
+        fitted.from_radials(radials->of_column(ix), angles, &amplitude, &phase);
+        planes.fitted_pixel(row.iy, ix, amplitude, phase);
+        if (mirror != nullptr) {
+            mirrored.frequency = angles.frequency;
+            for (int l = 0; l <= angles.frequency; ++l) {
+                mirrored.cos_sin[2 * l] = angles.cos_sin[2 * l];
+                mirrored.cos_sin[2 * l + 1] = -angles.cos_sin[2 * l + 1];
+            }
+            fitted.from_radials(radials->of_column(ix), mirrored, &amplitude, &phase);
+            planes.fitted_pixel(mirror->iy, ix, amplitude, phase);
+        }
     }
 }
 
@@ -125,31 +185,30 @@ void compute_residual(float x0, float y0, float dx, float dy, float cutoff, int 
                       const double* coeff_a, int n_p, int m_p, const double* coeff_p,
                       float* residual, float stats[3]) {
     const PupilGeometry g{x0, y0, dx, dy, cutoff, nx, ny};
-    const FittedPupil fitted{
-        n_a,
-        m_a,
-        coeff_a,
-        n_p,
-        m_p,
-        coeff_p,
-        union_size(zernike_table_size(n_a, m_a), zernike_table_size(n_p, m_p))};
+    const FittedPupil fitted{n_a, m_a, coeff_a, n_p, m_p, coeff_p};
+    const Planes planes{amplitude, phase, residual, nx};
+    // Rows are computed in mirrored pairs, so the statistics are taken
+    // afterwards, in scan order, from the stored values.
     const IndexRange rows = clip(fit_detail::disc_rows(g), ny);
-    Statistics totals;
     for (int iy = 0; iy < ny; ++iy) {
-        const std::size_t first = static_cast<std::size_t>(iy) * static_cast<std::size_t>(nx);
-        const float* a = amplitude + first;
-        const float* p = phase + first;
-        float* r = residual + 2 * first;
-        if (iy < rows.begin || iy >= rows.end) {
-            measured_only(a, p, 0, nx, r, &totals);
-            continue;
-        }
-        const float y = fit_detail::axis_offset(iy, y0, dy);
-        const IndexRange columns = clip(fit_detail::disc_columns(g, y), nx);
-        measured_only(a, p, 0, columns.begin, r, &totals);
-        measured_minus_fitted(g, fitted, y, a, p, columns.begin, columns.end, r, &totals);
-        measured_only(a, p, columns.end, nx, r, &totals);
+        if (iy < rows.begin || iy >= rows.end) planes.measured_row(iy, 0, nx);
     }
+    int n = -1;
+    int m = -1;
+    larger_set(n_a, m_a, n_p, m_p, &n, &m);
+    fit_detail::RowRadials radials(g, n, m);
+    // Sets outside the valid ones need not nest; they take the series
+    // evaluation point by point.
+    auto valid = [](int k, int l) { return k < 0 || (l >= 0 && l <= k && (k - l) % 2 == 0); };
+    fit_detail::RowRadials* shared =
+        valid(n_a, m_a) && valid(n_p, m_p) && radials.usable() ? &radials : nullptr;
+    fit_detail::for_each_mirrored_disc_row(
+        g, [&](const fit_detail::DiscRow& row, const fit_detail::DiscRow* mirror) {
+            disc_row_pair(g, fitted, shared, planes, row, mirror);
+        });
+    Statistics totals;
+    const std::size_t values = 2 * static_cast<std::size_t>(nx) * static_cast<std::size_t>(ny);
+    for (std::size_t i = 0; i < values; i += 2) totals.add(residual[i], residual[i + 1]);
     const float count = static_cast<float>(static_cast<std::int64_t>(nx) * ny);
     const double rms = std::sqrt(static_cast<double>(totals.sum_of_squares / count));
     std::printf("\nroot mean square error %g\n", rms);

@@ -90,6 +90,43 @@ std::int64_t count_disc_pixels(const PupilGeometry& g) {
     return count;
 }
 
+int mirror_index(float centre, int index) {
+    const float twice = 2.0f * centre;
+    if (!(twice >= 0.0f && twice < 2147483647.0f) || std::floor(twice) != twice) return -1;
+    return static_cast<int>(twice) - index;
+}
+
+RowRadials::RowRadials(const PupilGeometry& g, int n, int m)
+    : g_(g), n_(n), m_(m), size_(zernike_table_size(n, m)) {
+    if (size_.order > zernike_table_max_order || size_.frequency > zernike_table_max_order) return;
+    width_ = static_cast<std::size_t>(zernike_radial_count(n, m));
+    values_.reset(new (std::nothrow) double[static_cast<std::size_t>(g.nx) * width_]);
+}
+
+void RowRadials::compute(float yy, IndexRange columns) {
+    begin_ = columns.begin;
+    for (int ix = columns.begin; ix < columns.end; ++ix) {
+        double* out = values_.get() + static_cast<std::size_t>(ix - begin_) * width_;
+        const float squares = squared_radius(axis_offset(ix, g_.x0, g_.dx), yy);
+        const int twin = mirror_index(g_.x0, ix);
+        if (twin >= columns.begin && twin < ix &&
+            squared_radius(axis_offset(twin, g_.x0, g_.dx), yy) == squares) {
+            const double* done = of_column(twin);
+            std::copy(done, done + width_, out);
+            continue;
+        }
+        fill_zernike_powers(pupil_radius(squares, g_.cutoff), size_.order, &powers_);
+        evaluate_zernike_radials(powers_, n_, m_, out);
+    }
+}
+
+bool mirrored_rows(const PupilGeometry& g, const DiscRow& a, const DiscRow& b) {
+    // rho is smallest at x = 0; a row with rho = 0 there has theta = 0 there,
+    // not its negative.
+    return a.iy != b.iy && b.y == -a.y && pupil_radius(a.y * a.y, g.cutoff) > 0.0 &&
+           a.columns.begin == b.columns.begin && a.columns.end == b.columns.end;
+}
+
 void assertion_failed(const char* expression, const char* file, int line, const char* function) {
     const char* slash = std::strrchr(file, '/');
     std::fprintf(stderr, "torvel: %s:%d: %s: Assertion `%s' failed.\n",
@@ -149,134 +186,33 @@ void write_row_direct(const PupilPoint& p, int n, int m, int nrow, std::int64_t 
 
 // The same row from basis values made with tables shared by all columns:
 // the very same calls' results, so the row is identical. basis holds one
-// pixel's values in slot order.
-void write_row_from_basis(const double* basis, int n, int m, int nrow, std::int64_t ntot, int irow,
-                          double* matrix) {
+// pixel's values in slot order; each sine value is multiplied by sine_sign
+// (1, or -1 for the pixel mirrored across the centre row, an exact negation).
+void write_row_from_basis(const double* basis, double sine_sign, int n, int m, int nrow,
+                          std::int64_t ntot, int irow, double* matrix) {
     int i = 0;
     write_row(n, m, nrow, ntot, irow, matrix, [&](int, int l, double* v) {
         v[0] = basis[i++];
-        if (l > 0) v[1] = basis[i++];
+        if (l > 0) v[1] = sine_sign * basis[i++];
     });
 }
 
-// The index whose offset from centre is the exact negative of index's, or
-// -1 when centre is not a whole or half index (then no pixel mirrors another).
-int mirror_index(float centre, int index) {
-    const float twice = 2.0f * centre;
-    if (!(twice >= 0.0f && twice < 2147483647.0f) || std::floor(twice) != twice) return -1;
-    return static_cast<int>(twice) - index;
-}
-
-// The radial values R_k^l(rho) of every selected pixel of a row, computed
-// once per distinct rho. rho depends on nothing but the float sum
-// x^2 + y^2, so where the pupil centre lies on a whole or half pixel a row
-// repeats its left half on the right, and the row as far on the other side
-// of the centre repeats the row whole (same y^2, same columns). Such pixels
-// take the values already computed instead of their own pow() calls and
-// polynomial sums: the same values, less work.
-//
-// Rows that a later mirror row will need are kept on a stack in one buffer
-// allocated up front (within a fixed budget): the rows are walked towards
-// the centre and their mirrors away from it, so the row needed next is
-// always the one kept last.
-class SymmetricRadials {
-  public:
-    SymmetricRadials(const PupilGeometry& g, int n, int m, int nrow)
-        : g_(g), n_(n), m_(m), size_(zernike_table_size(n, m)) {
-        if (size_.order > zernike_table_max_order || size_.frequency > zernike_table_max_order)
-            return;
-        width_ = std::size_t(zernike_radial_count(n, m));
-        scratch_.reset(new (std::nothrow) double[std::size_t(g.nx) * width_]);
-        constexpr std::size_t kBudget = (std::size_t(64) << 20) / sizeof(double);
-        const std::size_t wanted = (std::size_t(nrow) / 2 + std::size_t(g.nx)) * width_;
-        stack_size_ = std::min(wanted, kBudget);
-        stack_.reset(new (std::nothrow) double[stack_size_]);
-        if (!stack_) stack_size_ = 0;
-    }
-
-    int frequency() const { return size_.frequency; }
-
-    // Makes the values of row iy (y^2 = yy, selected columns) current.
-    // Returns false when the set is beyond the tables or memory ran out; the
-    // caller then evaluates every column directly.
-    bool prepare_row(int iy, float yy, IndexRange columns, IndexRange rows) {
-        if (!scratch_ || columns.end <= columns.begin) return false;
-        stack_top_ = released_top_;  // the row reused last is no longer needed
-        begin_ = columns.begin;
-        if (!kept_.empty()) {
-            const Kept& top = kept_.back();
-            if (top.row == iy && top.yy == yy && top.columns.begin == columns.begin &&
-                top.columns.end == columns.end) {
-                current_ = stack_.get() + top.offset;
-                released_top_ = top.offset;
-                kept_.pop_back();
-                return true;
-            }
-        }
-        current_ = keep_for_mirror(iy, yy, columns, rows);
-        if (current_ == nullptr) current_ = scratch_.get();
-        compute_row(yy, columns);
-        return true;
-    }
-
-    const double* of_column(int ix) const { return current_ + std::size_t(ix - begin_) * width_; }
-
-  private:
-    struct Kept {
-        int row;
-        float yy;
-        IndexRange columns;
-        std::size_t offset;
-    };
-
-    // Room on the stack for the mirror row of iy when that row lies ahead with
-    // the same y^2, or null.
-    double* keep_for_mirror(int iy, float yy, IndexRange columns, IndexRange rows) {
-        const int mirror = mirror_index(g_.y0, iy);
-        if (mirror <= iy || mirror >= rows.end) return nullptr;
-        const float y = fit_detail::axis_offset(mirror, g_.y0, g_.dy);
-        if (y * y != yy) return nullptr;
-        const std::size_t size = std::size_t(columns.end - columns.begin) * width_;
-        if (size > stack_size_ - stack_top_) return nullptr;
-        kept_.push_back({mirror, yy, columns, stack_top_});
-        stack_top_ += size;
-        released_top_ = stack_top_;
-        return stack_.get() + kept_.back().offset;
-    }
-
-    void compute_row(float yy, IndexRange columns) {
+// The design matrix straight from the defining formulas, pixel by pixel in
+// scan order, for sets beyond the tables.
+void fill_matrix_direct(const PupilGeometry& g, int n, int m, int nrow, std::int64_t ntot,
+                        double* matrix) {
+    int irow = 0;
+    fit_detail::for_each_disc_row(g, [&](int, float y, IndexRange columns) {
+        const float yy = y * y;
         for (int ix = columns.begin; ix < columns.end; ++ix) {
-            double* out = current_ + std::size_t(ix - begin_) * width_;
-            const float squares = fit_detail::squared_radius(axis(ix), yy);
-            const int twin = mirror_index(g_.x0, ix);
-            if (twin >= columns.begin && twin < ix &&
-                fit_detail::squared_radius(axis(twin), yy) == squares) {
-                const double* done = of_column(twin);
-                std::copy(done, done + width_, out);
-                continue;
-            }
-            fill_zernike_powers(fit_detail::pupil_radius(squares, g_.cutoff), size_.order,
-                                &powers_);
-            evaluate_zernike_radials(powers_, n_, m_, out);
+            TORVEL_ASSERT(irow < nrow, "fill_matrix");
+            const float x = fit_detail::axis_offset(ix, g.x0, g.dx);
+            write_row_direct(fit_detail::pupil_point(x, y, yy, g.cutoff), n, m, nrow, ntot, irow,
+                             matrix);
+            ++irow;
         }
-    }
-
-    float axis(int ix) const { return fit_detail::axis_offset(ix, g_.x0, g_.dx); }
-
-    PupilGeometry g_;
-    int n_, m_;
-    ZernikeTableSize size_;
-    std::size_t width_ = 0;
-    int begin_ = 0;
-    double* current_ = nullptr;
-    ZernikeTables powers_;
-    std::unique_ptr<double[]> scratch_;
-    std::unique_ptr<double[]> stack_;
-    std::size_t stack_size_ = 0;
-    std::size_t stack_top_ = 0;
-    std::size_t released_top_ = 0;
-    std::vector<Kept> kept_;
-};
+    });
+}
 
 }  // namespace
 
@@ -298,28 +234,60 @@ void fill_matrix(float x0, float y0, float dx, float dy, float cutoff, int nx, i
                  int nrow, int n, int m, double* matrix) {
     const PupilGeometry g{x0, y0, dx, dy, cutoff, nx, ny};
     const std::int64_t ntot = static_cast<std::int64_t>(nrow) * ncol;
-    SymmetricRadials radials(g, n, m, nrow);
+    fit_detail::RowRadials radials(g, n, m);
+    if (!radials.usable()) {
+        fill_matrix_direct(g, n, m, nrow, ntot, matrix);
+        return;
+    }
+    // Measurement numbers run in scan order; a row and its mirror are written
+    // together, so each row's first measurement is counted up front.
+    const IndexRange rows = fit_detail::disc_rows(g);
+    std::vector<std::int64_t> first(static_cast<std::size_t>(std::max(rows.end - rows.begin, 0)));
+    std::int64_t count = 0;
+    fit_detail::for_each_disc_row(g, [&](int iy, float, IndexRange columns) {
+        first[static_cast<std::size_t>(iy - rows.begin)] = count;
+        count += std::max(columns.end - columns.begin, 0);
+    });
+    // What each slot of a row is multiplied by in the mirrored row: -1 for
+    // the sine columns (an exact negation), 1 for the others.
+    double mirror_sign[zernike_table_max_terms];
+    int slots = 0;
+    for_each_zernike_term(n, m, [&](int, int l) {
+        mirror_sign[slots++] = 1.0;
+        if (l > 0) mirror_sign[slots++] = -1.0;
+    });
     ZernikeTables angles;
     double basis[zernike_table_max_terms];
-    int irow = 0;
-    const IndexRange rows = fit_detail::disc_rows(g);
-    fit_detail::for_each_disc_row(g, [&](int iy, float y, IndexRange columns) {
-        const float yy = y * y;
-        const bool tabled = radials.prepare_row(iy, yy, columns, rows);
-        for (int ix = columns.begin; ix < columns.end; ++ix) {
-            TORVEL_ASSERT(irow < nrow, "fill_matrix");
-            const float x = fit_detail::axis_offset(ix, x0, dx);
-            const PupilPoint p = fit_detail::pupil_point(x, y, yy, cutoff);
-            if (tabled) {
+    auto write = [&](const fit_detail::DiscRow& row, int ix, bool mirrored) {
+        const std::int64_t irow =
+            first[static_cast<std::size_t>(row.iy - rows.begin)] + (ix - row.columns.begin);
+        TORVEL_ASSERT(irow < nrow, "fill_matrix");
+        // Past the last column's element the walk would fail one of
+        // write_row's checks, which then reports which.
+        if (irow + static_cast<std::int64_t>(slots - 1) * nrow >= ntot) {
+            write_row_from_basis(basis, mirrored ? -1.0 : 1.0, n, m, nrow, ntot,
+                                 static_cast<int>(irow), matrix);
+            return;
+        }
+        double* out = matrix + irow;
+        for (int j = 0; j < slots; ++j) {
+            out[static_cast<std::int64_t>(j) * nrow] =
+                mirrored ? mirror_sign[j] * basis[j] : basis[j];
+        }
+    };
+    fit_detail::for_each_mirrored_disc_row(
+        g, [&](const fit_detail::DiscRow& row, const fit_detail::DiscRow* mirror) {
+            const float yy = row.y * row.y;
+            radials.compute(yy, row.columns);
+            for (int ix = row.columns.begin; ix < row.columns.end; ++ix) {
+                const float x = fit_detail::axis_offset(ix, x0, dx);
+                const PupilPoint p = fit_detail::pupil_point(x, row.y, yy, cutoff);
                 fill_zernike_angles(p.theta, radials.frequency(), &angles);
                 combine_zernike_basis(radials.of_column(ix), angles, n, m, basis);
-                write_row_from_basis(basis, n, m, nrow, ntot, irow, matrix);
-            } else {
-                write_row_direct(p, n, m, nrow, ntot, irow, matrix);
+                write(row, ix, false);
+                if (mirror != nullptr) write(*mirror, ix, true);
             }
-            ++irow;
-        }
-    });
+        });
 }
 
 }  // namespace torvel

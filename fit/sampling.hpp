@@ -4,7 +4,11 @@
 // assertion that guards buffer sizes. Not installed; other modules use
 // <torvel/fit.hpp>.
 
+#include <cstddef>
 #include <cstdint>
+#include <memory>
+
+#include <torvel/zernike.hpp>
 
 namespace torvel::fit_detail {
 
@@ -60,6 +64,81 @@ void for_each_disc_row(const PupilGeometry& g, Visit&& visit) {
         visit(iy, y, disc_columns(g, y));
     }
 }
+
+// One row of the disc: its index, its offset y from the centre and its
+// selected columns.
+struct DiscRow {
+    int iy;
+    float y;
+    IndexRange columns;
+};
+
+// The index whose offset from centre is the exact negative of index's, or -1
+// when centre is not a whole or half index (then no pixel mirrors another).
+int mirror_index(float centre, int index);
+
+// Whether row b mirrors row a through the centre row: offsets exact
+// negatives of each other, every pixel's rho above 0, the same columns. Its
+// pixels then have a's pupil radius and the negated angle: atan2 is odd in y
+// and sincos odd in its argument, bit for bit in the C library (a test
+// guards this), so their design matrix rows are a's with the sine columns
+// negated.
+bool mirrored_rows(const PupilGeometry& g, const DiscRow& a, const DiscRow& b);
+
+// Calls visit(row, mirror) once for every row of the disc, in ascending
+// order, where mirror points to the later row that mirrors row (which is
+// then not visited on its own), or is null.
+template <class Visit>
+void for_each_mirrored_disc_row(const PupilGeometry& g, Visit&& visit) {
+    const IndexRange rows = disc_rows(g);
+    auto row_at = [&](int iy) {
+        const float y = axis_offset(iy, g.y0, g.dy);
+        return DiscRow{iy, y, disc_columns(g, y)};
+    };
+    for (int iy = rows.begin; iy < rows.end; ++iy) {
+        const DiscRow row = row_at(iy);
+        const int other = mirror_index(g.y0, iy);
+        if (other >= rows.begin && other < rows.end && other != iy) {
+            const DiscRow twin = row_at(other);
+            if (mirrored_rows(g, row, twin)) {
+                // A row that mirrors an earlier one was visited with it.
+                if (other > iy) visit(row, &twin);
+                continue;
+            }
+        }
+        visit(row, static_cast<const DiscRow*>(nullptr));
+    }
+}
+
+// The radial values R_k^l(rho) of the set (n, m), in visiting order, for
+// every selected pixel of one row. rho depends on nothing but the float sum
+// x^2 + y^2, so where the centre lies on a whole or half pixel the right
+// half of a row repeats the left half's values, which it takes instead of
+// computing them again: the same values, half the pow and polynomial work.
+class RowRadials {
+  public:
+    // Unusable when the set is beyond the tables or memory ran out.
+    RowRadials(const PupilGeometry& g, int n, int m);
+    bool usable() const { return values_ != nullptr; }
+    int frequency() const { return size_.frequency; }
+
+    // Makes the values of the row with y * y = yy and these columns current.
+    void compute(float yy, IndexRange columns);
+
+    // The values of column ix of the current row.
+    const double* of_column(int ix) const {
+        return values_.get() + static_cast<std::size_t>(ix - begin_) * width_;
+    }
+
+  private:
+    PupilGeometry g_;
+    int n_, m_;
+    ZernikeTableSize size_;
+    std::size_t width_ = 0;
+    int begin_ = 0;
+    ZernikeTables powers_;
+    std::unique_ptr<double[]> values_;
+};
 
 // Number of pixels the disc selects (what fill_rhs would count).
 std::int64_t count_disc_pixels(const PupilGeometry& g);

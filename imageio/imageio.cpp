@@ -342,7 +342,7 @@ std::array<std::unique_ptr<Stream>, kStreams + 1> g_streams;  // slot 0 unused
 bool g_messages_on = true;
 const char* g_program = "torvel";
 
-// Prints "torvel: <subject>: <reason>" as one line, unless messages are off.
+// Prints "<program>: <subject>: <reason>" as one line, unless messages are off.
 [[gnu::format(printf, 2, 3)]] void report(const char* subject, const char* format, ...) {
     if (!g_messages_on) return;
     char reason[512];

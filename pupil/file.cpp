@@ -662,6 +662,30 @@ int read_polarf_coeff(std::FILE* stream, std::int32_t a, std::int32_t b, double*
     return 0;
 }
 
+const char* read_parametric_pupil_error_text(std::int32_t code) {
+    switch (code) {
+        case 1:
+            return "cannot be opened for reading";
+        case 2:
+            return "closing the file failed";
+        case 10:
+            return "not a parametric pupil file (the first line must begin with "
+                   "#parametric_pupil_format)";
+        case 11:
+            return "format version other than 0";
+        case 12:
+            return "syntax error: a value that cannot be read, a malformed term line, or a line "
+                   "that is neither empty nor begins with #";
+        case 13:
+            return "invalid value: an aperture or index not above 0, an invalid Zernike set, a "
+                   "wavelength count below 1, or a block or term outside the model";
+        case 20:
+            return "out of memory, a read error, or a line too long";
+        default:
+            return "unrecognized error";
+    }
+}
+
 ParametricPupil* read_parametric_pupil(const char* file_name, std::int32_t* error_code,
                                        std::int32_t* line, std::int32_t* column) {
     Reader r;

@@ -70,31 +70,6 @@ constexpr const char* kUsageLines[] = {
     "        Prints this text and exits.",
 };
 
-// What the reader's error codes mean, in words.
-const char* reader_error_text(std::int32_t code) {
-    switch (code) {
-        case 1:
-            return "cannot be opened for reading";
-        case 2:
-            return "closing the file failed";
-        case 10:
-            return "not a parametric pupil file (the first line must begin with "
-                   "#parametric_pupil_format)";
-        case 11:
-            return "format version other than 0";
-        case 12:
-            return "syntax error: a value that cannot be read, a malformed term line, or a line "
-                   "that is neither empty nor begins with #";
-        case 13:
-            return "invalid value: an aperture or index not above 0, an invalid Zernike set, a "
-                   "wavelength count below 1, or a block or term outside the model";
-        case 20:
-            return "out of memory, a read error, or a line too long";
-        default:
-            return "unrecognized error";
-    }
-}
-
 // The switch helpers search argv[1] on; the options begin at argv[3].
 struct option_args {
     const char* const* argv;
@@ -327,7 +302,7 @@ pupil_ptr read_render_model(const char* name) {
     pupil_ptr model(read_parametric_pupil(name, &code, &line, &column));
     if (!model)
         std::fprintf(stderr, "%s: %s:%d:%d: %s\n", kProgram, name, line, column,
-                     reader_error_text(code));
+                     read_parametric_pupil_error_text(code));
     return model;
 }
 

@@ -241,6 +241,17 @@ double evaluate_zernike_series_from_tables(const ZernikeTables& tables, int n, i
         });
 }
 
+double evaluate_zernike_series_from_radials(const double* radials, const ZernikeTables& tables,
+                                            int n, int m, const double* coeffs) {
+    int r = 0;
+    return sum_series(
+        n, m, coeffs, [&](int, int) { return radials[r++]; },
+        [&](int l, double* c, double* s) {
+            *c = tables.cos_sin[2 * l];
+            *s = tables.cos_sin[2 * l + 1];
+        });
+}
+
 double evaluate_zernike_series_direct(double rho, double theta, int n, int m,
                                       const double* coeffs) {
     return sum_series(

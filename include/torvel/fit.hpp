@@ -59,14 +59,33 @@ bool disc_is_finite(float x0, float y0, float dx, float dy, float cutoff, int nx
 int compute_fit(float x0, float y0, float dx, float dy, float cutoff, int nx, int ny,
                 const float* section, int n, int m, double* coeff, float tol);
 
-// Solves min |matrix * x - rhs| with dgelsd, nothing printed: matrix is nrow
-// x ncol column-major (leading dimension nrow, ncol <= nrow) and is
-// destroyed; rhs holds nrow values and receives x in its first ncol. Singular
-// values at or below rcond times the largest count as zero. Returns 0 with
-// *info and *rank as dgelsd left them, or 1 when a work array could not be
-// allocated (*info and *rank then untouched).
-int solve_least_squares(int nrow, int ncol, double* matrix, double* rhs, double rcond, int* rank,
-                        int* info);
+// One of the two fits of compute_fit_pair: heading is printed on standard
+// output before the fit's own lines; section, (n, m) and coeff are as for
+// compute_fit.
+struct FitRequest {
+    const char* heading;
+    const float* section;
+    int n;
+    int m;
+    double* coeff;
+};
+
+// Runs first, then second, over the same geometry, with exactly the output,
+// status and coefficients of compute_fit called for each after printing its
+// heading (second not at all when first fails), but with one design matrix
+// filled for both when both would reach their solves.
+int compute_fit_pair(float x0, float y0, float dx, float dy, float cutoff, int nx, int ny,
+                     const FitRequest& first, const FitRequest& second, float tol);
+
+// Solves min |matrix * x - b| with dgelsd for the nrhs right-hand sides b,
+// nothing printed: matrix is nrow x ncol column-major (leading dimension
+// nrow, ncol <= nrow) and is destroyed; rhs holds the nrhs columns of nrow
+// values one after the other, and each column receives its x in its first
+// ncol. Singular values at or below rcond times the largest count as zero.
+// Returns 0 with *info and *rank as dgelsd left them, or 1 when a work array
+// could not be allocated (*info and *rank then untouched).
+int solve_least_squares(int nrow, int ncol, int nrhs, double* matrix, double* rhs, double rcond,
+                        int* rank, int* info);
 
 // Writes the complex residual, measured pupil minus fitted pupil, of every
 // pixel into residual (2 * nx * ny floats, (real, imaginary) pairs in scan

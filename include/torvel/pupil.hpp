@@ -235,6 +235,10 @@ ParametricPupil* write_parametric_pupil(ParametricPupil* pupil, const char* file
 ParametricPupil* read_parametric_pupil(const char* file_name, std::int32_t* error_code,
                                        std::int32_t* line, std::int32_t* column);
 
+// What an error code of read_parametric_pupil means, in a few words, for
+// the programs' messages ("name:line:column: text").
+const char* read_parametric_pupil_error_text(std::int32_t code);
+
 // Reads one whole line of stream into *line (grown by 256 bytes at a time,
 // reallocated by this call; *size is its allocation) and drops the newline.
 // Returns 0 when a newline-ended line was read, 1 otherwise: at end of file

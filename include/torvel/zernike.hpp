@@ -127,6 +127,13 @@ void evaluate_zernike_radials(const ZernikeTables& tables, int n, int m, double*
 void combine_zernike_basis(const double* radials, const ZernikeTables& tables, int n, int m,
                            double* values);
 
+// evaluate_zernike_series at a point whose radial values, as
+// evaluate_zernike_radials gives them for (n, m) or for any set whose terms
+// begin with those of (n, m), are radials, and whose angle part is that of
+// tables.
+double evaluate_zernike_series_from_radials(const double* radials, const ZernikeTables& tables,
+                                            int n, int m, const double* coeffs);
+
 // evaluate_zernike_series at the point of tables, which must be filled for at
 // least zernike_table_size(n, m).
 double evaluate_zernike_series_from_tables(const ZernikeTables& tables, int n, int m,

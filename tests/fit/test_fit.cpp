@@ -6,6 +6,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <bit>
+#include <cstdint>
 #include <cfloat>
 #include <cmath>
 #include <cstdio>
@@ -125,6 +127,32 @@ TEST(FillMatrix, equals_the_naive_evaluation_bit_for_bit) {
     }
 }
 
+// The design matrix and the residual take a row mirrored through the centre
+// row from its twin: the same cosines and negated sines. That holds while the
+// C library's atan2 is odd in y and its sincos odd in the argument, bit for
+// bit, as checked here on the offsets and angles such rows give.
+TEST(MirroredRows, rely_on_atan2_and_sincos_being_odd_bit_for_bit) {
+    auto bits = [](double v) { return std::bit_cast<std::uint64_t>(v); };
+    std::size_t broken = 0;
+    for (const float spacing : {0.05f, 0.031f, 2.0f / 1024.0f}) {
+        for (int iy = 1; iy <= 48; ++iy) {
+            for (int ix = -48; ix <= 48; ++ix) {
+                const double x = static_cast<float>(ix) * spacing;
+                const double y = static_cast<float>(iy) * spacing;
+                const double theta = std::atan2(y, x);
+                broken += bits(std::atan2(-y, x)) != bits(-theta);
+                for (int l = 1; l <= zernike_table_max_order; ++l) {
+                    double s = 0.0, c = 0.0, s_mirror = 0.0, c_mirror = 0.0;
+                    ::sincos(static_cast<double>(l) * theta, &s, &c);
+                    ::sincos(static_cast<double>(l) * -theta, &s_mirror, &c_mirror);
+                    broken += bits(s_mirror) != bits(-s) || bits(c_mirror) != bits(c);
+                }
+            }
+        }
+    }
+    EXPECT_EQ(broken, 0u);
+}
+
 TEST(FillMatrixDeathTest, aborts_when_the_matrix_is_smaller_than_the_walk) {
     const int nrow = static_cast<int>(selected_pixels(kWholeEdges).size());
     std::vector<double> matrix(100);
@@ -198,6 +226,73 @@ TEST(ComputeFit, fails_with_its_messages_and_leaves_the_coefficients_alone) {
     EXPECT_EQ(fit(kWholeEdges, section.data(), 2, 0, nullptr, 1e-4f),
               "1:torvel: internal error: NULL coefficient array\n");
     EXPECT_EQ(fit(kWholeEdges, section.data(), -1, -1, nullptr, 1e-4f), "0:");
+}
+
+// compute_fit_pair against two compute_fit calls. With one set, one dgelsd
+// call serves both fits: it must print what two calls print, and give each
+// fit its own call's coefficients to the last bits, which LAPACK builds
+// round differently (tests/lapack runs this under each build). With two
+// sets, the smaller one's matrix being the larger one's first columns, the
+// coefficients must be those of the separate fits exactly.
+TEST(TwoRightHandSides, give_the_fits_of_separate_calls) {
+    const Geometry g{40.0f, 39.5f, 0.021f, 0.021f, 0.8f, 80, 80};
+    std::vector<float> amplitude(80 * 80), phase(80 * 80);
+    std::uint32_t state = 12345;
+    for (std::size_t i = 0; i < amplitude.size(); ++i) {
+        state = state * 1664525u + 1013904223u;
+        const double noise = (state >> 8) / 16777216.0 - 0.5;
+        const double x = (i % 80 - 40.0) / 38, y = (i / 80 - 39.5) / 38;
+        amplitude[i] =
+            static_cast<float>(0.9 - 0.2 * (x * x + y * y) + 0.1 * x * y * y + 0.01 * noise);
+        phase[i] = static_cast<float>(7 * (x * x + y * y) + 0.9 * x - 0.3 * x * y +
+                                      0.5 * y * y * y + 0.02 * noise);
+    }
+    const struct {
+        int na, ma, np, mp;
+        float tol;
+    } cases[] = {
+        {8, 8, 8, 8, 1e-4f}, {12, 4, 12, 4, 0.01f}, {6, 2, 10, 4, 1e-4f}, {10, 4, 6, 2, 0.3f}};
+    for (const auto& c : cases) {
+        std::vector<double> a(zernike_term_count(c.na, c.ma)), p(zernike_term_count(c.np, c.mp));
+        std::vector<double> pair_a(a.size()), pair_p(p.size());
+        const std::string fit_a = fit(g, amplitude.data(), c.na, c.ma, a.data(), c.tol);
+        const std::string fit_p = fit(g, phase.data(), c.np, c.mp, p.data(), c.tol);
+        ASSERT_EQ(fit_a.substr(0, 2) + fit_p.substr(0, 2), "0:0:");
+        testing::internal::CaptureStdout();
+        const int status =
+            compute_fit_pair(g.x0, g.y0, g.dx, g.dy, g.cutoff, g.nx, g.ny,
+                             {"A\n", amplitude.data(), c.na, c.ma, pair_a.data()},
+                             {"P\n", phase.data(), c.np, c.mp, pair_p.data()}, c.tol);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(),
+                  "A\n" + fit_a.substr(2) + "P\n" + fit_p.substr(2));
+        EXPECT_EQ(status, 0);
+        for (auto [mine, theirs] : {std::pair{&pair_a, &a}, {&pair_p, &p}}) {
+            for (std::size_t i = 0; i < mine->size(); ++i) {
+                if (c.na != c.np) {
+                    EXPECT_EQ((*mine)[i], (*theirs)[i]) << i;
+                    continue;
+                }
+                char printed[2][32];
+                std::snprintf(printed[0], 32, "%g", (*mine)[i]);
+                std::snprintf(printed[1], 32, "%g", (*theirs)[i]);
+                EXPECT_STREQ(printed[0], printed[1]) << i;
+                EXPECT_NEAR((*mine)[i], (*theirs)[i], 1e-10 * std::fabs((*theirs)[0])) << i;
+            }
+        }
+    }
+    // The second fit fails where it always has: after the first one's rank.
+    std::vector<double> a(4), p(15, -7.0);
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    const int status = compute_fit_pair(kWholeEdges.x0, kWholeEdges.y0, kWholeEdges.dx,
+                                        kWholeEdges.dy, kWholeEdges.cutoff, kWholeEdges.nx,
+                                        kWholeEdges.ny, {"A\n", amplitude.data(), 2, 0, a.data()},
+                                        {"P\n", phase.data(), 4, 4, p.data()}, 1e-4f);
+    EXPECT_EQ(testing::internal::GetCapturedStdout() + testing::internal::GetCapturedStderr(),
+              "A\n4 unknowns 10 measurements\nrank 4\nP\n15 unknowns 10 measurements\n"
+              "torvel: more parameters (15) than measurements (10)\n");
+    EXPECT_EQ(status, 1);
+    EXPECT_EQ(p, std::vector<double>(15, -7.0));
 }
 
 struct Series {

@@ -4,8 +4,9 @@ Written from the description of the fitting rules alone, apart from the C++
 code: it reads the pupil function image, splits complex samples into amplitude
 and phase, unwraps the phase, selects the pupil pixels, builds the Zernike
 design matrix, solves it with LAPACK's dgelsd (through numpy.linalg.lstsq,
-which calls that routine with the same relative tolerance) and computes the
-residual image. Then it checks torvel's outputs against that computation:
+which calls that routine with the same relative tolerance; like torvel, with
+both right-hand sides in one call when amplitude and phase have the same set)
+and computes the residual image. Then it checks torvel's outputs against that computation:
 
   - the fit file, line for line: every coefficient printed with "%g" must be
     the same text;
@@ -405,20 +406,22 @@ def phunwrap(g, phase):
 # ---------------------------------------------------------------------------
 # Least squares and residuals
 
-def fit(g, plane, n, m, tolerance, log):
-    """Coefficients of the set (n, m) fitted to the sampled pixels of plane
-    by dgelsd with rcond = tolerance; None for an empty set."""
+def fit(g, planes, n, m, tolerance):
+    """Coefficients of the set (n, m) fitted to the sampled pixels of each
+    plane by dgelsd with rcond = tolerance (one call for all planes, as
+    torvel solves two fits of the same set), and the lines the fit prints;
+    None and no lines for an empty set."""
     if n < 0:
-        return None
+        return [None] * len(planes), []
     ncol = term_count(n, m)
     rows = g.disc_rows()
     pixels = [(ix, iy) for iy, first, last in rows for ix in range(first, last)]
     nrow = len(pixels)
-    log.append('%d unknowns %d measurements' % (ncol, nrow))
     if ncol > nrow:
         raise Unchecked('more unknowns than measurements: torvel is expected to fail')
     matrix = np.empty((nrow, ncol), dtype=np.float64)
-    rhs = np.array([plane[iy * g.nx + ix] for ix, iy in pixels], dtype=np.float64)
+    rhs = np.array([[plane[iy * g.nx + ix] for plane in planes] for ix, iy in pixels],
+                   dtype=np.float64)
     set_terms = list(terms(n, m))
     for row, (ix, iy) in enumerate(pixels):
         rho, theta = g.polar(ix, iy)
@@ -433,8 +436,8 @@ def fit(g, plane, n, m, tolerance, log):
                 values.append(r * math.sin(angle))
         matrix[row, :] = values
     solution, _, rank, _ = np.linalg.lstsq(matrix, rhs, rcond=tolerance)
-    log.append('rank %d' % rank)
-    return [float(v) for v in solution]
+    lines = ['%d unknowns %d measurements' % (ncol, nrow), 'rank %d' % rank]
+    return [[float(v) for v in solution[:, k]] for k in range(len(planes))], lines
 
 
 def residual(g, amplitude, phase, amp_set, amp_coeff, phase_set, phase_coeff, log):
@@ -496,11 +499,17 @@ class Reference:
             g = Geometry(x0, y0, image.dx, image.dy, f32(na_times_1000 / wavelength),
                          image.nx, image.ny)
             amplitude, phase = amplitude_and_phase(image, w)
+            phunwrap(g, phase)  # changes nothing the amplitude fit reads
+            if o.amplitude_set == o.phase_set:
+                (amp, ph), lines = fit(g, [amplitude, phase], *o.amplitude_set, o.tolerance)
+                amp_lines = phase_lines = lines
+            else:
+                (amp,), amp_lines = fit(g, [amplitude], *o.amplitude_set, o.tolerance)
+                (ph,), phase_lines = fit(g, [phase], *o.phase_set, o.tolerance)
             self.log.append('Performing least squares fit to amplitude...')
-            amp = fit(g, amplitude, *o.amplitude_set, o.tolerance, self.log)
+            self.log += amp_lines
             self.log.append('Performing least squares fit to phase...')
-            phunwrap(g, phase)
-            ph = fit(g, phase, *o.phase_set, o.tolerance, self.log)
+            self.log += phase_lines
             self.amp_coeff.append(amp)
             self.phase_coeff.append(ph)
             if o.residual is not None:

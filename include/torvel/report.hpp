@@ -1,0 +1,172 @@
+#pragma once
+// torvel-report: what a fit file says, in the numbers microscopists quote and
+// the pictures they look at. Wavefront RMS, peak to valley and Strehl
+// estimate, the amplitude's mean and spread, the largest aberrations named
+// with their Noll and OSA/ANSI indices, a JSON and a CSV export of every
+// coefficient with its conventions, and a PNG figure of the fitted (and
+// measured, and residual) pupil.
+//
+// Conventions used throughout. Coefficients are stored for torvel's
+// unnormalised basis (R_n^m(1) = 1), phase ones in radians. A term's RMS over
+// the unit disc is |c| sqrt(zernike_mean_square(n, m)), and the terms are
+// orthogonal, so every RMS figure here is an exact sum over coefficients, not
+// a sum over pixels. A phase in radians becomes a wavefront in nm as
+// rad / (2 pi) * wavelength in nm; fit files keep wavelengths in micrometres.
+//
+// This module is a library of its own (torvel_report), apart from torvel, so
+// that programs using torvel need neither cairo nor a JSON library.
+
+#include <cstdio>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace torvel {
+
+// ---- terms and conventions ---------------------------------------------------
+
+// Which part of a term: R_n^0 alone (m = 0), or R_n^m times cos or sin(m theta).
+enum class zernike_part { radial, cosine, sine };
+
+// Noll's index (from 1): terms ordered by n, then by m; of a cos/sin pair
+// the cosine term takes the even index and the sine term the odd one.
+int noll_index(int n, int m, zernike_part part);
+
+// OSA/ANSI index (from 0): (n(n + 2) + s) / 2 with s = m for the cosine (and
+// R_n^0) and s = -m for the sine.
+int osa_index(int n, int m, zernike_part part);
+
+// Common name of the aberration of radial order n and angular frequency m:
+// "piston", "tilt", "defocus", "astigmatism", "coma", "trefoil",
+// "spherical", "tetrafoil", "pentafoil", ...; higher orders of the same shape
+// are "secondary", "tertiary", "quaternary", "quinary", then "6th order", ...
+std::string aberration_name(int n, int m);
+
+// Mean of (R_n^m(rho) cos(m theta))^2 over the unit disc: 1 / (n + 1) for
+// m = 0 and 1 / (2 (n + 1)) for m > 0 (the sine term has the same).
+double zernike_mean_square(int n, int m);
+
+// A phase in radians as a wavefront in nm at the given wavelength.
+double radians_to_nm(double radians, double wavelength_nm);
+
+// ---- the model of one fit file -----------------------------------------------
+
+// One wavelength of a fit: coefficients in torvel's slot order.
+struct report_wavelength {
+    float wavelength_um;
+    std::vector<double> amplitude;  // empty: no amplitude series (amplitude 1)
+    std::vector<double> phase;      // empty: no phase series (phase 0)
+};
+
+// What the report takes from one fit file.
+struct report_model {
+    std::string file;
+    float na;
+    float n_imm;
+    int lens_id;
+    int amplitude_n, amplitude_m;  // (-1, -1): no series
+    int phase_n, phase_m;
+    std::vector<report_wavelength> waves;
+};
+
+// Reads a fit file into *model. Returns 0, or 1 after one message
+// "torvel-report: file:line:column: what is wrong" on standard error.
+int load_report_model(const char* file, report_model* model);
+
+// ---- figures of merit --------------------------------------------------------
+
+// The RMS contribution of one aberration: a cos/sin pair of (n, m) combined.
+struct aberration_share {
+    int n, m;
+    int noll[2];  // cos, sin; noll[1] = osa[1] = -1 when m = 0
+    int osa[2];
+    double rms_nm;
+    std::string name;
+};
+
+// The figures of one wavelength of a fit. "Wavefront" is the phase with
+// piston and tilt removed; "nodefocus" removes R_2^0 as well.
+struct wavelength_metrics {
+    double wavelength_nm;
+    double rms_rad, rms_nodefocus_rad;      // exact, from the coefficients
+    double pv_rad, pv_nodefocus_rad;        // over kPeakToValleyRadii x kPeakToValleyAngles points
+    double strehl, strehl_nodefocus;        // Marechal: exp(-rms_rad^2)
+    double mean_amplitude;                  // exact: the R_0^0 coefficient
+    double amplitude_relative_rms;          // exact RMS about the mean, over the mean
+    double defocus_nm, spherical_nm;        // signed RMS-normalised R_2^0 and R_4^0
+    std::vector<aberration_share> largest;  // by RMS, descending, n >= 2
+};
+
+// The polar grid of the peak-to-valley search: rho = i / (radii - 1) for
+// i = 0 .. radii - 1 (the rim included) and theta = 2 pi j / angles.
+inline constexpr int kPeakToValleyRadii = 257;
+inline constexpr int kPeakToValleyAngles = 720;
+
+// How many aberrations the table names per wavelength.
+inline constexpr int kLargestAberrations = 5;
+
+// The figures of wavelength `wave` of model.
+wavelength_metrics compute_wavelength_metrics(const report_model& model, int wave);
+
+// A fit file with the figures of each of its wavelengths.
+struct report_entry {
+    report_model model;
+    std::vector<wavelength_metrics> metrics;
+};
+
+// Writes the report tables (wavefront, amplitude, largest aberrations,
+// defocus and spherical against wavelength) of every entry to stream.
+void print_report_table(std::FILE* stream, std::span<const report_entry> entries);
+
+// ---- exports -----------------------------------------------------------------
+
+// Writes every coefficient of every wavelength of every entry, the figures,
+// the optics and the conventions as JSON to name, through safeout. Returns 0,
+// or 1 after one message.
+int write_report_json(const char* name, std::span<const report_entry> entries);
+
+// Writes every coefficient of every wavelength of every entry as CSV to name,
+// with the conventions and optics in leading "#" lines, through safeout.
+// Returns 0, or 1 after one message.
+int write_report_csv(const char* name, std::span<const report_entry> entries);
+
+// Draws the figure of one fit to a PNG file named png_name, through safeout:
+// per wavelength an amplitude row and a phase row with the fitted model;
+// beside it the measured amplitude and unwrapped phase when image_name is not
+// null, and the residual (measured minus fitted amplitude, and phase) when
+// residual_name is not null. Returns 0, or 1 after one message per problem
+// (images that cannot be read or do not match the model).
+int write_report_figure(const char* png_name, const report_entry& entry, const char* image_name,
+                        const char* residual_name);
+
+// ---- the program -------------------------------------------------------------
+
+// What the command line of torvel-report settles. Names point into argv.
+struct report_inputs {
+    std::vector<const char*> fit_files;
+    const char* json_name = nullptr;
+    const char* csv_name = nullptr;
+    const char* png_name = nullptr;
+    const char* image_name = nullptr;
+    const char* residual_name = nullptr;
+};
+
+// Writes the usage text of torvel-report to stream.
+void print_report_usage(std::FILE* stream);
+
+// Returns true when any argument asks for help: -h, -H, -help, -Help or --help.
+bool report_help_requested(int argc, const char* const* argv);
+
+// Fills *inputs from `torvel-report fit_file... [options]`. Reports every
+// problem, one line each, and returns 1 if there was any, else 0.
+int parse_report_command_line(int argc, const char* const* argv, report_inputs* inputs);
+
+// Reads every fit file and computes its figures; a file the reader rejects is
+// reported and skipped. Returns 0 when all were read, else 1.
+int load_report_entries(const report_inputs& inputs, std::vector<report_entry>* entries);
+
+// Writes the outputs the command line asks for. Returns 0, or 1 when any
+// failed (each failure reported).
+int write_report_outputs(const report_inputs& inputs, std::span<const report_entry> entries);
+
+}  // namespace torvel

@@ -1,0 +1,539 @@
+// The PNG figure of one fit, drawn with cairo: per wavelength a band with an
+// amplitude row and a phase row (measured, fitted, residual side by side),
+// each panel the pupil disc with its title and a colour bar with units.
+
+#include <algorithm>
+#include <cairo.h>
+#include <cerrno>
+#include <cmath>
+#include <complex>
+#include <cstdio>
+#include <cstring>
+#include <limits>
+#include <numbers>
+#include <string>
+#include <vector>
+
+#include <torvel/report.hpp>
+#include <torvel/safeout.hpp>
+#include <torvel/zernike.hpp>
+
+#include "figure_detail.hpp"
+
+namespace torvel {
+namespace {
+
+using namespace report_detail;
+
+// Layout in PNG pixels.
+constexpr int kDisc = 220;        // diameter of the pupil disc of a panel
+constexpr int kPanelWidth = 316;  // disc, colour bar and its labels
+constexpr int kPanelHeight = 266;
+constexpr int kTitleHeight = 30;
+constexpr int kBarGap = 14;
+constexpr int kBarWidth = 14;
+constexpr int kMargin = 16;
+constexpr int kHeaderHeight = 58;
+constexpr int kBandHeading = 34;
+constexpr int kFooterHeight = 48;
+constexpr int kMinimumWidth = 700;
+// Pixels across the disc of a fitted panel drawn without an image.
+constexpr int kModelGridRadius = kDisc / 2;
+
+constexpr float kNotInDisc = std::numeric_limits<float>::quiet_NaN();
+
+// The pixels of an image that the disc covers, inclusive bounds.
+struct pixel_box {
+    int c0, c1, r0, r1;
+    int width() const { return c1 - c0 + 1; }
+    int height() const { return r1 - r0 + 1; }
+};
+
+// One panel: values over the box (NaN outside the disc), row r0 first.
+struct panel {
+    std::string title;
+    std::string unit;
+    std::vector<float> values;
+    bool diverging = false;
+    double lo = 0.0, hi = 1.0;
+};
+
+// One wavelength: the pixels it is drawn on and its rows of panels.
+struct band {
+    std::string heading;
+    std::vector<std::string> notes;  // the largest aberrations, for an empty cell
+    image_geometry g;
+    float cutoff;
+    pixel_box box;
+    std::vector<std::vector<panel>> rows;
+};
+
+pixel_box disc_box(const image_geometry& g, float cutoff) {
+    const double rx = double(cutoff) / g.dx, ry = double(cutoff) / g.dy;
+    return {std::max(0, int(std::floor(g.x0 - rx))), std::min(g.nx - 1, int(std::ceil(g.x0 + rx))),
+            std::max(0, int(std::floor(g.y0 - ry))), std::min(g.ny - 1, int(std::ceil(g.y0 + ry)))};
+}
+
+// Calls visit(index into the box, pixel index into the image, rho, theta) for
+// every pixel that torvel fits: the rows y0 - ry <= iy < y0 + ry with
+// ry = cutoff / dy, in each the columns x0 - hw <= ix < x0 + hw with the
+// row's half-width hw, in the same float steps and with the same pixel to
+// pupil mapping as the fit (<torvel/fit.hpp>). Residuals exist only there.
+template <class Visit>
+void for_each_disc_pixel(const band& b, Visit&& visit) {
+    const image_geometry& g = b.g;
+    const float ry = b.cutoff / g.dy;
+    const double row_lo = double(g.y0 - ry), row_hi = double(g.y0 + ry);
+    for (int iy = b.box.r0; iy <= b.box.r1; ++iy) {
+        if (!(row_lo <= iy && iy < row_hi)) continue;
+        const float y = (float(iy) - g.y0) * g.dy;
+        const float hw = float(std::sqrt(double(b.cutoff * b.cutoff - y * y)) / double(g.dx));
+        const double col_lo = double(g.x0 - hw), col_hi = double(g.x0 + hw);
+        for (int ix = b.box.c0; ix <= b.box.c1; ++ix) {
+            if (!(col_lo <= ix && ix < col_hi)) continue;
+            const float x = (float(ix) - g.x0) * g.dx;
+            const double rho = std::sqrt(double(x * x + y * y)) / double(b.cutoff);
+            const double theta = rho > 0.0 ? std::atan2(double(y), double(x)) : 0.0;
+            visit(std::size_t(iy - b.box.r0) * b.box.width() + (ix - b.box.c0),
+                  std::size_t(iy) * g.nx + ix, rho, theta);
+        }
+    }
+}
+
+panel empty_panel(const band& b, std::string title, std::string unit, bool diverging) {
+    panel p{std::move(title), std::move(unit), {}, diverging};
+    p.values.assign(std::size_t(b.box.width()) * b.box.height(), kNotInDisc);
+    return p;
+}
+
+// Value of a series at one point; the neutral value when there is none.
+double series_value(const std::vector<double>& c, int n, int m, double rho, double theta,
+                    double neutral) {
+    return c.empty() ? neutral : evaluate_zernike_series(rho, theta, n, m, c.data());
+}
+
+// The fitted amplitude and phase of wavelength w over the band's pixels.
+void add_fitted(const report_model& model, int w, const band& b, panel* amplitude, panel* phase) {
+    const report_wavelength& fit = model.waves[std::size_t(w)];
+    for_each_disc_pixel(b, [&](std::size_t k, std::size_t, double rho, double theta) {
+        amplitude->values[k] = float(
+            series_value(fit.amplitude, model.amplitude_n, model.amplitude_m, rho, theta, 1.0));
+        phase->values[k] =
+            float(series_value(fit.phase, model.phase_n, model.phase_m, rho, theta, 0.0));
+    });
+}
+
+// The fitted phase without piston, tilt and defocus, as a wavefront in nm:
+// what is left for the eye once the largest, least interesting terms are gone.
+void add_aberrations(const report_model& model, int w, double wavelength_nm, const band& b,
+                     panel* wavefront) {
+    std::vector<double> c = model.waves[std::size_t(w)].phase;
+    const int last = std::min(int(c.size()) - 1, zernike_term_index(2, 0));
+    for (int slot = 0; slot <= last; ++slot) c[std::size_t(slot)] = 0.0;
+    for_each_disc_pixel(b, [&](std::size_t k, std::size_t, double rho, double theta) {
+        const double phase = series_value(c, model.phase_n, model.phase_m, rho, theta, 0.0);
+        wavefront->values[k] = float(radians_to_nm(phase, wavelength_nm));
+    });
+}
+
+void add_measured(const measured_wavelength& m, const band& b, panel* amplitude, panel* phase) {
+    for_each_disc_pixel(b, [&](std::size_t k, std::size_t pixel, double, double) {
+        amplitude->values[k] = m.amplitude[pixel];
+        phase->values[k] = m.phase[pixel];
+    });
+}
+
+// The residual r = measured - fitted as amplitude and phase differences:
+// measured = fitted + r, so |fitted + r| - |fitted| and arg((fitted + r) /
+// fitted), the latter within (-pi, pi].
+void add_residual(const report_model& model, int w, const float* r, const band& b, panel* amplitude,
+                  panel* phase) {
+    const report_wavelength& fit = model.waves[std::size_t(w)];
+    for_each_disc_pixel(b, [&](std::size_t k, std::size_t pixel, double rho, double theta) {
+        const double a =
+            series_value(fit.amplitude, model.amplitude_n, model.amplitude_m, rho, theta, 1.0);
+        const double p = series_value(fit.phase, model.phase_n, model.phase_m, rho, theta, 0.0);
+        const std::complex<double> fitted = std::polar(a, p);
+        const std::complex<double> measured =
+            fitted + std::complex<double>(r[2 * pixel], r[2 * pixel + 1]);
+        amplitude->values[k] = float(std::abs(measured) - std::abs(fitted));
+        phase->values[k] = float(std::arg(measured * std::conj(fitted)));
+    });
+}
+
+// Sets lo and hi of the panels to their common range (symmetric about 0 for
+// diverging ones); a constant range is widened so it can be drawn.
+void set_common_range(std::vector<panel*> panels) {
+    double lo = std::numeric_limits<double>::infinity(), hi = -lo;
+    for (const panel* p : panels) {
+        for (float v : p->values) {
+            if (!std::isfinite(v)) continue;
+            lo = std::min(lo, double(v));
+            hi = std::max(hi, double(v));
+        }
+    }
+    if (!(lo <= hi)) lo = hi = 0.0;
+    if (panels.front()->diverging) {
+        hi = std::max(std::fabs(lo), std::fabs(hi));
+        lo = -hi;
+    }
+    if (hi - lo <= 1e-12 * std::max(1.0, std::fabs(hi))) {
+        const double half = hi != 0.0 ? 0.05 * std::fabs(hi) : 1.0;
+        lo -= half;
+        hi += half;
+    }
+    for (panel* p : panels) {
+        p->lo = lo;
+        p->hi = hi;
+    }
+}
+
+std::string heading_of(const wavelength_metrics& w) {
+    char text[200];
+    std::snprintf(text, sizeof text,
+                  "%g nm: wavefront RMS %.1f nm (%.1f nm without defocus), P-V %.0f nm; mean "
+                  "amplitude %.3f",
+                  w.wavelength_nm, radians_to_nm(w.rms_rad, w.wavelength_nm),
+                  radians_to_nm(w.rms_nodefocus_rad, w.wavelength_nm),
+                  radians_to_nm(w.pv_rad, w.wavelength_nm), w.mean_amplitude);
+    return text;
+}
+
+std::vector<std::string> aberration_notes(const wavelength_metrics& w) {
+    std::vector<std::string> notes = {"largest aberrations, nm RMS"};
+    const std::size_t shown = std::min<std::size_t>(kLargestAberrations, w.largest.size());
+    for (std::size_t k = 0; k < shown; ++k) {
+        const aberration_share& a = w.largest[k];
+        char line[120];
+        if (a.m == 0) {
+            std::snprintf(line, sizeof line, "%.1f  %s (Z%d)", a.rms_nm, a.name.c_str(), a.noll[0]);
+        } else {
+            std::snprintf(line, sizeof line, "%.1f  %s (Z%d, Z%d)", a.rms_nm, a.name.c_str(),
+                          std::min(a.noll[0], a.noll[1]), std::max(a.noll[0], a.noll[1]));
+        }
+        notes.push_back(line);
+    }
+    return notes;
+}
+
+// The pixels a model alone is drawn on: one display pixel per grid pixel.
+image_geometry model_grid() {
+    const float spacing = 1.0f / kModelGridRadius;
+    return {float(kModelGridRadius),  float(kModelGridRadius), spacing, spacing, 0.0f,
+            2 * kModelGridRadius + 1, 2 * kModelGridRadius + 1};
+}
+
+// Builds the band of wavelength w from whatever sources there are.
+band make_band(const report_entry& entry, int w, const measured_pupil* measured,
+               const residual_image* residual) {
+    band b;
+    b.heading = heading_of(entry.metrics[std::size_t(w)]);
+    b.notes = aberration_notes(entry.metrics[std::size_t(w)]);
+    if (measured != nullptr) {
+        b.g = measured->geometry;
+        b.cutoff = measured->waves[std::size_t(w)].cutoff;
+    } else if (residual != nullptr) {
+        b.g = residual->geometry;
+        b.cutoff = residual->cutoff[std::size_t(w)];
+    } else {
+        b.g = model_grid();
+        b.cutoff = 1.0f;
+    }
+    b.box = disc_box(b.g, b.cutoff);
+    std::vector<panel> amplitude, phase;
+    if (measured != nullptr) {
+        amplitude.push_back(empty_panel(b, "measured amplitude", "a.u.", false));
+        phase.push_back(empty_panel(b, "measured phase, unwrapped", "rad", false));
+        add_measured(measured->waves[std::size_t(w)], b, &amplitude.back(), &phase.back());
+    }
+    amplitude.push_back(empty_panel(b, "fitted amplitude", "a.u.", false));
+    phase.push_back(empty_panel(b, "fitted phase", "rad", false));
+    add_fitted(entry.model, w, b, &amplitude.back(), &phase.back());
+    std::vector<panel*> amplitude_scale, phase_scale;
+    for (panel& p : amplitude) amplitude_scale.push_back(&p);
+    for (panel& p : phase) phase_scale.push_back(&p);
+    set_common_range(amplitude_scale);
+    set_common_range(phase_scale);
+    if (residual != nullptr) {
+        amplitude.push_back(empty_panel(b, "residual amplitude", "a.u.", true));
+        phase.push_back(empty_panel(b, "residual phase", "rad", true));
+        add_residual(entry.model, w, residual->waves[std::size_t(w)].get(), b, &amplitude.back(),
+                     &phase.back());
+        set_common_range({&amplitude.back()});
+        set_common_range({&phase.back()});
+    }
+    phase.push_back(empty_panel(b, "without tilt and defocus", "nm", false));
+    add_aberrations(entry.model, w, entry.metrics[std::size_t(w)].wavelength_nm, b, &phase.back());
+    set_common_range({&phase.back()});
+    if (amplitude.size() == 1) {  // the fit alone: one row of amplitude, phase, aberrations
+        for (panel& p : phase) amplitude.push_back(std::move(p));
+        b.rows = {std::move(amplitude)};
+    } else {
+        b.rows = {std::move(amplitude), std::move(phase)};
+    }
+    return b;
+}
+
+// ---- drawing ------------------------------------------------------------------
+
+const unsigned char* colour(const panel& p, double value) {
+    double t = (value - p.lo) / (p.hi - p.lo);
+    t = std::clamp(t, 0.0, 1.0);
+    const int index = int(std::lround(t * 255.0));
+    return p.diverging ? kCoolwarm[index] : kViridis[index];
+}
+
+void set_font(cairo_t* cr, double size, bool bold) {
+    cairo_select_font_face(cr, "sans-serif", CAIRO_FONT_SLANT_NORMAL,
+                           bold ? CAIRO_FONT_WEIGHT_BOLD : CAIRO_FONT_WEIGHT_NORMAL);
+    cairo_set_font_size(cr, size);
+}
+
+void text_at(cairo_t* cr, double x, double y, const std::string& text) {
+    cairo_move_to(cr, x, y);
+    cairo_show_text(cr, text.c_str());
+}
+
+// The panel's values as an image, row r1 at the top (y drawn upwards).
+cairo_surface_t* raster(const panel& p, const pixel_box& box) {
+    cairo_surface_t* s = cairo_image_surface_create(CAIRO_FORMAT_ARGB32, box.width(), box.height());
+    cairo_surface_flush(s);
+    unsigned char* data = cairo_image_surface_get_data(s);
+    const int stride = cairo_image_surface_get_stride(s);
+    for (int r = 0; r < box.height(); ++r) {
+        auto* out =
+            reinterpret_cast<std::uint32_t*>(data + std::size_t(box.height() - 1 - r) * stride);
+        for (int c = 0; c < box.width(); ++c) {
+            const float v = p.values[std::size_t(r) * box.width() + c];
+            if (!std::isfinite(v)) {
+                out[c] = 0;
+                continue;
+            }
+            const unsigned char* rgb = colour(p, v);
+            out[c] =
+                0xFF000000u | (std::uint32_t(rgb[0]) << 16) | (std::uint32_t(rgb[1]) << 8) | rgb[2];
+        }
+    }
+    cairo_surface_mark_dirty(s);
+    return s;
+}
+
+// The disc of a panel, centred at (cx, cy): every pixel a square of the
+// pixel spacing, clipped to the pupil edge, which is drawn as a circle.
+void draw_disc(cairo_t* cr, const band& b, const panel& p, double cx, double cy) {
+    const double sx = kDisc / (2.0 * b.cutoff / b.g.dx);  // PNG pixels per image pixel
+    const double sy = kDisc / (2.0 * b.cutoff / b.g.dy);
+    cairo_save(cr);
+    cairo_arc(cr, cx, cy, kDisc / 2.0, 0.0, 2.0 * std::numbers::pi);
+    cairo_clip(cr);
+    if (b.box.width() > 0 && b.box.height() > 0) {
+        cairo_surface_t* image = raster(p, b.box);
+        cairo_translate(cr, cx + (b.box.c0 - 0.5 - b.g.x0) * sx,
+                        cy - (b.box.r1 + 0.5 - b.g.y0) * sy);
+        cairo_scale(cr, sx, sy);
+        cairo_set_source_surface(cr, image, 0.0, 0.0);
+        cairo_pattern_set_filter(cairo_get_source(cr), CAIRO_FILTER_NEAREST);
+        cairo_paint(cr);
+        cairo_surface_destroy(image);
+    }
+    cairo_restore(cr);
+    cairo_arc(cr, cx, cy, kDisc / 2.0, 0.0, 2.0 * std::numbers::pi);
+    cairo_set_source_rgb(cr, 0.25, 0.25, 0.25);
+    cairo_set_line_width(cr, 1.2);
+    cairo_stroke(cr);
+}
+
+// A step of 1, 2 or 5 times a power of ten giving about five ticks.
+double tick_step(double range) {
+    const double raw = range / 5.0;
+    const double power = std::pow(10.0, std::floor(std::log10(raw)));
+    const double f = raw / power;
+    return power * (f < 1.5 ? 1.0 : f < 3.5 ? 2.0 : f < 7.5 ? 5.0 : 10.0);
+}
+
+// The colour bar at (x, y), kDisc high, low values at the bottom, with ticks
+// and the unit above it.
+void draw_colour_bar(cairo_t* cr, const panel& p, double x, double y) {
+    for (int i = 0; i < kDisc; ++i) {
+        const double value = p.lo + (p.hi - p.lo) * (i + 0.5) / kDisc;
+        const unsigned char* rgb = colour(p, value);
+        cairo_set_source_rgb(cr, rgb[0] / 255.0, rgb[1] / 255.0, rgb[2] / 255.0);
+        cairo_rectangle(cr, x, y + kDisc - i - 1, kBarWidth, 1.0);
+        cairo_fill(cr);
+    }
+    cairo_set_source_rgb(cr, 0.25, 0.25, 0.25);
+    cairo_set_line_width(cr, 1.0);
+    cairo_rectangle(cr, x + 0.5, y + 0.5, kBarWidth - 1.0, kDisc - 1.0);
+    cairo_stroke(cr);
+
+    const double step = tick_step(p.hi - p.lo);
+    const int decimals = std::max(0, int(-std::floor(std::log10(step) + 1e-9)));
+    set_font(cr, 12.0, false);
+    cairo_set_source_rgb(cr, 0.1, 0.1, 0.1);
+    for (double t = std::ceil(p.lo / step - 1e-9) * step; t <= p.hi + 1e-9 * step; t += step) {
+        const double ty = y + kDisc - (t - p.lo) / (p.hi - p.lo) * kDisc;
+        cairo_move_to(cr, x + kBarWidth, ty);
+        cairo_line_to(cr, x + kBarWidth + 4, ty);
+        cairo_stroke(cr);
+        char label[32];
+        std::snprintf(label, sizeof label, "%.*f", decimals, std::fabs(t) < 0.5 * step ? 0.0 : t);
+        text_at(cr, x + kBarWidth + 7, ty + 4, label);
+    }
+    set_font(cr, 12.0, true);
+    text_at(cr, x, y + kDisc + 16, p.unit);
+}
+
+void draw_panel(cairo_t* cr, const band& b, const panel& p, double x, double y) {
+    set_font(cr, 15.0, true);
+    cairo_set_source_rgb(cr, 0.1, 0.1, 0.1);
+    text_at(cr, x + kMargin, y + 20, p.title);
+    const double top = y + kTitleHeight;
+    draw_disc(cr, b, p, x + kMargin + kDisc / 2.0, top + kDisc / 2.0);
+    draw_colour_bar(cr, p, x + kMargin + kDisc + kBarGap, top);
+}
+
+// The notes of a band in the cell at (x, y), where a shorter row leaves room.
+void draw_notes(cairo_t* cr, const band& b, double x, double y) {
+    cairo_set_source_rgb(cr, 0.1, 0.1, 0.1);
+    for (std::size_t k = 0; k < b.notes.size(); ++k) {
+        set_font(cr, k == 0 ? 15.0 : 13.0, k == 0);
+        text_at(cr, x + kMargin, y + 20 + (k == 0 ? 0.0 : 14.0 + 20.0 * double(k)), b.notes[k]);
+    }
+}
+
+struct figure_size {
+    int width, height;
+};
+
+figure_size size_of(const std::vector<band>& bands) {
+    int columns = 0, height = kHeaderHeight + kFooterHeight;
+    for (const band& b : bands) {
+        for (const auto& row : b.rows) columns = std::max(columns, int(row.size()));
+        height += kBandHeading + int(b.rows.size()) * kPanelHeight;
+    }
+    return {std::max(kMinimumWidth, columns * kPanelWidth + 2 * kMargin), height};
+}
+
+void draw_figure(cairo_t* cr, const report_entry& entry, const std::vector<band>& bands,
+                 const figure_size& size, bool residual) {
+    cairo_set_source_rgb(cr, 1.0, 1.0, 1.0);
+    cairo_paint(cr);
+    cairo_set_source_rgb(cr, 0.1, 0.1, 0.1);
+    set_font(cr, 17.0, true);
+    text_at(cr, kMargin, 26, entry.model.file);
+    set_font(cr, 13.0, false);
+    char optics[160];
+    std::snprintf(optics, sizeof optics,
+                  "NA %g, immersion index %g, lens %d; phase Zernike set (%d, %d), amplitude (%d, "
+                  "%d)",
+                  double(entry.model.na), double(entry.model.n_imm), entry.model.lens_id,
+                  entry.model.phase_n, entry.model.phase_m, entry.model.amplitude_n,
+                  entry.model.amplitude_m);
+    text_at(cr, kMargin, 46, optics);
+
+    double y = kHeaderHeight;
+    for (const band& b : bands) {
+        set_font(cr, 15.0, true);
+        cairo_set_source_rgb(cr, 0.1, 0.1, 0.1);
+        text_at(cr, kMargin, y + 24, b.heading);
+        y += kBandHeading;
+        std::size_t columns = 0;
+        for (const auto& row : b.rows) columns = std::max(columns, row.size());
+        bool noted = false;
+        for (const auto& row : b.rows) {
+            for (std::size_t k = 0; k < row.size(); ++k)
+                draw_panel(cr, b, row[k], kMargin + double(k) * kPanelWidth, y);
+            if (!noted && row.size() < columns) {
+                draw_notes(cr, b, kMargin + double(row.size()) * kPanelWidth, y);
+                noted = true;
+            }
+            y += kPanelHeight;
+        }
+    }
+    set_font(cr, 12.0, false);
+    cairo_set_source_rgb(cr, 0.3, 0.3, 0.3);
+    text_at(cr, kMargin, size.height - 28,
+            "Seen with x (image columns) to the right and y (rows) up; theta runs from +x "
+            "towards +y. Circle: pupil edge, NA / wavelength.");
+    text_at(cr, kMargin, size.height - 12,
+            std::string("Phase in rad as fitted, piston and tilt included; without tilt and "
+                        "defocus: the fitted wavefront less piston, tilt and defocus, in nm") +
+                (residual ? "; residual = measured - fitted." : "."));
+}
+
+cairo_status_t write_to_file(void* closure, const unsigned char* data, unsigned int length) {
+    auto* stream = static_cast<std::FILE*>(closure);
+    return std::fwrite(data, 1, length, stream) == length ? CAIRO_STATUS_SUCCESS
+                                                          : CAIRO_STATUS_WRITE_ERROR;
+}
+
+// Writes the surface as PNG through safeout. Returns 0, or 1 after a message.
+int write_png(cairo_surface_t* surface, const char* name) {
+    safe_output out;
+    if (safe_output_open(name, "wb", &out) != 0) {
+        std::fprintf(stderr, "torvel-report: unable to open %s for writing: %s\n", name,
+                     std::strerror(errno));
+        return 1;
+    }
+    const cairo_status_t status =
+        cairo_surface_write_to_png_stream(surface, write_to_file, out.stream);
+    if (status != CAIRO_STATUS_SUCCESS) {
+        std::fprintf(stderr, "torvel-report: unable to write %s: %s\n", name,
+                     cairo_status_to_string(status));
+        return 1;
+    }
+    if (safe_output_commit(&out) != 0) {
+        std::fprintf(stderr, "torvel-report: an I/O error occurred while writing %s\n", name);
+        return 1;
+    }
+    return 0;
+}
+
+// Checks that the pupil and residual images lie on the same pixels.
+int check_same_pixels(const char* image_name, const image_geometry& a, const char* residual_name,
+                      const image_geometry& b) {
+    if (a.nx == b.nx && a.ny == b.ny && a.x0 == b.x0 && a.y0 == b.y0 && a.dx == b.dx &&
+        a.dy == b.dy)
+        return 0;
+    std::fprintf(stderr,
+                 "torvel-report: %s: size %d x %d, centre (%g, %g), spacing (%g, %g) does not "
+                 "match %d x %d, centre (%g, %g), spacing (%g, %g) of %s\n",
+                 residual_name, b.nx, b.ny, double(b.x0), double(b.y0), double(b.dx), double(b.dy),
+                 a.nx, a.ny, double(a.x0), double(a.y0), double(a.dx), double(a.dy), image_name);
+    return 1;
+}
+
+}  // namespace
+
+int write_report_figure(const char* png_name, const report_entry& entry, const char* image_name,
+                        const char* residual_name) {
+    measured_pupil measured;
+    residual_image residual;
+    int status = 0;
+    if (image_name != nullptr) status |= read_measured_pupil(image_name, entry.model, &measured);
+    if (residual_name != nullptr)
+        status |= read_residual_image(residual_name, entry.model, &residual);
+    if (status == 0 && image_name != nullptr && residual_name != nullptr)
+        status = check_same_pixels(image_name, measured.geometry, residual_name, residual.geometry);
+    if (status != 0) return 1;
+
+    std::vector<band> bands;
+    for (int w = 0; w < int(entry.model.waves.size()); ++w) {
+        bands.push_back(make_band(entry, w, image_name ? &measured : nullptr,
+                                  residual_name ? &residual : nullptr));
+    }
+    const figure_size size = size_of(bands);
+    cairo_surface_t* surface =
+        cairo_image_surface_create(CAIRO_FORMAT_RGB24, size.width, size.height);
+    cairo_t* cr = cairo_create(surface);
+    draw_figure(cr, entry, bands, size, residual_name != nullptr);
+    cairo_destroy(cr);
+    const int result = write_png(surface, png_name);
+    cairo_surface_destroy(surface);
+    // Nothing of cairo's is in use any more: let it release its font caches,
+    // so that a leak checker sees only what is really lost.
+    cairo_debug_reset_static_data();
+    return result;
+}
+
+}  // namespace torvel

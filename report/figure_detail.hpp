@@ -1,0 +1,61 @@
+#pragma once
+// Inside report/ only: the colour maps and the pupil images that the figure
+// draws.
+
+#include <memory>
+#include <vector>
+
+#include <torvel/report.hpp>
+
+namespace torvel::report_detail {
+
+// 256-entry lookup tables of 8-bit RGB: viridis (sequential) for amplitude
+// and phase, coolwarm (diverging) for residuals.
+extern const unsigned char kViridis[256][3];
+extern const unsigned char kCoolwarm[256][3];
+
+// Where the pupil lies in an image's pixels, as torvel derives it from the
+// header: centre (x0, y0) in pixel units, spacing (dx, dy), numerical
+// aperture, and nx by ny pixels.
+struct image_geometry {
+    float x0, y0, dx, dy;
+    float na;
+    int nx, ny;
+};
+
+// A plane of nx * ny floats, row by row.
+using plane = std::unique_ptr<float[]>;
+
+// The measured pupil of one wavelength of the model: amplitude and phase,
+// unwrapped exactly as torvel unwraps it before the fit.
+struct measured_wavelength {
+    plane amplitude;
+    plane phase;
+    float cutoff;  // NA / wavelength, in the units of the spacing
+};
+
+struct measured_pupil {
+    image_geometry geometry;
+    std::vector<measured_wavelength> waves;  // one per wavelength of the model
+};
+
+// Reads the pupil image name for every wavelength of model (matched by
+// wavelength within 0.5 nm) and unwraps its phase. Returns 0, or 1 after a
+// message per problem: unreadable image, not a pupil function image,
+// wavelengths or aperture that do not match the model.
+int read_measured_pupil(const char* name, const report_model& model, measured_pupil* out);
+
+// The residual image of the model: one complex plane (nx * ny (real,
+// imaginary) pairs) per wavelength of the model, in the model's order.
+struct residual_image {
+    image_geometry geometry;
+    std::vector<plane> waves;
+    std::vector<float> cutoff;
+};
+
+// Reads the residual image torvel wrote for model. Returns 0, or 1 after a
+// message per problem (unreadable, not complex, wavelengths that differ from
+// the model's).
+int read_residual_image(const char* name, const report_model& model, residual_image* out);
+
+}  // namespace torvel::report_detail

@@ -1,0 +1,209 @@
+// The pupil image and the residual image beside a fit: read through the
+// image layer, checked against the model, the phase unwrapped as torvel
+// unwraps it before fitting.
+
+#include <climits>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <new>
+#include <string>
+
+#include <torvel/fit.hpp>
+#include <torvel/imageio.hpp>
+#include <torvel/unwrap.hpp>
+
+#include "figure_detail.hpp"
+
+namespace torvel::report_detail {
+namespace {
+
+constexpr int kPupilStream = 1;
+constexpr int kResidualStream = 2;
+constexpr int kPupilImageType = 8000;
+constexpr float kWavelengthMatchNm = 0.5f;
+
+// The header values the figure needs.
+struct image_header {
+    int nx, ny, mode, nz, nw, nt, type, lens;
+    float p1, p2, dx, dy, xorig, yorig;
+    int wave_count;
+    float waves[5];
+};
+
+bool is_complex_mode(int mode) {
+    return mode == 3 || mode == 4;
+}
+
+// Opens name on stream and reads its header; the layer reports a failure.
+int open_image(int stream, const char* name, image_header* h) {
+    if (image_open(stream, name, "ro") != 0) return 1;
+    int dims[3], second[3], order, n1, n2;
+    float dmin, dmax, dmean, dz, zorig;
+    image_read_header(stream, dims, second, &h->mode, &dmin, &dmax, &dmean);
+    image_get_zwt_sizes(stream, &h->nz, &h->nw, &h->nt, &order);
+    image_get_type_info(stream, &h->type, &h->lens, &n1, &n2, &h->p1, &h->p2);
+    image_get_pixel_spacing(stream, &h->dx, &h->dy, &dz);
+    image_get_origin(stream, &h->xorig, &h->yorig, &zorig);
+    image_get_wavelengths(stream, &h->wave_count, h->waves);
+    h->nx = dims[0];
+    h->ny = dims[1];
+    return 0;
+}
+
+// Closes the stream on every way out.
+struct stream_closer {
+    int stream;
+    ~stream_closer() { image_close(stream); }
+};
+
+image_geometry geometry_of(const image_header& h) {
+    return {(0.0f - h.xorig) / h.dx, (0.0f - h.yorig) / h.dy, h.dx, h.dy, h.p1 / 10.0f, h.nx, h.ny};
+}
+
+// "525, 617" for a list of wavelengths in nm.
+std::string nm_list(const float* nm, int count) {
+    std::string text;
+    for (int k = 0; k < count; ++k) {
+        char item[32];
+        std::snprintf(item, sizeof item, "%s%g", k > 0 ? ", " : "", double(nm[k]));
+        text += item;
+    }
+    return text;
+}
+
+std::vector<float> model_nm(const report_model& model) {
+    std::vector<float> nm;
+    for (const report_wavelength& w : model.waves)
+        nm.push_back(float(std::round(double(w.wavelength_um) * 1e6) / 1e3));
+    return nm;
+}
+
+// The checks every pupil image passes in torvel, and the aperture of the
+// model. Returns 0, or 1 after a message per failed check.
+int check_pupil_header(const char* name, const image_header& h, const report_model& model,
+                       bool want_complex) {
+    int status = 0;
+    auto fail = [&](const std::string& what) {
+        std::fprintf(stderr, "torvel-report: %s: %s\n", name, what.c_str());
+        status = 1;
+    };
+    if (h.type != kPupilImageType)
+        fail("not a pupil function image (image type code " + std::to_string(h.type) +
+             ", not 8000)");
+    if (h.nx < 1 || h.ny < 1 || h.nz < 1 || h.nw < 1 || h.nt < 1) fail("holds no image data");
+    if (std::int64_t(h.nx) * h.ny > INT_MAX / 2) fail("sections too large for the figure");
+    if (!(h.dx > 0.0f && h.dy > 0.0f)) fail("invalid pixel spacing");
+    if (want_complex && !(is_complex_mode(h.mode) && h.nz == 1))
+        fail("expected one complex section per wavelength, as torvel writes residuals");
+    if (!want_complex && h.nz != (is_complex_mode(h.mode) ? 1 : 2))
+        fail(is_complex_mode(h.mode) ? "complex pupil image with more than one z section"
+                                     : "real pupil image without exactly two z sections");
+    const float na = h.p1 / 10.0f;
+    if (!(std::fabs(na - model.na) <= 0.0005f)) {
+        char text[200];
+        std::snprintf(text, sizeof text, "numerical aperture %g does not match %g of %s",
+                      double(na), double(model.na), model.file.c_str());
+        fail(text);
+    }
+    return status;
+}
+
+// For each wavelength of the model, the index of the image's wavelength
+// within 0.5 nm of it (in_order: the image's wavelength of the same slot).
+// Returns 0, or 1 after one message naming both lists.
+int match_wavelengths(const char* name, const image_header& h, const report_model& model,
+                      bool in_order, std::vector<int>* index) {
+    const std::vector<float> nm = model_nm(model);
+    const int count = h.wave_count < 0 ? 0 : (h.wave_count > 5 ? 5 : h.wave_count);
+    bool matched = !in_order || count == int(nm.size());
+    for (std::size_t w = 0; matched && w < nm.size(); ++w) {
+        int found = -1;
+        for (int j = 0; j < count && found < 0; ++j) {
+            if (in_order && j != int(w)) continue;
+            if (std::fabs(h.waves[j] - nm[w]) <= kWavelengthMatchNm) found = j;
+        }
+        matched = found >= 0;
+        index->push_back(found);
+    }
+    if (matched) return 0;
+    std::fprintf(stderr, "torvel-report: %s: wavelengths %s nm do not match %s nm of %s\n", name,
+                 nm_list(h.waves, count).c_str(), nm_list(nm.data(), int(nm.size())).c_str(),
+                 model.file.c_str());
+    return 1;
+}
+
+plane allocate_plane(std::int64_t floats) {
+    return plane(new (std::nothrow) float[std::size_t(floats)]);
+}
+
+int report_no_memory() {
+    std::fprintf(stderr, "torvel-report: insufficient memory for the figure\n");
+    return 1;
+}
+
+// Reads section (z, w, 0) of stream into buffer. Returns 0, or 1 after a
+// message.
+int read_section(int stream, const char* name, int z, int w, float* buffer) {
+    if (image_seek_section(stream, z, w, 0) != 0) {
+        std::fprintf(stderr, "torvel-report: %s: no section %d of wavelength %d\n", name, z, w);
+        return 1;
+    }
+    return image_read_section(stream, buffer) != 0 ? 1 : 0;
+}
+
+}  // namespace
+
+int read_measured_pupil(const char* name, const report_model& model, measured_pupil* out) {
+    image_header h{};
+    if (open_image(kPupilStream, name, &h) != 0) return 1;
+    stream_closer closer{kPupilStream};
+    std::vector<int> index;
+    int status = check_pupil_header(name, h, model, false);
+    status |= match_wavelengths(name, h, model, false, &index);
+    if (status != 0) return 1;
+
+    out->geometry = geometry_of(h);
+    const image_geometry& g = out->geometry;
+    const std::int64_t pixels = std::int64_t(h.nx) * h.ny;
+    const bool complex_pixels = is_complex_mode(h.mode);
+    const float na_times_1000 = g.na * 1000.0f;
+    for (int w : index) {
+        measured_wavelength m{allocate_plane(complex_pixels ? 2 * pixels : pixels),
+                              allocate_plane(pixels), na_times_1000 / h.waves[w]};
+        if (!m.amplitude || !m.phase) return report_no_memory();
+        if (read_section(kPupilStream, name, 0, w, m.amplitude.get()) != 0) return 1;
+        if (complex_pixels) {
+            separate_amplitude_phase(int(pixels), m.amplitude.get(), m.phase.get());
+        } else if (read_section(kPupilStream, name, 1, w, m.phase.get()) != 0) {
+            return 1;
+        }
+        phunwrap(g.x0, g.y0, g.dx, g.dy, m.cutoff, g.nx, g.ny, m.phase.get());
+        out->waves.push_back(std::move(m));
+    }
+    return 0;
+}
+
+int read_residual_image(const char* name, const report_model& model, residual_image* out) {
+    image_header h{};
+    if (open_image(kResidualStream, name, &h) != 0) return 1;
+    stream_closer closer{kResidualStream};
+    std::vector<int> index;
+    int status = check_pupil_header(name, h, model, true);
+    status |= match_wavelengths(name, h, model, true, &index);
+    if (status != 0) return 1;
+
+    out->geometry = geometry_of(h);
+    const std::int64_t pixels = std::int64_t(h.nx) * h.ny;
+    const float na_times_1000 = out->geometry.na * 1000.0f;
+    for (int w : index) {
+        plane section = allocate_plane(2 * pixels);
+        if (!section) return report_no_memory();
+        if (read_section(kResidualStream, name, 0, w, section.get()) != 0) return 1;
+        out->waves.push_back(std::move(section));
+        out->cutoff.push_back(na_times_1000 / h.waves[w]);
+    }
+    return 0;
+}
+
+}  // namespace torvel::report_detail
