@@ -2,7 +2,6 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <filesystem>
 #include <limits>
 #include <new>
 
@@ -18,7 +17,6 @@ namespace {
 
 constexpr int kInput = 1;
 constexpr int kResidual = 2;
-constexpr int kPupilImageType = 8000;
 constexpr int kComplexFloatMode = 4;
 
 bool is_complex_mode(int mode) {
@@ -185,14 +183,6 @@ int check_input_header(const char* name, const input_header& h) {
 }
 
 int check_output_names(const fit_inputs& inputs) {
-    // The same file whether or not it exists yet: the same place once links
-    // are followed, or two hard links of one file.
-    auto same_file = [](const char* a, const char* b) {
-        if (a == nullptr || b == nullptr) return false;
-        std::error_code ignored;
-        return safe_output_target(a) == safe_output_target(b) ||
-               std::filesystem::equivalent(a, b, ignored);
-    };
     const char* clash = nullptr;
     if (same_file(inputs.output_name, inputs.input_name))
         clash = inputs.output_name;

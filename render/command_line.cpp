@@ -4,13 +4,13 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <memory>
 #include <system_error>
 #include <new>
 
 #include <torvel/pupil.hpp>
 #include <torvel/render.hpp>
+#include <torvel/safeout.hpp>
 #include <torvel/switches.hpp>
 
 namespace torvel {
@@ -277,8 +277,7 @@ int check_model(const ParametricPupil& model, const render_inputs& inputs) {
 
 // The image must not replace the model it is made from.
 int check_image_name(const render_inputs& inputs) {
-    std::error_code ignored;  // an image that does not exist yet replaces nothing
-    if (!std::filesystem::equivalent(inputs.image_name, inputs.model_name, ignored)) return 0;
+    if (!same_file(inputs.image_name, inputs.model_name)) return 0;
     std::fprintf(stderr, "%s: %s is the fit file; it is not overwritten\n", kProgram,
                  inputs.image_name);
     return 1;

@@ -21,7 +21,6 @@ namespace torvel {
 namespace {
 
 constexpr int kImage = 1;
-constexpr int kPupilImageType = 8000;
 constexpr int kComplexFloatMode = 4;
 constexpr int kRealFloatMode = 2;
 constexpr double kDiscShare = 0.9;  // default: the widest disc spans this much of the smaller side

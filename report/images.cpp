@@ -9,6 +9,7 @@
 #include <new>
 #include <string>
 
+#include <torvel/driver.hpp>
 #include <torvel/fit.hpp>
 #include <torvel/imageio.hpp>
 #include <torvel/unwrap.hpp>
@@ -20,34 +21,20 @@ namespace {
 
 constexpr int kPupilStream = 1;
 constexpr int kResidualStream = 2;
-constexpr int kPupilImageType = 8000;
 constexpr float kWavelengthMatchNm = 0.5f;
 
-// The header values the figure needs.
+// The header values torvel itself reads, and the image's wavelengths.
 struct image_header {
-    int nx, ny, mode, nz, nw, nt, type, lens;
-    float p1, p2, dx, dy, xorig, yorig;
-    int wave_count;
-    float waves[5];
+    input_header torvel;
+    int wave_count = 0;
+    float waves[5] = {};
 };
-
-bool is_complex_mode(int mode) {
-    return mode == 3 || mode == 4;
-}
 
 // Opens name on stream and reads its header; the layer reports a failure.
 int open_image(int stream, const char* name, image_header* h) {
     if (image_open(stream, name, "ro") != 0) return 1;
-    int dims[3], second[3], order, n1, n2;
-    float dmin, dmax, dmean, dz, zorig;
-    image_read_header(stream, dims, second, &h->mode, &dmin, &dmax, &dmean);
-    image_get_zwt_sizes(stream, &h->nz, &h->nw, &h->nt, &order);
-    image_get_type_info(stream, &h->type, &h->lens, &n1, &n2, &h->p1, &h->p2);
-    image_get_pixel_spacing(stream, &h->dx, &h->dy, &dz);
-    image_get_origin(stream, &h->xorig, &h->yorig, &zorig);
+    read_input_header(stream, &h->torvel);
     image_get_wavelengths(stream, &h->wave_count, h->waves);
-    h->nx = dims[0];
-    h->ny = dims[1];
     return 0;
 }
 
@@ -57,8 +44,8 @@ struct stream_closer {
     ~stream_closer() { image_close(stream); }
 };
 
-image_geometry geometry_of(const image_header& h) {
-    return {(0.0f - h.xorig) / h.dx, (0.0f - h.yorig) / h.dy, h.dx, h.dy, h.p1 / 10.0f, h.nx, h.ny};
+image_geometry geometry_of(const input_header& h) {
+    return {h.x0, h.y0, h.dx, h.dy, h.na, h.nx, h.ny};
 }
 
 // "525, 617" for a list of wavelengths in nm.
@@ -81,7 +68,7 @@ std::vector<float> model_nm(const report_model& model) {
 
 // The checks every pupil image passes in torvel, and the aperture of the
 // model. Returns 0, or 1 after a message per failed check.
-int check_pupil_header(const char* name, const image_header& h, const report_model& model,
+int check_pupil_header(const char* name, const input_header& h, const report_model& model,
                        bool want_complex) {
     int status = 0;
     auto fail = [&](const std::string& what) {
@@ -94,12 +81,12 @@ int check_pupil_header(const char* name, const image_header& h, const report_mod
     if (h.nx < 1 || h.ny < 1 || h.nz < 1 || h.nw < 1 || h.nt < 1) fail("holds no image data");
     if (std::int64_t(h.nx) * h.ny > INT_MAX / 2) fail("sections too large for the figure");
     if (!(h.dx > 0.0f && h.dy > 0.0f)) fail("invalid pixel spacing");
-    if (want_complex && !(is_complex_mode(h.mode) && h.nz == 1))
+    if (want_complex && !(h.complex_pixels && h.nz == 1))
         fail("expected one complex section per wavelength, as torvel writes residuals");
-    if (!want_complex && h.nz != (is_complex_mode(h.mode) ? 1 : 2))
-        fail(is_complex_mode(h.mode) ? "complex pupil image with more than one z section"
-                                     : "real pupil image without exactly two z sections");
-    const float na = h.p1 / 10.0f;
+    if (!want_complex && h.nz != (h.complex_pixels ? 1 : 2))
+        fail(h.complex_pixels ? "complex pupil image with more than one z section"
+                              : "real pupil image without exactly two z sections");
+    const float na = h.na;
     if (!(std::fabs(na - model.na) <= 0.0005f)) {
         char text[200];
         std::snprintf(text, sizeof text, "numerical aperture %g does not match %g of %s",
@@ -159,18 +146,17 @@ int read_measured_pupil(const char* name, const report_model& model, measured_pu
     if (open_image(kPupilStream, name, &h) != 0) return 1;
     stream_closer closer{kPupilStream};
     std::vector<int> index;
-    int status = check_pupil_header(name, h, model, false);
+    int status = check_pupil_header(name, h.torvel, model, false);
     status |= match_wavelengths(name, h, model, false, &index);
     if (status != 0) return 1;
 
-    out->geometry = geometry_of(h);
+    out->geometry = geometry_of(h.torvel);
     const image_geometry& g = out->geometry;
-    const std::int64_t pixels = std::int64_t(h.nx) * h.ny;
-    const bool complex_pixels = is_complex_mode(h.mode);
-    const float na_times_1000 = g.na * 1000.0f;
+    const std::int64_t pixels = std::int64_t(g.nx) * g.ny;
+    const bool complex_pixels = h.torvel.complex_pixels;
     for (int w : index) {
         measured_wavelength m{allocate_plane(complex_pixels ? 2 * pixels : pixels),
-                              allocate_plane(pixels), na_times_1000 / h.waves[w]};
+                              allocate_plane(pixels), pupil_cutoff(g.na, h.waves[w])};
         if (!m.amplitude || !m.phase) return report_no_memory();
         if (read_section(kPupilStream, name, 0, w, m.amplitude.get()) != 0) return 1;
         if (complex_pixels) {
@@ -189,19 +175,18 @@ int read_residual_image(const char* name, const report_model& model, residual_im
     if (open_image(kResidualStream, name, &h) != 0) return 1;
     stream_closer closer{kResidualStream};
     std::vector<int> index;
-    int status = check_pupil_header(name, h, model, true);
+    int status = check_pupil_header(name, h.torvel, model, true);
     status |= match_wavelengths(name, h, model, true, &index);
     if (status != 0) return 1;
 
-    out->geometry = geometry_of(h);
-    const std::int64_t pixels = std::int64_t(h.nx) * h.ny;
-    const float na_times_1000 = out->geometry.na * 1000.0f;
+    out->geometry = geometry_of(h.torvel);
+    const std::int64_t pixels = std::int64_t(h.torvel.nx) * h.torvel.ny;
     for (int w : index) {
         plane section = allocate_plane(2 * pixels);
         if (!section) return report_no_memory();
         if (read_section(kResidualStream, name, 0, w, section.get()) != 0) return 1;
         out->waves.push_back(std::move(section));
-        out->cutoff.push_back(na_times_1000 / h.waves[w]);
+        out->cutoff.push_back(pupil_cutoff(out->geometry.na, h.waves[w]));
     }
     return 0;
 }

@@ -82,9 +82,8 @@ int check_output_names(const report_inputs& in) {
     int status = 0;
     for (std::size_t i = 0; i < std::size(outputs); ++i) {
         if (outputs[i] == nullptr) continue;
-        const std::string target = safe_output_target(outputs[i]);
         for (const char* input : inputs) {
-            if (safe_output_target(input) == target) {
+            if (same_file(input, outputs[i])) {
                 std::fprintf(stderr, "%s: %s is an input; it is not overwritten\n", kProgram,
                              outputs[i]);
                 status = 1;
@@ -92,7 +91,7 @@ int check_output_names(const report_inputs& in) {
             }
         }
         for (std::size_t j = 0; j < i; ++j) {
-            if (outputs[j] != nullptr && safe_output_target(outputs[j]) == target) {
+            if (same_file(outputs[j], outputs[i])) {
                 std::fprintf(stderr, "%s: %s is named for two outputs\n", kProgram, outputs[i]);
                 status = 1;
             }

@@ -207,6 +207,15 @@ std::string safe_output_target(const char* name) {
     return resolve(name).path;
 }
 
+bool same_file(const char* a, const char* b) {
+    if (a == nullptr || b == nullptr) return false;
+    if (safe_output_target(a) == safe_output_target(b)) return true;
+    struct stat sa {
+    }, sb{};
+    return stat(a, &sa) == 0 && stat(b, &sb) == 0 && sa.st_dev == sb.st_dev &&
+           sa.st_ino == sb.st_ino;
+}
+
 int safe_output_open(const char* name, const char* mode, safe_output* out) {
     safe_output_discard(out);
     const Resolved resolved = resolve(name);

@@ -50,6 +50,9 @@ void print_input_summary(const fit_inputs& inputs);
 ParametricPupil* setup_parametric_output(const fit_inputs& inputs, std::int32_t lens_id, float na,
                                          float n_imm);
 
+// The image type code of a pupil function image.
+inline constexpr int kPupilImageType = 8000;
+
 // Header values of the input image that the run uses, and what follows from
 // them: the aperture and immersion index unscaled from P1 and P2, and the
 // pupil centre in pixel units.

@@ -52,4 +52,9 @@ void safe_output_discard(safe_output* out);
 // overwrite each other, whether or not the file exists yet.
 std::string safe_output_target(const char* name);
 
+// Whether names a and b lead to the same file, existing or not: the same
+// target once links are followed, or two hard links of one file. Writing
+// one would destroy the other. False when either is null.
+bool same_file(const char* a, const char* b);
+
 }  // namespace torvel
