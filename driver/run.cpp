@@ -29,9 +29,9 @@ std::int64_t plane_pixels(const input_header& header) {
     return std::int64_t(header.nx) * header.ny;
 }
 
-std::unique_ptr<float[]> allocate_floats(std::int64_t count) {
+bulk_array<float> allocate_floats(std::int64_t count) {
     if (count <= 0 || count > std::numeric_limits<int>::max()) return nullptr;
-    return std::unique_ptr<float[]>(new (std::nothrow) float[std::size_t(count)]);
+    return allocate_bulk<float>(count);
 }
 
 int report_insufficient_memory() {
@@ -48,7 +48,7 @@ int write_residual_section(const fit_inputs& inputs, const input_header& h, int 
         std::fprintf(stderr, "torvel: unable to position at output section 0 %d 0\n", slot);
         return 1;
     }
-    std::unique_ptr<float[]> residual = allocate_floats(2 * plane_pixels(h));
+    bulk_array<float> residual = allocate_floats(2 * plane_pixels(h));
     if (!residual) return report_insufficient_memory();
     float stats[3];
     compute_residual(h.x0, h.y0, h.dx, h.dy, cutoff, h.nx, h.ny, run->amplitude.get(),

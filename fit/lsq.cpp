@@ -5,12 +5,10 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <memory>
 #include <new>
 
-#include <sys/mman.h>
-
+#include <torvel/bulk.hpp>
 #include <torvel/fit.hpp>
 #include "sampling.hpp"
 #include <torvel/zernike.hpp>
@@ -77,28 +75,6 @@ int report_info(int info) {
     return 0;
 }
 
-struct FreeDeleter {
-    void operator()(double* p) const { std::free(p); }
-};
-using MatrixBuffer = std::unique_ptr<double[], FreeDeleter>;
-
-// Room for a design matrix of count doubles, or null. A matrix is tens to
-// hundreds of megabytes written once in full: asking for huge pages where
-// the system grants them on request lets the kernel map it in 2 MiB steps
-// instead of 4 KiB ones, a fraction of the page faults. Values and results
-// do not depend on it.
-MatrixBuffer allocate_matrix(std::int64_t count) {
-    constexpr std::size_t kHugePage = std::size_t(2) << 20;
-    const std::size_t bytes = static_cast<std::size_t>(std::max<std::int64_t>(count, 1)) * 8;
-    if (bytes < kHugePage) return MatrixBuffer(static_cast<double*>(std::malloc(bytes)));
-    const std::size_t rounded = (bytes + kHugePage - 1) / kHugePage * kHugePage;
-    void* memory = std::aligned_alloc(kHugePage, rounded);
-    // Whole huge pages only: a huge page over the end would be mapped, and
-    // counted, in full.
-    if (memory != nullptr) madvise(memory, bytes / kHugePage * kHugePage, MADV_HUGEPAGE);
-    return MatrixBuffer(static_cast<double*>(memory));
-}
-
 int report_no_memory() {
     std::fprintf(stderr, "torvel: insufficient memory\n");
     return 1;
@@ -139,9 +115,9 @@ struct SharedSystem {
     int nrow = 0;
     int ncol[2] = {0, 0};
     int larger = 0;  // which fit's set the matrix holds
-    MatrixBuffer matrix;
-    std::unique_ptr<double[]> rhs_pair;
-    MatrixBuffer copy;  // the smaller system's matrix, which dgelsd destroys
+    bulk_array<double> matrix;
+    bulk_array<double> rhs_pair;
+    bulk_array<double> copy;  // the smaller system's matrix, which dgelsd destroys
 
     double* rhs(int k) { return rhs_pair.get() + static_cast<std::size_t>(k) * nrow; }
     bool same_set() const { return ncol[0] == ncol[1]; }
@@ -178,11 +154,11 @@ bool prepare_shared_system(const fit_detail::PupilGeometry& g, const FitRequest&
     shared->ncol[0] = static_cast<int>(ncol0);
     shared->ncol[1] = static_cast<int>(ncol1);
     shared->larger = ncol1 > ncol0 ? 1 : 0;
-    shared->matrix = allocate_matrix(larger * nrow);
-    shared->rhs_pair = allocate<double>(2 * nrow);
+    shared->matrix = allocate_bulk<double>(larger * nrow);
+    shared->rhs_pair = allocate_bulk<double>(2 * nrow);
     const bool two_solves = !shared->same_set();
     if (two_solves) {
-        shared->copy = allocate_matrix(std::min(ncol0, ncol1) * nrow);
+        shared->copy = allocate_bulk<double>(std::min(ncol0, ncol1) * nrow);
     }
     if (!shared->matrix || !shared->rhs_pair || (two_solves && !shared->copy)) {
         *shared = SharedSystem{};
@@ -270,8 +246,8 @@ int compute_fit(float x0, float y0, float dx, float dy, float cutoff, int nx, in
     if (nrow_est <= 0) {
         return report_no_memory();
     }
-    MatrixBuffer matrix = allocate_matrix(static_cast<std::int64_t>(ncol) * nrow_est);
-    auto rhs = allocate<double>(nrow_est);
+    auto matrix = allocate_bulk<double>(static_cast<std::int64_t>(ncol) * nrow_est);
+    auto rhs = allocate_bulk<double>(nrow_est);
     if (!matrix || !rhs) {
         return report_no_memory();
     }

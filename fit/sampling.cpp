@@ -3,6 +3,8 @@
 
 #include "sampling.hpp"
 
+#include "parallel.hpp"
+
 #include <algorithm>
 #include <climits>
 #include <cmath>
@@ -78,6 +80,52 @@ PupilPoint pupil_point(float x, float y, float yy, float cutoff) {
     const double theta =
         rho > 0.0 ? std::atan2(static_cast<double>(y), static_cast<double>(x)) : 0.0;
     return {rho, theta};
+}
+
+std::vector<RowPair> mirrored_row_pairs(const PupilGeometry& g) {
+    const IndexRange rows = disc_rows(g);
+    auto row_at = [&](int iy) {
+        const float y = axis_offset(iy, g.y0, g.dy);
+        return DiscRow{iy, y, disc_columns(g, y)};
+    };
+    std::vector<RowPair> pairs;
+    for (int iy = rows.begin; iy < rows.end; ++iy) {
+        const DiscRow row = row_at(iy);
+        const int other = mirror_index(g.y0, iy);
+        if (other >= rows.begin && other < rows.end && other != iy) {
+            const DiscRow twin = row_at(other);
+            if (mirrored_rows(g, row, twin)) {
+                // A row that mirrors an earlier one was paired with it.
+                if (other > iy) pairs.push_back({row, twin, true});
+                continue;
+            }
+        }
+        pairs.push_back({row, row, false});
+    }
+    return pairs;
+}
+
+std::vector<std::int64_t> row_pair_weights(std::span<const RowPair> pairs) {
+    std::vector<std::int64_t> weights;
+    weights.reserve(pairs.size());
+    for (const RowPair& pair : pairs) {
+        const std::int64_t pixels = std::max(pair.row.columns.end - pair.row.columns.begin, 0);
+        weights.push_back(pair.mirrored ? 2 * pixels : pixels);
+    }
+    return weights;
+}
+
+int prepare_row_radials(const PupilGeometry& g, int n, int m, std::span<const RowPair> pairs,
+                        std::vector<RowRadials>* radials) {
+    std::int64_t pixels = 0;
+    for (const std::int64_t w : row_pair_weights(pairs)) pixels += w;
+    const int parts = parts_for(pixels);
+    while (static_cast<int>(radials->size()) < parts) {
+        RowRadials more(g, n, m);
+        if (!more.usable()) break;
+        radials->push_back(std::move(more));
+    }
+    return static_cast<int>(radials->size());
 }
 
 std::int64_t count_disc_pixels(const PupilGeometry& g) {
@@ -256,27 +304,36 @@ void fill_matrix(float x0, float y0, float dx, float dy, float cutoff, int nx, i
         mirror_sign[slots++] = 1.0;
         if (l > 0) mirror_sign[slots++] = -1.0;
     });
-    ZernikeTables angles;
-    double basis[zernike_table_max_terms];
-    auto write = [&](const fit_detail::DiscRow& row, int ix, bool mirrored) {
-        const std::int64_t irow =
-            first[static_cast<std::size_t>(row.iy - rows.begin)] + (ix - row.columns.begin);
-        TORVEL_ASSERT(irow < nrow, "fill_matrix");
-        // Past the last column's element the walk would fail one of
-        // write_row's checks, which then reports which.
-        if (irow + static_cast<std::int64_t>(slots - 1) * nrow >= ntot) {
-            write_row_from_basis(basis, mirrored ? -1.0 : 1.0, n, m, nrow, ntot,
-                                 static_cast<int>(irow), matrix);
-            return;
-        }
-        double* out = matrix + irow;
-        for (int j = 0; j < slots; ++j) {
-            out[static_cast<std::int64_t>(j) * nrow] =
-                mirrored ? mirror_sign[j] * basis[j] : basis[j];
-        }
-    };
-    fit_detail::for_each_mirrored_disc_row(
-        g, [&](const fit_detail::DiscRow& row, const fit_detail::DiscRow* mirror) {
+    // Rows and their mirrors are filled in parts on several threads, each
+    // with its own radial values; every element is written by one of them.
+    const std::vector<fit_detail::RowPair> pairs = fit_detail::mirrored_row_pairs(g);
+    std::vector<fit_detail::RowRadials> part_radials;
+    part_radials.push_back(std::move(radials));
+    const int parts = fit_detail::prepare_row_radials(g, n, m, pairs, &part_radials);
+    auto fill_part = [&](int part, int begin, int end) {
+        fit_detail::RowRadials& radials = part_radials[static_cast<std::size_t>(part)];
+        ZernikeTables angles;
+        double basis[zernike_table_max_terms];
+        auto write = [&](const fit_detail::DiscRow& row, int ix, bool mirrored) {
+            const std::int64_t irow =
+                first[static_cast<std::size_t>(row.iy - rows.begin)] + (ix - row.columns.begin);
+            TORVEL_ASSERT(irow < nrow, "fill_matrix");
+            // Past the last column's element the walk would fail one of
+            // write_row's checks, which then reports which.
+            if (irow + static_cast<std::int64_t>(slots - 1) * nrow >= ntot) {
+                write_row_from_basis(basis, mirrored ? -1.0 : 1.0, n, m, nrow, ntot,
+                                     static_cast<int>(irow), matrix);
+                return;
+            }
+            double* out = matrix + irow;
+            for (int j = 0; j < slots; ++j) {
+                out[static_cast<std::int64_t>(j) * nrow] =
+                    mirrored ? mirror_sign[j] * basis[j] : basis[j];
+            }
+        };
+        for (int k = begin; k < end; ++k) {
+            const fit_detail::RowPair& pair = pairs[static_cast<std::size_t>(k)];
+            const fit_detail::DiscRow& row = pair.row;
             const float yy = row.y * row.y;
             radials.compute(yy, row.columns);
             for (int ix = row.columns.begin; ix < row.columns.end; ++ix) {
@@ -285,9 +342,11 @@ void fill_matrix(float x0, float y0, float dx, float dy, float cutoff, int nx, i
                 fill_zernike_angles(p.theta, radials.frequency(), &angles);
                 combine_zernike_basis(radials.of_column(ix), angles, n, m, basis);
                 write(row, ix, false);
-                if (mirror != nullptr) write(*mirror, ix, true);
+                if (pair.mirrored) write(pair.mirror, ix, true);
             }
-        });
+        }
+    };
+    fit_detail::run_in_parts(fit_detail::row_pair_weights(pairs), parts, fill_part);
 }
 
 }  // namespace torvel

@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <span>
+#include <vector>
 
 #include <torvel/zernike.hpp>
 
@@ -85,31 +87,6 @@ int mirror_index(float centre, int index);
 // negated.
 bool mirrored_rows(const PupilGeometry& g, const DiscRow& a, const DiscRow& b);
 
-// Calls visit(row, mirror) once for every row of the disc, in ascending
-// order, where mirror points to the later row that mirrors row (which is
-// then not visited on its own), or is null.
-template <class Visit>
-void for_each_mirrored_disc_row(const PupilGeometry& g, Visit&& visit) {
-    const IndexRange rows = disc_rows(g);
-    auto row_at = [&](int iy) {
-        const float y = axis_offset(iy, g.y0, g.dy);
-        return DiscRow{iy, y, disc_columns(g, y)};
-    };
-    for (int iy = rows.begin; iy < rows.end; ++iy) {
-        const DiscRow row = row_at(iy);
-        const int other = mirror_index(g.y0, iy);
-        if (other >= rows.begin && other < rows.end && other != iy) {
-            const DiscRow twin = row_at(other);
-            if (mirrored_rows(g, row, twin)) {
-                // A row that mirrors an earlier one was visited with it.
-                if (other > iy) visit(row, &twin);
-                continue;
-            }
-        }
-        visit(row, static_cast<const DiscRow*>(nullptr));
-    }
-}
-
 // The radial values R_k^l(rho) of the set (n, m), in visiting order, for
 // every selected pixel of one row. rho depends on nothing but the float sum
 // x^2 + y^2, so where the centre lies on a whole or half pixel the right
@@ -139,6 +116,27 @@ class RowRadials {
     ZernikeTables powers_;
     std::unique_ptr<double[]> values_;
 };
+
+// A row of the disc and, when mirrored, the later row that mirrors it,
+// which is then taken with it.
+struct RowPair {
+    DiscRow row;
+    DiscRow mirror;
+    bool mirrored;
+};
+
+// The rows of the disc in ascending order, a row that mirrors an earlier one
+// paired with that one instead of standing on its own.
+std::vector<RowPair> mirrored_row_pairs(const PupilGeometry& g);
+
+// The selected pixels of each pair, both rows counted: its share of the work.
+std::vector<std::int64_t> row_pair_weights(std::span<const RowPair> pairs);
+
+// Adds to *radials, which holds one, a further set of row values for each
+// further part that the pairs' pixels are worth running on a thread of its
+// own, while memory lasts. Returns the number of parts: radials->size().
+int prepare_row_radials(const PupilGeometry& g, int n, int m, std::span<const RowPair> pairs,
+                        std::vector<RowRadials>* radials);
 
 // Number of pixels the disc selects (what fill_rhs would count).
 std::int64_t count_disc_pixels(const PupilGeometry& g);

@@ -3,26 +3,33 @@
 #include <cmath>
 
 #include <torvel/fit.hpp>
+#include "parallel.hpp"
 
 namespace torvel {
 
 void separate_amplitude_phase(int count, float* samples, float* phase) {
-    // Amplitude i goes to slot i, which samples 2i and 2i + 1 of this or a
-    // later pixel never occupy once it is written: sample i has been read,
-    // and every later sample starts at 2(i + 1) > i.
+    // The phases first, each from its own pixel's samples, which nothing
+    // writes until all are done: the pixels can be split between threads.
+    fit_detail::run_in_parts(count, fit_detail::parts_for(count), [&](int, int begin, int end) {
+        for (int i = begin; i < end; ++i) {
+            const float re = samples[2 * i];
+            const float im = samples[2 * i + 1];
+            const float s = re * re + im * im;
+            // A zero or NaN modulus has no direction; the phase is 0, and
+            // atan2 is not asked.
+            phase[i] = s == 0.0f || std::isnan(s) ? 0.0f
+                                                   : static_cast<float>(std::atan2(
+                                                         static_cast<double>(im),
+                                                         static_cast<double>(re)));
+        }
+    });
+    // Then the moduli, in order: amplitude i goes to slot i, which samples
+    // 2i and 2i + 1 of this or a later pixel never occupy once it is written:
+    // sample i has been read, and every later sample starts at 2(i + 1) > i.
     for (int i = 0; i < count; ++i) {
         const float re = samples[2 * i];
         const float im = samples[2 * i + 1];
-        const float s = re * re + im * im;
-        // A zero or NaN modulus has no direction; the phase is 0, and atan2
-        // is not asked.
-        if (s == 0.0f || std::isnan(s)) {
-            phase[i] = 0.0f;
-        } else {
-            phase[i] =
-                static_cast<float>(std::atan2(static_cast<double>(im), static_cast<double>(re)));
-        }
-        samples[i] = std::sqrt(s);
+        samples[i] = std::sqrt(re * re + im * im);
     }
 }
 

@@ -628,12 +628,24 @@ bool write_header_to_file(Stream& s) {
 struct SectionBytes {
     std::uint64_t count = 0;
     std::uint64_t offset = 0;
+    bool direct = false;
     std::unique_ptr<unsigned char[]> raw;
 };
 
+// Whether the file reaches to byte end. A read from a file cut short after it
+// was opened goes through a buffer of its own, so that the caller's is left
+// as it was when the read fails.
+bool file_holds(std::FILE* file, std::uint64_t end) {
+    struct stat st;
+    return fstat(fileno(file), &st) == 0 && std::uint64_t(st.st_size) >= end;
+}
+
 // Prepares the transfer of the current section; false after a message when
-// there is no such section or no memory for its bytes.
-bool prepare_section(const Stream& s, SectionBytes* io) {
+// there is no such section or no memory for its bytes. Float pixels already
+// in the machine's byte order need no conversion: they are moved between the
+// file and the caller's buffer directly (direct set, no raw buffer), which
+// spares a copy of the section and the memory for it.
+bool prepare_section(const Stream& s, Value kind, bool big, SectionBytes* io) {
     const std::int32_t nz = get_i32(s.header, kNx + 8);
     if (s.section >= std::uint64_t(std::max(nz, 0))) {
         report(s.name.get(), "no section %llu: the image has %d",
@@ -642,6 +654,9 @@ bool prepare_section(const Stream& s, SectionBytes* io) {
     }
     io->count = section_bytes(s.header);
     io->offset = s.data_offset + s.section * io->count;
+    io->direct = kind == Value::float32 && big == (std::endian::native == std::endian::big) &&
+                 (s.writable || file_holds(s.fp(), io->offset + io->count));
+    if (io->direct) return true;
     io->raw.reset(new (std::nothrow) unsigned char[io->count]);
     if (!io->raw) {
         report(s.name.get(), "not enough memory for a section of %llu bytes",
@@ -812,10 +827,13 @@ int image_read_section(int stream, float* buffer) noexcept {
         report(s->name.get(), "opened for writing; sections cannot be read back");
         return 1;
     }
+    Mode m{};
+    find_mode(get_i32(s->header, kMode), &m);
     SectionBytes io;
-    if (!prepare_section(*s, &io)) return 1;
+    if (!prepare_section(*s, m.value, s->big_endian, &io)) return 1;
+    unsigned char* bytes = io.direct ? reinterpret_cast<unsigned char*>(buffer) : io.raw.get();
     const std::size_t got = std::fseek(s->fp(), static_cast<long>(io.offset), SEEK_SET) == 0
-                                ? std::fread(io.raw.get(), 1, io.count, s->fp())
+                                ? std::fread(bytes, 1, io.count, s->fp())
                                 : 0;
     if (got != io.count) {
         report(s->name.get(), "section %llu: read %zu of %llu bytes",
@@ -823,9 +841,7 @@ int image_read_section(int stream, float* buffer) noexcept {
                static_cast<unsigned long long>(io.count));
         return 1;
     }
-    Mode m{};
-    find_mode(get_i32(s->header, kMode), &m);
-    decode_values(m.value, s->big_endian, io.raw.get(), io.count / value_bytes(m.value), buffer);
+    if (!io.direct) decode_values(m.value, s->big_endian, bytes, io.count / value_bytes(m.value), buffer);
     ++s->section;
     return 0;
 }
@@ -840,10 +856,12 @@ int image_write_section(int stream, const float* buffer) noexcept {
         return 1;
     }
     SectionBytes io;
-    if (!prepare_section(*s, &io)) return 1;
-    encode_values(m.value, buffer, io.count / value_bytes(m.value), io.raw.get());
+    if (!prepare_section(*s, m.value, false, &io)) return 1;
+    const unsigned char* bytes =
+        io.direct ? reinterpret_cast<const unsigned char*>(buffer) : io.raw.get();
+    if (!io.direct) encode_values(m.value, buffer, io.count / value_bytes(m.value), io.raw.get());
     if (std::fseek(s->fp(), static_cast<long>(io.offset), SEEK_SET) != 0 ||
-        std::fwrite(io.raw.get(), 1, io.count, s->fp()) != io.count) {
+        std::fwrite(bytes, 1, io.count, s->fp()) != io.count) {
         report(s->name.get(), "cannot write section %llu: %s",
                static_cast<unsigned long long>(s->section), std::strerror(errno));
         return 1;

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <memory>
 
+#include <torvel/bulk.hpp>
 #include <torvel/pupil.hpp>
 
 namespace torvel {
@@ -79,8 +80,8 @@ struct fit_run {
     bool input_open = false;
     bool residual_open = false;
     float residual_stats[3] = {0.0f, 0.0f, 0.0f};  // min, max, mean of slot 0
-    std::unique_ptr<float[]> amplitude;            // A: the whole section as read
-    std::unique_ptr<float[]> phase;                // B
+    bulk_array<float> amplitude;                   // A: the whole section as read
+    bulk_array<float> phase;                       // B
     std::unique_ptr<ParametricPupil, pupil_deleter> pupil;
 
     fit_run() = default;

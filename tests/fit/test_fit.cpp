@@ -105,7 +105,9 @@ TEST(FillMatrix, equals_the_naive_evaluation_bit_for_bit) {
                  {{20.0f, 12.0f, 0.031f, 0.047f, 0.6f, 41, 23}, 12, 6},
                  {{20.5f, 11.25f, 0.031f, 0.047f, 0.6f, 41, 23}, 16, 16},
                  {{-3.7f, 40.2f, 0.1f, 0.09f, 2.3f, 30, 45}, 7, 3},
-                 {{4.0f, 3.0f, 1.0f, 1.0f, 2.5f, 9, 7}, zernike_table_max_order + 2, 0}};
+                 {{4.0f, 3.0f, 1.0f, 1.0f, 2.5f, 9, 7}, zernike_table_max_order + 2, 0},
+                 // Enough pixels to be filled in parts on several threads.
+                 {{90.0f, 90.0f, 0.01f, 0.01f, 0.85f, 181, 181}, 8, 2}};
     for (const auto& c : cases) {
         const std::vector<int> pixels = selected_pixels(c.g);
         const int nrow = static_cast<int>(pixels.size());
@@ -370,6 +372,18 @@ TEST(SeparateAmplitudePhase, splits_samples_in_place_with_the_stated_edge_cases)
     EXPECT_EQ(samples[8], -1.0f);  // beyond the amplitudes: stale samples
     EXPECT_EQ(phase, (std::vector<float>{0, pi / 2, pi, -pi / 2, -pi, 0,
                                          static_cast<float>(std::atan2(4.0, 3.0)), 0}));
+    // Enough pixels to be split in parts on several threads: each as alone.
+    std::vector<float> many(2 * 50000), many_phase(50000);
+    for (std::size_t i = 0; i < many.size(); ++i) many[i] = std::sin(0.37f * static_cast<float>(i));
+    const std::vector<float> before = many;
+    separate_amplitude_phase(50000, many.data(), many_phase.data());
+    for (std::size_t i = 0; i < many_phase.size(); ++i) {
+        std::vector<float> one(before.begin() + 2 * i, before.begin() + 2 * i + 2);
+        float one_phase = 0.0f;
+        separate_amplitude_phase(1, one.data(), &one_phase);
+        ASSERT_EQ(many[i], one[0]) << i;
+        ASSERT_EQ(many_phase[i], one_phase) << i;
+    }
     separate_amplitude_phase(0, samples.data(), phase.data());
     separate_amplitude_phase(-3, samples.data(), phase.data());
     EXPECT_EQ(samples[0], 1.0f);  // nothing written
