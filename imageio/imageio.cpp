@@ -655,7 +655,7 @@ bool prepare_section(const Stream& s, Value kind, bool big, SectionBytes* io) {
     io->count = section_bytes(s.header);
     io->offset = s.data_offset + s.section * io->count;
     io->direct = kind == Value::float32 && big == (std::endian::native == std::endian::big) &&
-                 (s.writable || file_holds(s.fp(), io->offset + io->count));
+                 io->count > 0 && (s.writable || file_holds(s.fp(), io->offset + io->count));
     if (io->direct) return true;
     io->raw.reset(new (std::nothrow) unsigned char[io->count]);
     if (!io->raw) {

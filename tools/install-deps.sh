@@ -6,9 +6,10 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 source tools/quiet.sh
-# OpenBLAS is the LAPACK torvel links; the reference LAPACK and both OpenBLAS
-# builds are there for the test that results do not depend on the build.
-packages=(g++ cmake make libopenblas-dev libopenblas0-serial libopenblas0-pthread liblapack3
+# OpenBLAS, in its OpenMP build, is the LAPACK torvel links; the reference
+# LAPACK and the other OpenBLAS builds are there for the test that results do
+# not depend on the build.
+packages=(g++ cmake make libopenblas-openmp-dev libopenblas0-serial libopenblas0-pthread liblapack3
           libblas3 libgtest-dev libbenchmark-dev python3 python3-numpy python3-mrcfile pkgconf
           man-db groff-base libcairo2-dev nlohmann-json3-dev fonts-dejavu-core "$@")
 missing=()

@@ -1,5 +1,6 @@
-"""Runs one torvel binary on the same inputs under three LAPACK builds
-(reference LAPACK with reference BLAS, OpenBLAS serial, OpenBLAS threaded)
+"""Runs one torvel binary on the same inputs under four LAPACK builds
+(reference LAPACK with reference BLAS, OpenBLAS serial, OpenBLAS with its own
+threads, OpenBLAS with OpenMP threads)
 and checks that what it prints does not depend on the build: standard output
 and the fit file byte for byte, the residual images to a few float ulps of
 their largest pixel (the coefficients' last bits differ between builds, and
@@ -36,6 +37,8 @@ BUILDS = {
                         LIB + '/openblas-serial/libblas.so.3'),
     'openblas-pthread': (LIB + '/openblas-pthread/libopenblas.so.0',
                          LIB + '/openblas-pthread/libblas.so.3'),
+    'openblas-openmp': (LIB + '/openblas-openmp/libopenblas.so.0',
+                        LIB + '/openblas-openmp/libblas.so.3'),
 }
 LAPACK_NAMES = ('libopenblas.so.0', 'liblapack.so.3')
 TEST_FILTER = '--gtest_filter=*RightHandSides*'
