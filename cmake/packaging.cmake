@@ -28,6 +28,11 @@ string(JOIN "\n" CPACK_DEBIAN_DEV_DESCRIPTION
   "The static library libtorvel with its headers <torvel/NAME.hpp>, a CMake"
   "package (find_package(torvel)) and a pkg-config file (torvel.pc): Zernike"
   "series, pupil fits, the parametric pupil file and the MRC2014 image layer.")
+# The programs look for OpenBLAS first in the directory of the build they
+# were linked with; dpkg-shlibdeps names only OpenBLAS as such.
+if(LAPACK_LIBRARIES MATCHES "openblas-([a-z]+)/")
+  set(CPACK_DEBIAN_TORVEL_PACKAGE_DEPENDS "libopenblas0-${CMAKE_MATCH_1}")
+endif()
 if(LAPACK_LIBRARIES MATCHES "openblas")
   set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libopenblas-dev")
 else()
