@@ -80,7 +80,8 @@ void run_in_parts(std::span<const std::int64_t> weights, int parts,
     run_ranges(part_ends(weights, std::clamp(parts, 1, std::max(count, 1))), run);
 }
 
-void run_in_parts(int count, int parts, const std::function<void(int part, int begin, int end)>& run) {
+void run_in_parts(int count, int parts,
+                  const std::function<void(int part, int begin, int end)>& run) {
     count = std::max(count, 0);
     parts = std::clamp(parts, 1, std::max(count, 1));
     std::vector<int> ends(static_cast<std::size_t>(parts));

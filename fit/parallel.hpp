@@ -24,7 +24,8 @@ void run_in_parts(std::span<const std::int64_t> weights, int parts,
                   const std::function<void(int part, int begin, int end)>& run);
 
 // The same for `count` items of equal weight.
-void run_in_parts(int count, int parts, const std::function<void(int part, int begin, int end)>& run);
+void run_in_parts(int count, int parts,
+                  const std::function<void(int part, int begin, int end)>& run);
 
 // How many parts a job of `pixels` pixels is worth: one per available CPU,
 // but never so many that a part has fewer than a few thousand pixels, for

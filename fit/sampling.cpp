@@ -14,6 +14,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <span>
 #include <vector>
 
 #include <torvel/fit.hpp>
@@ -262,6 +263,85 @@ void fill_matrix_direct(const PupilGeometry& g, int n, int m, int nrow, std::int
     });
 }
 
+// The design matrix from basis values made with tables shared by all
+// columns, a row of the disc and its mirror together. Measurement numbers
+// run in scan order, so each row's first measurement is counted up front.
+class TabledRows {
+  public:
+    TabledRows(const PupilGeometry& g, int n, int m, int nrow, std::int64_t ntot, double* matrix)
+        : g_(g),
+          n_(n),
+          m_(m),
+          nrow_(nrow),
+          ntot_(ntot),
+          matrix_(matrix),
+          rows_(fit_detail::disc_rows(g)) {
+        first_.resize(static_cast<std::size_t>(std::max(rows_.end - rows_.begin, 0)));
+        std::int64_t count = 0;
+        fit_detail::for_each_disc_row(g, [&](int iy, float, IndexRange columns) {
+            first_[static_cast<std::size_t>(iy - rows_.begin)] = count;
+            count += std::max(columns.end - columns.begin, 0);
+        });
+        for_each_zernike_term(n, m, [&](int, int l) {
+            mirror_sign_[slots_++] = 1.0;
+            if (l > 0) mirror_sign_[slots_++] = -1.0;
+        });
+    }
+
+    // Writes the rows of these pairs, with radials as scratch.
+    void fill(std::span<const fit_detail::RowPair> pairs, fit_detail::RowRadials* radials) const {
+        ZernikeTables angles;
+        double basis[zernike_table_max_terms];
+        for (const fit_detail::RowPair& pair : pairs) {
+            const fit_detail::DiscRow& row = pair.row;
+            const float yy = row.y * row.y;
+            radials->compute(yy, row.columns);
+            for (int ix = row.columns.begin; ix < row.columns.end; ++ix) {
+                const float x = fit_detail::axis_offset(ix, g_.x0, g_.dx);
+                const PupilPoint p = fit_detail::pupil_point(x, row.y, yy, g_.cutoff);
+                fill_zernike_angles(p.theta, radials->frequency(), &angles);
+                combine_zernike_basis(radials->of_column(ix), angles, n_, m_, basis);
+                write(row, ix, basis, false);
+                if (pair.mirrored) write(pair.mirror, ix, basis, true);
+            }
+        }
+    }
+
+  private:
+    // Writes pixel ix of row from basis, its sine values negated when
+    // mirrored (an exact negation).
+    void write(const fit_detail::DiscRow& row, int ix, const double* basis, bool mirrored) const {
+        const int nrow = nrow_;
+        const std::int64_t ntot = ntot_;
+        const std::int64_t irow =
+            first_[static_cast<std::size_t>(row.iy - rows_.begin)] + (ix - row.columns.begin);
+        TORVEL_ASSERT(irow < nrow, "fill_matrix");
+        // Past the last column's element the walk would fail one of
+        // write_row's checks, which then reports which.
+        if (irow + static_cast<std::int64_t>(slots_ - 1) * nrow >= ntot) {
+            write_row_from_basis(basis, mirrored ? -1.0 : 1.0, n_, m_, nrow, ntot,
+                                 static_cast<int>(irow), matrix_);
+            return;
+        }
+        double* out = matrix_ + irow;
+        for (int j = 0; j < slots_; ++j) {
+            out[static_cast<std::int64_t>(j) * nrow] =
+                mirrored ? mirror_sign_[j] * basis[j] : basis[j];
+        }
+    }
+
+    PupilGeometry g_;
+    int n_, m_, nrow_;
+    std::int64_t ntot_;
+    double* matrix_;
+    IndexRange rows_;
+    std::vector<std::int64_t> first_;
+    // What each slot of a row is multiplied by in the mirrored row: -1 for
+    // the sine columns, 1 for the others.
+    double mirror_sign_[zernike_table_max_terms];
+    int slots_ = 0;
+};
+
 }  // namespace
 
 void fill_rhs(float x0, float y0, float dx, float dy, float cutoff, int nx, int ny,
@@ -287,66 +367,19 @@ void fill_matrix(float x0, float y0, float dx, float dy, float cutoff, int nx, i
         fill_matrix_direct(g, n, m, nrow, ntot, matrix);
         return;
     }
-    // Measurement numbers run in scan order; a row and its mirror are written
-    // together, so each row's first measurement is counted up front.
-    const IndexRange rows = fit_detail::disc_rows(g);
-    std::vector<std::int64_t> first(static_cast<std::size_t>(std::max(rows.end - rows.begin, 0)));
-    std::int64_t count = 0;
-    fit_detail::for_each_disc_row(g, [&](int iy, float, IndexRange columns) {
-        first[static_cast<std::size_t>(iy - rows.begin)] = count;
-        count += std::max(columns.end - columns.begin, 0);
-    });
-    // What each slot of a row is multiplied by in the mirrored row: -1 for
-    // the sine columns (an exact negation), 1 for the others.
-    double mirror_sign[zernike_table_max_terms];
-    int slots = 0;
-    for_each_zernike_term(n, m, [&](int, int l) {
-        mirror_sign[slots++] = 1.0;
-        if (l > 0) mirror_sign[slots++] = -1.0;
-    });
+    const TabledRows writer(g, n, m, nrow, ntot, matrix);
     // Rows and their mirrors are filled in parts on several threads, each
     // with its own radial values; every element is written by one of them.
     const std::vector<fit_detail::RowPair> pairs = fit_detail::mirrored_row_pairs(g);
     std::vector<fit_detail::RowRadials> part_radials;
     part_radials.push_back(std::move(radials));
     const int parts = fit_detail::prepare_row_radials(g, n, m, pairs, &part_radials);
-    auto fill_part = [&](int part, int begin, int end) {
-        fit_detail::RowRadials& radials = part_radials[static_cast<std::size_t>(part)];
-        ZernikeTables angles;
-        double basis[zernike_table_max_terms];
-        auto write = [&](const fit_detail::DiscRow& row, int ix, bool mirrored) {
-            const std::int64_t irow =
-                first[static_cast<std::size_t>(row.iy - rows.begin)] + (ix - row.columns.begin);
-            TORVEL_ASSERT(irow < nrow, "fill_matrix");
-            // Past the last column's element the walk would fail one of
-            // write_row's checks, which then reports which.
-            if (irow + static_cast<std::int64_t>(slots - 1) * nrow >= ntot) {
-                write_row_from_basis(basis, mirrored ? -1.0 : 1.0, n, m, nrow, ntot,
-                                     static_cast<int>(irow), matrix);
-                return;
-            }
-            double* out = matrix + irow;
-            for (int j = 0; j < slots; ++j) {
-                out[static_cast<std::int64_t>(j) * nrow] =
-                    mirrored ? mirror_sign[j] * basis[j] : basis[j];
-            }
-        };
-        for (int k = begin; k < end; ++k) {
-            const fit_detail::RowPair& pair = pairs[static_cast<std::size_t>(k)];
-            const fit_detail::DiscRow& row = pair.row;
-            const float yy = row.y * row.y;
-            radials.compute(yy, row.columns);
-            for (int ix = row.columns.begin; ix < row.columns.end; ++ix) {
-                const float x = fit_detail::axis_offset(ix, x0, dx);
-                const PupilPoint p = fit_detail::pupil_point(x, row.y, yy, cutoff);
-                fill_zernike_angles(p.theta, radials.frequency(), &angles);
-                combine_zernike_basis(radials.of_column(ix), angles, n, m, basis);
-                write(row, ix, false);
-                if (pair.mirrored) write(pair.mirror, ix, true);
-            }
-        }
-    };
-    fit_detail::run_in_parts(fit_detail::row_pair_weights(pairs), parts, fill_part);
+    fit_detail::run_in_parts(
+        fit_detail::row_pair_weights(pairs), parts, [&](int part, int begin, int end) {
+            writer.fill(std::span(pairs).subspan(static_cast<std::size_t>(begin),
+                                                 static_cast<std::size_t>(end - begin)),
+                        &part_radials[static_cast<std::size_t>(part)]);
+        });
 }
 
 }  // namespace torvel

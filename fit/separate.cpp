@@ -17,10 +17,10 @@ void separate_amplitude_phase(int count, float* samples, float* phase) {
             const float s = re * re + im * im;
             // A zero or NaN modulus has no direction; the phase is 0, and
             // atan2 is not asked.
-            phase[i] = s == 0.0f || std::isnan(s) ? 0.0f
-                                                   : static_cast<float>(std::atan2(
-                                                         static_cast<double>(im),
-                                                         static_cast<double>(re)));
+            phase[i] = s == 0.0f || std::isnan(s)
+                           ? 0.0f
+                           : static_cast<float>(
+                                 std::atan2(static_cast<double>(im), static_cast<double>(re)));
         }
     });
     // Then the moduli, in order: amplitude i goes to slot i, which samples

@@ -841,7 +841,8 @@ int image_read_section(int stream, float* buffer) noexcept {
                static_cast<unsigned long long>(io.count));
         return 1;
     }
-    if (!io.direct) decode_values(m.value, s->big_endian, bytes, io.count / value_bytes(m.value), buffer);
+    if (!io.direct)
+        decode_values(m.value, s->big_endian, bytes, io.count / value_bytes(m.value), buffer);
     ++s->section;
     return 0;
 }

@@ -33,7 +33,8 @@ bulk_array<T> allocate_bulk(std::int64_t count) noexcept {
     static_assert(std::is_trivially_default_constructible_v<T> &&
                   std::is_trivially_destructible_v<T>);
     if (count < 0 || static_cast<std::uint64_t>(count) > SIZE_MAX / sizeof(T)) return nullptr;
-    return bulk_array<T>(static_cast<T*>(allocate_bulk_bytes(static_cast<std::size_t>(count) * sizeof(T))));
+    return bulk_array<T>(
+        static_cast<T*>(allocate_bulk_bytes(static_cast<std::size_t>(count) * sizeof(T))));
 }
 
 }  // namespace torvel
