@@ -3,6 +3,7 @@
 #include <sched.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <thread>
 #include <vector>
 
@@ -16,9 +17,20 @@ namespace {
 constexpr std::int64_t kPixelsPerPart = 8192;
 constexpr int kMaxParts = 64;
 
-// The CPUs this process may run on, which in a container or under taskset can
-// be fewer than the machine has.
-int available_cpus() {
+// The threads a job may use: OMP_NUM_THREADS when it is set to a positive
+// number (its first, for a list), which is also what the OpenMP build of
+// OpenBLAS follows, so that one setting serves both (OMP_NUM_THREADS=1 when
+// running one torvel per core from a script); else one per CPU this process
+// may run on, which in a container or under taskset can be fewer than the
+// machine has.
+int thread_budget() {
+    if (const char* text = std::getenv("OMP_NUM_THREADS")) {
+        char* end = nullptr;
+        const long n = std::strtol(text, &end, 10);
+        if (end != text && n > 0 && (*end == '\0' || *end == ',')) {
+            return static_cast<int>(std::min<long>(n, kMaxParts));
+        }
+    }
     cpu_set_t set;
     if (sched_getaffinity(0, sizeof set, &set) == 0) return std::max(CPU_COUNT(&set), 1);
     return std::max(static_cast<int>(std::thread::hardware_concurrency()), 1);
@@ -44,7 +56,7 @@ std::vector<int> part_ends(std::span<const std::int64_t> weights, int parts) {
 }  // namespace
 
 int parts_for(std::int64_t pixels) {
-    static const int cpus = available_cpus();
+    static const int cpus = thread_budget();
     const std::int64_t worth = std::max<std::int64_t>(pixels / kPixelsPerPart, 1);
     return static_cast<int>(std::min<std::int64_t>({worth, cpus, kMaxParts}));
 }

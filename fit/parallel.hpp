@@ -27,9 +27,10 @@ void run_in_parts(std::span<const std::int64_t> weights, int parts,
 void run_in_parts(int count, int parts,
                   const std::function<void(int part, int begin, int end)>& run);
 
-// How many parts a job of `pixels` pixels is worth: one per available CPU,
-// but never so many that a part has fewer than a few thousand pixels, for
-// which starting a thread would cost more than it saves.
+// How many parts a job of `pixels` pixels is worth: one per thread allowed
+// (OMP_NUM_THREADS, else one per available CPU), but never so many that a
+// part has fewer than a few thousand pixels, for which starting a thread
+// would cost more than it saves.
 int parts_for(std::int64_t pixels);
 
 }  // namespace torvel::fit_detail
