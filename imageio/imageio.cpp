@@ -333,6 +333,7 @@ struct Stream {
     bool writable = false;      // opened "new"
     bool big_endian = false;    // byte order of the pixels on disk
     bool header_dirty = false;  // "new": memory differs from what is on disk
+    bool write_failed = false;  // "new": a write failed; the file is not kept
     std::uint64_t data_offset = kHeaderBytes;
     std::uint64_t section = 0;  // current section number
 };
@@ -609,12 +610,19 @@ void prepare_for_writing(Header& h) {
     std::memset(label_at(h, n), ' ', (kMaxLabels - n) * kLabelBytes);
 }
 
+// Reports a failed write of s, the first one only: the later ones of the same
+// file (a full disk fails every write) add nothing to it.
+void report_write_failure(Stream& s, const char* what) {
+    if (!s.write_failed) report(s.name.get(), "cannot write %s: %s", what, std::strerror(errno));
+    s.write_failed = true;
+}
+
 bool write_header_to_file(Stream& s) {
     prepare_for_writing(s.header);
     std::FILE* f = s.fp();
     if (std::fseek(f, 0, SEEK_SET) != 0 ||
         std::fwrite(s.header.data(), 1, kHeaderBytes, f) != kHeaderBytes || std::fflush(f) != 0) {
-        report(s.name.get(), "cannot write the header: %s", std::strerror(errno));
+        report_write_failure(s, "the header");
         return false;
     }
     s.header_dirty = false;
@@ -689,7 +697,13 @@ int image_open(int stream, const char* name, const char* access) noexcept {
 int image_close(int stream) noexcept {
     if (!in_range(stream) || !g_streams[stream]) return 0;
     Stream& s = *g_streams[stream];
-    if (s.writable && s.header_dirty) write_header_to_file(s);
+    if (s.writable && s.header_dirty && !s.write_failed) write_header_to_file(s);
+    if (s.writable && s.write_failed) {
+        // A file some of whose writes failed is not passed off as complete:
+        // it is discarded, and what was at its name before stays.
+        g_streams[stream].reset();
+        return 1;
+    }
     int status = 0;
     if (s.writable ? safe_output_commit(&s.output) != 0 : std::fclose(s.file.release()) != 0) {
         report(s.name.get(), "cannot finish writing: %s", std::strerror(errno));
@@ -863,8 +877,10 @@ int image_write_section(int stream, const float* buffer) noexcept {
     if (!io.direct) encode_values(m.value, buffer, io.count / value_bytes(m.value), io.raw.get());
     if (std::fseek(s->fp(), static_cast<long>(io.offset), SEEK_SET) != 0 ||
         std::fwrite(bytes, 1, io.count, s->fp()) != io.count) {
-        report(s->name.get(), "cannot write section %llu: %s",
-               static_cast<unsigned long long>(s->section), std::strerror(errno));
+        char what[32];
+        std::snprintf(what, sizeof what, "section %llu",
+                      static_cast<unsigned long long>(s->section));
+        report_write_failure(*s, what);
         return 1;
     }
     ++s->section;
