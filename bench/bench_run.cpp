@@ -73,10 +73,11 @@ struct Pupil {
     float dx;
     std::vector<float> amplitude, phase;
     std::string path;
+    bool written = false;  // the image at path is complete
 };
 
 Pupil make_pupil(int size, const std::string& path) {
-    Pupil p{size, kAperture * 1000.0f / kWavelengthNm / (size / 2.0f), {}, {}, path};
+    Pupil p{size, kAperture * 1000.0f / kWavelengthNm / (size / 2.0f), {}, {}, path, false};
     const std::size_t pixels = static_cast<std::size_t>(size) * size;
     p.amplitude.resize(pixels);
     p.phase.resize(pixels);
@@ -109,9 +110,9 @@ Pupil make_pupil(int size, const std::string& path) {
     image_set_pixel_spacing(3, p.dx, p.dx, 1.0f);
     image_set_origin(3, origin, origin, 0.0f);
     image_seek_section(3, 0, 0, 0);
-    image_write_section(3, complex.data());
+    const bool section = image_write_section(3, complex.data()) == 0;
     image_write_header(3, nullptr, -1, 0.0f, 0.0f, 0.0f);
-    image_close(3);
+    p.written = image_close(3) == 0 && section;
     return p;
 }
 
@@ -186,6 +187,10 @@ double two_solves(const Pupil& p, int n, int m, float tol) {
 
 void BM_WholeRun(benchmark::State& state) {
     const Pupil& p = pupil(static_cast<int>(state.range(0)));
+    if (!p.written) {
+        state.SkipWithError("the input image could not be written");
+        return;
+    }
     const std::string set = std::to_string(state.range(1)) + ":" + std::to_string(state.range(2));
     const std::string fit = (work_dir() / "fit.txt").string();
     const std::string residual = (work_dir() / "residual.mrc").string();
@@ -227,10 +232,12 @@ BENCHMARK(BM_WholeRun)
 int main(int argc, char** argv) {
     // --images=DIR: write the input images for other programs and stop.
     if (argc == 2 && std::strncmp(argv[1], "--images=", 9) == 0) {
+        const std::filesystem::path dir(argv[1] + 9);
+        std::error_code error;
+        std::filesystem::create_directories(dir, error);
         for (int size : {256, 512, 1024}) {
-            const std::string path =
-                (std::filesystem::path(argv[1] + 9) / ("pupil" + std::to_string(size) + ".mrc"));
-            make_pupil(size, path);
+            const std::string path = dir / ("pupil" + std::to_string(size) + ".mrc");
+            if (!make_pupil(size, path).written) return 1;  // the image layer said why
         }
         return 0;
     }

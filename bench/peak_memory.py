@@ -26,10 +26,13 @@ def peak(args):
     """(largest RssAnon seen, last VmHWM seen) in KiB, and standard output."""
     with tempfile.TemporaryFile() as out:
         pid = subprocess.Popen(args, stdout=out).pid
-        status, anon, high = '/proc/%d/status' % pid, 0, 0
-        while os.waitpid(pid, os.WNOHANG)[0] == 0:
+        proc_status, anon, high = '/proc/%d/status' % pid, 0, 0
+        while True:
+            done, wait_status = os.waitpid(pid, os.WNOHANG)
+            if done:
+                break
             try:
-                with open(status) as f:
+                with open(proc_status) as f:
                     text = f.read()
             except OSError:
                 continue
@@ -38,6 +41,8 @@ def peak(args):
                 anon = max(anon, int(found[0].group(1)))
                 high = max(high, int(found[1].group(1)))
         out.seek(0)
+        if os.waitstatus_to_exitcode(wait_status) != 0:
+            sys.exit('peak_memory: %s failed' % ' '.join(args))
         return anon, high, out.read().decode()
 
 
