@@ -1,13 +1,15 @@
 #pragma once
 // Memory for the large arrays of a run (design matrices, right-hand sides,
-// image planes), each written in full soon after it is had.
+// image planes), each written in full, or all but a sliver (a matrix sized by
+// an upper estimate of the disc's pixels), soon after it is had.
 //
 // Fresh memory costs the kernel a page fault per 4 KiB page at first write,
 // and on a virtual machine a fault can cost as much as computing a few
 // thousand pixels. These arrays take their pages in bulk instead: 2 MiB
 // pages where whole ones fit, the rest mapped in one call before use. Only
-// pages inside the array are mapped, which its writes would map anyway, so
-// the memory a run holds is the same; what is in the arrays is not touched.
+// pages inside the array are mapped, which its writes would (nearly all) map
+// anyway, so the memory a run holds is the same; what is in the arrays is
+// not touched.
 
 #include <cstddef>
 #include <cstdint>
