@@ -24,6 +24,11 @@ endforeach()
 list(REMOVE_DUPLICATES _lapack_flags)
 list(JOIN _lapack_flags " " TORVEL_PC_LAPACK_LIBS)
 list(JOIN TORVEL_PC_REQUIRES ", " TORVEL_PC_REQUIRES)
+# The OpenMP runtime, by the compiler's own flag, when the library uses it.
+set(TORVEL_PC_OPENMP_FLAGS "")
+if(OpenMP_CXX_FOUND)
+  set(TORVEL_PC_OPENMP_FLAGS "${OpenMP_CXX_FLAGS}")
+endif()
 
 configure_file(cmake/torvel.pc.in ${CMAKE_CURRENT_BINARY_DIR}/torvel.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/torvel.pc DESTINATION ${_pc_dir} COMPONENT dev)

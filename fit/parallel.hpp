@@ -5,8 +5,7 @@
 // places no other pixel writes; split between threads they give the very same
 // values, in the time of the largest part. While dgelsd runs, LAPACK keeps
 // every core busy; these steps would otherwise keep one busy and leave the
-// rest idle. The page faults of a freshly allocated matrix, which the kernel
-// serves by zeroing pages, are shared out with the writes that cause them.
+// rest idle.
 
 #include <cstdint>
 #include <functional>
@@ -15,11 +14,10 @@
 namespace torvel::fit_detail {
 
 // Runs run(part, begin, end) on up to `parts` contiguous ranges of the items
-// [0, weights.size()) whose weights add up to about the same, part 0 on the
-// calling thread and every other on a thread of its own, and returns when all
-// have ended. A part whose thread cannot be started runs on the calling
-// thread after part 0. Each item is in exactly one range; ranges are in item
-// order.
+// [0, weights.size()) whose weights add up to about the same, each part on
+// one thread (OpenMP's), and returns when all have ended. Each item is in
+// exactly one range; ranges are in item order. Without OpenMP the parts run
+// one after the other on the calling thread.
 void run_in_parts(std::span<const std::int64_t> weights, int parts,
                   const std::function<void(int part, int begin, int end)>& run);
 
@@ -27,10 +25,10 @@ void run_in_parts(std::span<const std::int64_t> weights, int parts,
 void run_in_parts(int count, int parts,
                   const std::function<void(int part, int begin, int end)>& run);
 
-// How many parts a job of `pixels` pixels is worth: one per thread allowed
-// (OMP_NUM_THREADS, else one per available CPU), but never so many that a
-// part has fewer than a few thousand pixels, for which starting a thread
-// would cost more than it saves.
+// How many parts a job of `pixels` pixels is worth: one per thread OpenMP
+// allows (OMP_NUM_THREADS, else one per CPU this process may run on), but
+// never so many that a part has fewer than a few thousand pixels, for which
+// handing it to a thread would cost more than it saves.
 int parts_for(std::int64_t pixels);
 
 }  // namespace torvel::fit_detail
