@@ -17,7 +17,7 @@ constexpr std::int64_t kPixelsPerPart = 8192;
 constexpr int kMaxParts = 64;
 
 // The threads a job may use: OpenMP's count, which follows OMP_NUM_THREADS
-// and the CPUs this process may run on (taskset, container limits), as the
+// and the CPUs this process may run on (taskset, CPU sets), as the
 // solves of OpenBLAS's OpenMP build do. One where the compiler had no OpenMP.
 int thread_budget() {
 #ifdef _OPENMP
