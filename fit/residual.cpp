@@ -5,10 +5,8 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
-#include <vector>
 
 #include <torvel/fit.hpp>
-#include "parallel.hpp"
 #include "sampling.hpp"
 #include <torvel/zernike.hpp>
 
@@ -198,27 +196,15 @@ void compute_residual(float x0, float y0, float dx, float dy, float cutoff, int 
     int n = -1;
     int m = -1;
     larger_set(n_a, m_a, n_p, m_p, &n, &m);
-    // Sets outside the valid ones need not nest; they take the series
-    // evaluation point by point.
+    // Sets outside the valid ones need not nest; they, and sets beyond the
+    // tables, take the series evaluation point by point. Rows are taken in
+    // parts on several threads and write disjoint pixels.
     auto valid = [](int k, int l) { return k < 0 || (l >= 0 && l <= k && (k - l) % 2 == 0); };
-    const std::vector<fit_detail::RowPair> pairs = fit_detail::mirrored_row_pairs(g);
-    std::vector<fit_detail::RowRadials> radials;
-    radials.emplace_back(g, n, m);
-    const bool tabled = valid(n_a, m_a) && valid(n_p, m_p) && radials[0].usable();
-    // Rows are taken in parts on several threads, each with its own radial
-    // values, and write disjoint pixels.
-    const int parts = tabled ? fit_detail::prepare_row_radials(g, n, m, pairs, &radials)
-                             : fit_detail::parts_for(static_cast<std::int64_t>(nx) * ny);
-    fit_detail::run_in_parts(
-        fit_detail::row_pair_weights(pairs), parts, [&](int part, int begin, int end) {
-            fit_detail::RowRadials* shared =
-                tabled ? &radials[static_cast<std::size_t>(part)] : nullptr;
-            for (int k = begin; k < end; ++k) {
-                const fit_detail::RowPair& pair = pairs[static_cast<std::size_t>(k)];
-                disc_row_pair(g, fitted, shared, planes, pair.row,
-                              pair.mirrored ? &pair.mirror : nullptr);
-            }
-        });
+    auto visit = [&](const fit_detail::RowPair& pair, fit_detail::RowRadials* radials) {
+        disc_row_pair(g, fitted, radials, planes, pair.row, pair.mirrored ? &pair.mirror : nullptr);
+    };
+    if (!(valid(n_a, m_a) && valid(n_p, m_p) && fit_detail::visit_row_pairs(g, n, m, true, visit)))
+        fit_detail::visit_row_pairs(g, n, m, false, visit);
     Statistics totals;
     const std::size_t values = 2 * static_cast<std::size_t>(nx) * static_cast<std::size_t>(ny);
     for (std::size_t i = 0; i < values; i += 2) totals.add(residual[i], residual[i + 1]);

@@ -83,6 +83,10 @@ PupilPoint pupil_point(float x, float y, float yy, float cutoff) {
     return {rho, theta};
 }
 
+namespace {
+
+// The rows of the disc in ascending order, a row that mirrors an earlier one
+// paired with that one.
 std::vector<RowPair> mirrored_row_pairs(const PupilGeometry& g) {
     const IndexRange rows = disc_rows(g);
     auto row_at = [&](int iy) {
@@ -106,27 +110,42 @@ std::vector<RowPair> mirrored_row_pairs(const PupilGeometry& g) {
     return pairs;
 }
 
-std::vector<std::int64_t> row_pair_weights(std::span<const RowPair> pairs) {
-    std::vector<std::int64_t> weights;
-    weights.reserve(pairs.size());
+// The selected pixels of each pair, both rows counted: its share of the work.
+std::vector<std::int64_t> pixels_of(std::span<const RowPair> pairs) {
+    std::vector<std::int64_t> pixels;
+    pixels.reserve(pairs.size());
     for (const RowPair& pair : pairs) {
-        const std::int64_t pixels = std::max(pair.row.columns.end - pair.row.columns.begin, 0);
-        weights.push_back(pair.mirrored ? 2 * pixels : pixels);
+        const std::int64_t row = std::max(pair.row.columns.end - pair.row.columns.begin, 0);
+        pixels.push_back(pair.mirrored ? 2 * row : row);
     }
-    return weights;
+    return pixels;
 }
 
-int prepare_row_radials(const PupilGeometry& g, int n, int m, std::span<const RowPair> pairs,
-                        std::vector<RowRadials>* radials) {
-    std::int64_t pixels = 0;
-    for (const std::int64_t w : row_pair_weights(pairs)) pixels += w;
-    const int parts = parts_for(pixels);
-    while (static_cast<int>(radials->size()) < parts) {
+}  // namespace
+
+bool visit_row_pairs(const PupilGeometry& g, int n, int m, bool tabled,
+                     const std::function<void(const RowPair& pair, RowRadials* radials)>& visit) {
+    const std::vector<RowPair> pairs = mirrored_row_pairs(g);
+    const std::vector<std::int64_t> pixels = pixels_of(pairs);
+    std::int64_t total = 0;
+    for (const std::int64_t p : pixels) total += p;
+    int parts = parts_for(total);
+    // One set of radial values per part, as many parts as memory allows.
+    std::vector<RowRadials> radials;
+    while (tabled && static_cast<int>(radials.size()) < parts) {
         RowRadials more(g, n, m);
         if (!more.usable()) break;
-        radials->push_back(std::move(more));
+        radials.push_back(std::move(more));
     }
-    return static_cast<int>(radials->size());
+    if (tabled) {
+        if (radials.empty()) return false;
+        parts = static_cast<int>(radials.size());
+    }
+    run_in_parts(pixels, parts, [&](int part, int begin, int end) {
+        RowRadials* own = tabled ? &radials[static_cast<std::size_t>(part)] : nullptr;
+        for (int k = begin; k < end; ++k) visit(pairs[static_cast<std::size_t>(k)], own);
+    });
+    return true;
 }
 
 std::int64_t count_disc_pixels(const PupilGeometry& g) {
@@ -145,9 +164,14 @@ int mirror_index(float centre, int index) {
     return static_cast<int>(twice) - index;
 }
 
+bool within_tables(int n, int m) {
+    const ZernikeTableSize size = zernike_table_size(n, m);
+    return size.order <= zernike_table_max_order && size.frequency <= zernike_table_max_order;
+}
+
 RowRadials::RowRadials(const PupilGeometry& g, int n, int m)
     : g_(g), n_(n), m_(m), size_(zernike_table_size(n, m)) {
-    if (size_.order > zernike_table_max_order || size_.frequency > zernike_table_max_order) return;
+    if (!within_tables(n, m)) return;
     width_ = static_cast<std::size_t>(zernike_radial_count(n, m));
     values_.reset(new (std::nothrow) double[static_cast<std::size_t>(g.nx) * width_]);
 }
@@ -288,22 +312,20 @@ class TabledRows {
         });
     }
 
-    // Writes the rows of these pairs, with radials as scratch.
-    void fill(std::span<const fit_detail::RowPair> pairs, fit_detail::RowRadials* radials) const {
+    // Writes the rows of one pair, with radials as scratch.
+    void fill(const fit_detail::RowPair& pair, fit_detail::RowRadials* radials) const {
         ZernikeTables angles;
         double basis[zernike_table_max_terms];
-        for (const fit_detail::RowPair& pair : pairs) {
-            const fit_detail::DiscRow& row = pair.row;
-            const float yy = row.y * row.y;
-            radials->compute(yy, row.columns);
-            for (int ix = row.columns.begin; ix < row.columns.end; ++ix) {
-                const float x = fit_detail::axis_offset(ix, g_.x0, g_.dx);
-                const PupilPoint p = fit_detail::pupil_point(x, row.y, yy, g_.cutoff);
-                fill_zernike_angles(p.theta, radials->frequency(), &angles);
-                combine_zernike_basis(radials->of_column(ix), angles, n_, m_, basis);
-                write(row, ix, basis, false);
-                if (pair.mirrored) write(pair.mirror, ix, basis, true);
-            }
+        const fit_detail::DiscRow& row = pair.row;
+        const float yy = row.y * row.y;
+        radials->compute(yy, row.columns);
+        for (int ix = row.columns.begin; ix < row.columns.end; ++ix) {
+            const float x = fit_detail::axis_offset(ix, g_.x0, g_.dx);
+            const PupilPoint p = fit_detail::pupil_point(x, row.y, yy, g_.cutoff);
+            fill_zernike_angles(p.theta, radials->frequency(), &angles);
+            combine_zernike_basis(radials->of_column(ix), angles, n_, m_, basis);
+            write(row, ix, basis, false);
+            if (pair.mirrored) write(pair.mirror, ix, basis, true);
         }
     }
 
@@ -362,24 +384,21 @@ void fill_matrix(float x0, float y0, float dx, float dy, float cutoff, int nx, i
                  int nrow, int n, int m, double* matrix) {
     const PupilGeometry g{x0, y0, dx, dy, cutoff, nx, ny};
     const std::int64_t ntot = static_cast<std::int64_t>(nrow) * ncol;
-    fit_detail::RowRadials radials(g, n, m);
-    if (!radials.usable()) {
+    // Sets beyond the tables, or without memory for the tables' values, are
+    // filled straight from the formulas.
+    if (!fit_detail::within_tables(n, m)) {
         fill_matrix_direct(g, n, m, nrow, ntot, matrix);
         return;
     }
+    // Rows and their mirrors are filled in parts on several threads; every
+    // element is written by one of them.
     const TabledRows writer(g, n, m, nrow, ntot, matrix);
-    // Rows and their mirrors are filled in parts on several threads, each
-    // with its own radial values; every element is written by one of them.
-    const std::vector<fit_detail::RowPair> pairs = fit_detail::mirrored_row_pairs(g);
-    std::vector<fit_detail::RowRadials> part_radials;
-    part_radials.push_back(std::move(radials));
-    const int parts = fit_detail::prepare_row_radials(g, n, m, pairs, &part_radials);
-    fit_detail::run_in_parts(
-        fit_detail::row_pair_weights(pairs), parts, [&](int part, int begin, int end) {
-            writer.fill(std::span(pairs).subspan(static_cast<std::size_t>(begin),
-                                                 static_cast<std::size_t>(end - begin)),
-                        &part_radials[static_cast<std::size_t>(part)]);
-        });
+    if (!fit_detail::visit_row_pairs(
+            g, n, m, true, [&](const fit_detail::RowPair& pair, fit_detail::RowRadials* radials) {
+                writer.fill(pair, radials);
+            })) {
+        fill_matrix_direct(g, n, m, nrow, ntot, matrix);
+    }
 }
 
 }  // namespace torvel

@@ -6,9 +6,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
-#include <span>
-#include <vector>
 
 #include <torvel/zernike.hpp>
 
@@ -87,6 +86,10 @@ int mirror_index(float centre, int index);
 // negated.
 bool mirrored_rows(const PupilGeometry& g, const DiscRow& a, const DiscRow& b);
 
+// Whether the set (n, m) is within the Zernike tables, which the faster
+// paths of the design matrix and the residual need.
+bool within_tables(int n, int m);
+
 // The radial values R_k^l(rho) of the set (n, m), in visiting order, for
 // every selected pixel of one row. rho depends on nothing but the float sum
 // x^2 + y^2, so where the centre lies on a whole or half pixel the right
@@ -125,18 +128,15 @@ struct RowPair {
     bool mirrored;
 };
 
-// The rows of the disc in ascending order, a row that mirrors an earlier one
-// paired with that one instead of standing on its own.
-std::vector<RowPair> mirrored_row_pairs(const PupilGeometry& g);
-
-// The selected pixels of each pair, both rows counted: its share of the work.
-std::vector<std::int64_t> row_pair_weights(std::span<const RowPair> pairs);
-
-// Adds to *radials, which holds one, a further set of row values for each
-// further part that the pairs' pixels are worth running on a thread of its
-// own, while memory lasts. Returns the number of parts: radials->size().
-int prepare_row_radials(const PupilGeometry& g, int n, int m, std::span<const RowPair> pairs,
-                        std::vector<RowRadials>* radials);
+// Calls visit(pair, radials) once for every row of the disc, a row that
+// mirrors an earlier one paired with that one instead of standing on its
+// own. The pairs are split in parts of about equal pixel counts, each run
+// on a thread of its own (fit/parallel.hpp); with tabled, each part has its
+// own radial values of the set (n, m) for visit to compute into, else
+// radials is null. Returns false, having visited nothing, when tabled and
+// no radial values could be had (a set beyond the tables, or no memory).
+bool visit_row_pairs(const PupilGeometry& g, int n, int m, bool tabled,
+                     const std::function<void(const RowPair& pair, RowRadials* radials)>& visit);
 
 // Number of pixels the disc selects (what fill_rhs would count).
 std::int64_t count_disc_pixels(const PupilGeometry& g);
