@@ -44,16 +44,6 @@ std::vector<int> part_ends(std::span<const std::int64_t> weights, int parts) {
     return ends;
 }
 
-}  // namespace
-
-int parts_for(std::int64_t pixels) {
-    static const int threads = thread_budget();
-    const std::int64_t worth = std::max<std::int64_t>(pixels / kPixelsPerPart, 1);
-    return static_cast<int>(std::min<std::int64_t>(worth, threads));
-}
-
-namespace {
-
 // Runs part k on items [ends[k - 1], ends[k]) (part 0 from item 0), as
 // run_in_parts describes. The parts run on the threads of OpenMP's pool, the
 // pool that OpenBLAS's OpenMP build solves with: no thread is started per
@@ -69,6 +59,12 @@ void run_ranges(std::span<const int> ends,
 }
 
 }  // namespace
+
+int parts_for(std::int64_t pixels) {
+    static const int threads = thread_budget();
+    const std::int64_t worth = std::max<std::int64_t>(pixels / kPixelsPerPart, 1);
+    return static_cast<int>(std::min<std::int64_t>(worth, threads));
+}
 
 void run_in_parts(std::span<const std::int64_t> weights, int parts,
                   const std::function<void(int part, int begin, int end)>& run) {
