@@ -120,6 +120,19 @@ int match_wavelengths(const char* name, const image_header& h, const report_mode
     return 1;
 }
 
+// Opens image name on stream and checks it against the model: its header
+// (a pupil image, or with residual a residual image of the fit) and its
+// wavelengths, whose indices for the model's go to *index. Returns 0 with
+// the stream open, or 1 after messages with it closed.
+int open_matching_image(int stream, const char* name, const report_model& model, bool residual,
+                        image_header* h, std::vector<int>* index) {
+    if (open_image(stream, name, h) != 0) return 1;
+    int status = check_pupil_header(name, h->torvel, model, residual);
+    status |= match_wavelengths(name, *h, model, residual, index);
+    if (status != 0) image_close(stream);
+    return status != 0 ? 1 : 0;
+}
+
 plane allocate_plane(std::int64_t floats) {
     return plane(new (std::nothrow) float[std::size_t(floats)]);
 }
@@ -143,12 +156,9 @@ int read_section(int stream, const char* name, int z, int w, float* buffer) {
 
 int read_measured_pupil(const char* name, const report_model& model, measured_pupil* out) {
     image_header h{};
-    if (open_image(kPupilStream, name, &h) != 0) return 1;
-    stream_closer closer{kPupilStream};
     std::vector<int> index;
-    int status = check_pupil_header(name, h.torvel, model, false);
-    status |= match_wavelengths(name, h, model, false, &index);
-    if (status != 0) return 1;
+    if (open_matching_image(kPupilStream, name, model, false, &h, &index) != 0) return 1;
+    stream_closer closer{kPupilStream};
 
     out->geometry = geometry_of(h.torvel);
     const image_geometry& g = out->geometry;
@@ -172,12 +182,9 @@ int read_measured_pupil(const char* name, const report_model& model, measured_pu
 
 int read_residual_image(const char* name, const report_model& model, residual_image* out) {
     image_header h{};
-    if (open_image(kResidualStream, name, &h) != 0) return 1;
-    stream_closer closer{kResidualStream};
     std::vector<int> index;
-    int status = check_pupil_header(name, h.torvel, model, true);
-    status |= match_wavelengths(name, h, model, true, &index);
-    if (status != 0) return 1;
+    if (open_matching_image(kResidualStream, name, model, true, &h, &index) != 0) return 1;
+    stream_closer closer{kResidualStream};
 
     out->geometry = geometry_of(h.torvel);
     const std::int64_t pixels = std::int64_t(h.torvel.nx) * h.torvel.ny;

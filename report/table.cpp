@@ -26,6 +26,14 @@ std::string index_pair(const int index[2]) {
     return text;
 }
 
+// Calls row(e, w) for every fit file and wavelength, in order: the rows of
+// every table.
+template <class Row>
+void for_each_row(std::span<const report_entry> entries, Row row) {
+    for (const report_entry& e : entries)
+        for (const wavelength_metrics& w : e.metrics) row(e, w);
+}
+
 void print_wavefront(std::FILE* out, std::span<const report_entry> entries, int fw) {
     std::fprintf(out,
                  "wavefront: phase with piston and tilt removed; RMS exact over the pupil disc, "
@@ -34,16 +42,13 @@ void print_wavefront(std::FILE* out, std::span<const report_entry> entries, int 
                  kPeakToValleyRadii, kPeakToValleyAngles);
     std::fprintf(out, "%-*s %8s %9s %9s %9s %9s %9s %9s %9s\n", fw, "file", "wave_nm", "rms_rad",
                  "rms_waves", "rms_nm", "pv_nm", "rms_nm_nd", "strehl", "strehl_nd");
-    for (const report_entry& e : entries) {
-        for (const wavelength_metrics& w : e.metrics) {
-            std::fprintf(
-                out, "%-*s %8.1f %9.4f %9.4f %9.2f %9.2f %9.2f %9.4f %9.4f\n", fw,
-                e.model.file.c_str(), w.wavelength_nm, w.rms_rad,
-                w.rms_rad / (2.0 * std::numbers::pi), radians_to_nm(w.rms_rad, w.wavelength_nm),
-                radians_to_nm(w.pv_rad, w.wavelength_nm),
-                radians_to_nm(w.rms_nodefocus_rad, w.wavelength_nm), w.strehl, w.strehl_nodefocus);
-        }
-    }
+    for_each_row(entries, [&](const report_entry& e, const wavelength_metrics& w) {
+        std::fprintf(
+            out, "%-*s %8.1f %9.4f %9.4f %9.2f %9.2f %9.2f %9.4f %9.4f\n", fw, e.model.file.c_str(),
+            w.wavelength_nm, w.rms_rad, w.rms_rad / (2.0 * std::numbers::pi),
+            radians_to_nm(w.rms_rad, w.wavelength_nm), radians_to_nm(w.pv_rad, w.wavelength_nm),
+            radians_to_nm(w.rms_nodefocus_rad, w.wavelength_nm), w.strehl, w.strehl_nodefocus);
+    });
 }
 
 void print_amplitude(std::FILE* out, std::span<const report_entry> entries, int fw) {
@@ -51,12 +56,10 @@ void print_amplitude(std::FILE* out, std::span<const report_entry> entries, int 
                  "\namplitude: mean over the pupil disc and RMS about it relative to the mean "
                  "(exact)\n");
     std::fprintf(out, "%-*s %8s %9s %9s\n", fw, "file", "wave_nm", "mean", "rel_rms");
-    for (const report_entry& e : entries) {
-        for (const wavelength_metrics& w : e.metrics) {
-            std::fprintf(out, "%-*s %8.1f %9.5f %9.5f\n", fw, e.model.file.c_str(), w.wavelength_nm,
-                         w.mean_amplitude, w.amplitude_relative_rms);
-        }
-    }
+    for_each_row(entries, [&](const report_entry& e, const wavelength_metrics& w) {
+        std::fprintf(out, "%-*s %8.1f %9.5f %9.5f\n", fw, e.model.file.c_str(), w.wavelength_nm,
+                     w.mean_amplitude, w.amplitude_relative_rms);
+    });
 }
 
 void print_largest(std::FILE* out, std::span<const report_entry> entries, int fw) {
@@ -65,17 +68,15 @@ void print_largest(std::FILE* out, std::span<const report_entry> entries, int fw
                  "combined;\nnoll from 1, osa (OSA/ANSI) from 0, a pair given as cos,sin\n");
     std::fprintf(out, "%-*s %8s %4s %-24s %6s %6s %9s\n", fw, "file", "wave_nm", "rank",
                  "aberration", "noll", "osa", "rms_nm");
-    for (const report_entry& e : entries) {
-        for (const wavelength_metrics& w : e.metrics) {
-            const int shown = std::min<int>(kLargestAberrations, int(w.largest.size()));
-            for (int r = 0; r < shown; ++r) {
-                const aberration_share& a = w.largest[std::size_t(r)];
-                std::fprintf(out, "%-*s %8.1f %4d %-24s %6s %6s %9.2f\n", fw, e.model.file.c_str(),
-                             w.wavelength_nm, r + 1, a.name.c_str(), index_pair(a.noll).c_str(),
-                             index_pair(a.osa).c_str(), a.rms_nm);
-            }
+    for_each_row(entries, [&](const report_entry& e, const wavelength_metrics& w) {
+        const int shown = std::min<int>(kLargestAberrations, int(w.largest.size()));
+        for (int r = 0; r < shown; ++r) {
+            const aberration_share& a = w.largest[std::size_t(r)];
+            std::fprintf(out, "%-*s %8.1f %4d %-24s %6s %6s %9.2f\n", fw, e.model.file.c_str(),
+                         w.wavelength_nm, r + 1, a.name.c_str(), index_pair(a.noll).c_str(),
+                         index_pair(a.osa).c_str(), a.rms_nm);
         }
-    }
+    });
 }
 
 void print_against_wavelength(std::FILE* out, std::span<const report_entry> entries, int fw) {
@@ -83,12 +84,10 @@ void print_against_wavelength(std::FILE* out, std::span<const report_entry> entr
                  "\ndefocus (Noll 4) and spherical (Noll 11) against wavelength: signed "
                  "RMS-normalised coefficients in nm\n");
     std::fprintf(out, "%-*s %8s %10s %12s\n", fw, "file", "wave_nm", "defocus_nm", "spherical_nm");
-    for (const report_entry& e : entries) {
-        for (const wavelength_metrics& w : e.metrics) {
-            std::fprintf(out, "%-*s %8.1f %10.2f %12.2f\n", fw, e.model.file.c_str(),
-                         w.wavelength_nm, w.defocus_nm, w.spherical_nm);
-        }
-    }
+    for_each_row(entries, [&](const report_entry& e, const wavelength_metrics& w) {
+        std::fprintf(out, "%-*s %8.1f %10.2f %12.2f\n", fw, e.model.file.c_str(), w.wavelength_nm,
+                     w.defocus_nm, w.spherical_nm);
+    });
 }
 
 }  // namespace
