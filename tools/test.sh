@@ -12,6 +12,10 @@ cd "$(dirname "$0")/.."
 source tools/quiet.sh
 bash tools/install-deps.sh
 jobs=$(nproc)
+# A compiler cache, where one is installed, makes rebuilds of several
+# checkouts of the project quick; a fresh machine has none and builds all.
+launcher=()
+command -v ccache >/dev/null && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
 
 # run_tests BUILD_DIR: CTest in parallel; on failure the failed tests' output.
 run_tests() {
@@ -25,7 +29,7 @@ run_tests() {
 }
 
 quietly "release: configure" build/release/configure.log \
-    cmake -S . -B build/release -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTORVEL_WERROR=ON
+    cmake -S . -B build/release -DCMAKE_BUILD_TYPE=RelWithDebInfo -DTORVEL_WERROR=ON "${launcher[@]}"
 quietly "release: build" build/release/build.log cmake --build build/release -j"$jobs"
 run_tests build/release
 
@@ -33,7 +37,7 @@ run_tests build/release
 # about two thirds of the time of -O2 -g and still names file and line.
 quietly "sanitizers: configure" build/sanitize/configure.log \
     cmake -S . -B build/sanitize -DCMAKE_BUILD_TYPE=Debug -DCMAKE_CXX_FLAGS_DEBUG="-O1 -g1" \
-    -DTORVEL_WERROR=ON \
+    -DTORVEL_WERROR=ON "${launcher[@]}" \
     -DTORVEL_BUILD_BENCHMARKS=OFF -DTORVEL_PRODUCT_TESTS=OFF -DTORVEL_TEST_EACH_CASE=OFF \
     -DCMAKE_CXX_FLAGS="-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=all"
 quietly "sanitizers: build" build/sanitize/build.log cmake --build build/sanitize -j"$jobs"
