@@ -16,11 +16,16 @@ namespace torvel {
 namespace {
 
 // How long a libgomp thread that has run out of work spins before it
-// sleeps, in its spin loop's rounds (some nanoseconds each): long enough to
-// catch the next step of a solve at once on an idle machine, far shorter
-// than the milliseconds libgomp spins by default, which another program, or
-// the run's own thread that it has pushed off a core, would wait for.
-constexpr char kSpinCount[] = "GOMP_SPINCOUNT=10000";
+// sleeps, in rounds of its spin loop (libgomp reckons 100 a microsecond;
+// libgomp's own default is 300000, milliseconds). Long enough to bridge the
+// short serial steps between the parallel ones of a solve, so that on an
+// idle machine a run is as fast as with the default (a sleeping thread costs
+// a wake-up, which a virtual machine makes slow); short enough that a thread
+// does not hold a core for long that another program, or this run's own
+// thread pushed off its core, is waiting for. Measured (bench/batch.py):
+// 3000 made runs on an idle machine some percent slower, 10000 and more
+// made two runs side by side markedly slower.
+constexpr char kSpinCount[] = "GOMP_SPINCOUNT=5000";
 
 // Variables of the shell's own bookkeeping, which none of the libraries
 // that start before main (the C and C++ runtimes, libgfortran, libgomp,

@@ -16,13 +16,14 @@
 //         torvel::share_cores();
 //         ...
 //
-// The call does the thread count. The waiting has to be set before libgomp
-// starts, which is before main: the call links in start-up code (in the same
-// file) that runs before any library is started and, when neither
-// OMP_WAIT_POLICY nor GOMP_SPINCOUNT is set, starts the program again at once
-// with GOMP_SPINCOUNT set, bounding the spin to some microseconds. A user's
-// own OMP_WAIT_POLICY, GOMP_SPINCOUNT and OMP_NUM_THREADS win over both.
-// Programs that only use the library (and do not call this) are unchanged.
+// The call itself limits the thread count. The waiting has to be set before
+// libgomp starts, which is before main: the call links in start-up code (in
+// the same file) that runs before any library starts and, when neither
+// OMP_WAIT_POLICY nor GOMP_SPINCOUNT is set, has libgomp find GOMP_SPINCOUNT
+// set, bounding the spin to some tens of microseconds; main sees the
+// environment the program was started with. A user's own OMP_WAIT_POLICY,
+// GOMP_SPINCOUNT and OMP_NUM_THREADS win over both. Programs that only use
+// the library (and do not call this) are left as they are.
 
 #include <string>
 #include <string_view>
