@@ -20,8 +20,9 @@ so that the programs' own settings are measured.
 
 Prints the median of each figure with its range over the repeats, then per
 configuration: busy/idle (target: at most 1.3) and serial/P2 time, P2's
-throughput against the serial loop's (target: at least 1.7); and the serial
-loop against --today's (target: at most 1).
+throughput against the serial loop's (target: at least 1.7), and for the
+other configurations their throughputs against TORVEL's serial loop; and
+TORVEL's serial loop against --today's (target: at most 1).
 
 Use:  python3 bench/batch.py TORVEL IMAGE [--today=TORVEL] [--repeats=N]
                              [--files=N] [--one-thread] [--variant=NAME=VALUE]...
@@ -156,6 +157,10 @@ def main(argv):
         busy = summary('busy / idle', [b / i for b, i in zip(own['busy'], own['idle'])], 'x')
         throughput = summary('serial / P2', [s / p for s, p in zip(own['serial'], own['P2'])], 'x')
         results[label] = (busy, throughput)
+        if label != 'torvel':  # throughputs against torvel's own serial loop
+            plain = figures['torvel']['serial']
+            for name in ('serial', 'P2'):
+                summary('torvel serial / ' + name, [a / b for a, b in zip(plain, own[name])], 'x')
     busy, throughput = results['torvel']
     verdict = 'busy core %.2f (<= 1.3): %s; P2 %.2f (>= 1.7): %s' % (
         busy, 'met' if busy <= 1.3 else 'NOT met',
