@@ -5,8 +5,9 @@
 // (libgomp). Left alone, a libgomp thread that runs out of work spins for
 // some milliseconds before it sleeps, on a core it keeps from any other
 // program and from its own process's threads that another program has
-// pushed off a core: with one core busy elsewhere, or two runs side by side
-// (`xargs -P2`), runs take two to five times longer. And libgomp starts a
+// pushed off a core: with one core busy elsewhere a run took twice as
+// long, and two runs side by side (`xargs -P2`) three times as long as one
+// after the other (bench/batch.py). And libgomp starts a
 // thread per CPU the process may run on, even where its cgroup (a container,
 // a batch system's job) grants it the time of fewer.
 //
