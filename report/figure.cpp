@@ -27,8 +27,8 @@ namespace {
 using namespace report_detail;
 
 // Layout in PNG pixels.
-constexpr int kDisc = 220;        // diameter of the pupil disc of a panel
-constexpr int kPanelWidth = 340;  // axis labels, disc, colour bar and its labels
+constexpr int kDisc = 220;         // diameter of the pupil disc of a panel
+constexpr int kPanelWidth = 340;   // axis labels, disc, colour bar and its labels
 constexpr int kPanelHeight = 292;  // title, disc, kx axis below it
 constexpr int kTitleHeight = 30;
 constexpr int kDiscLeft = 40;  // room for the ky axis left of the disc
@@ -135,9 +135,8 @@ void add_best_focus(const report_model& model, int w, const wavelength_metrics& 
     for (int slot = 0; slot <= last; ++slot) c[std::size_t(slot)] = 0.0;
     for_each_disc_pixel(b, [&](std::size_t k, std::size_t, double rho, double theta) {
         const double phase = series_value(c, model.phase_n, model.phase_m, rho, theta, 0.0) -
-                             focus_shift_phase(model, metrics.wavelength_nm,
-                                               metrics.focus_shift_um, metrics.focus_mean_path,
-                                               rho);
+                             focus_shift_phase(model, metrics.wavelength_nm, metrics.focus_shift_um,
+                                               metrics.focus_mean_path, rho);
         waves->values[k] = float(phase / (2.0 * std::numbers::pi));
     });
 }
@@ -334,19 +333,35 @@ cairo_surface_t* raster(const panel& p, const pixel_box& box) {
     return s;
 }
 
-// The disc of a panel, centred at (cx, cy): every pixel a square of the
-// pixel spacing, clipped to the pupil edge, which is drawn as a circle.
-void draw_disc(cairo_t* cr, const band& b, const panel& p, double cx, double cy) {
-    const double sx = kDisc / (2.0 * b.cutoff / b.g.dx);  // PNG pixels per image pixel
-    const double sy = kDisc / (2.0 * b.cutoff / b.g.dy);
+// Where pixel (column, row) of the band's image lands on a disc centred at
+// (cx, cy): the pupil centre at the disc's centre, y up.
+struct disc_mapping {
+    double cx, cy, sx, sy, x0, y0;
+    double x(double column) const { return cx + (column - x0) * sx; }
+    double y(double row) const { return cy - (row - y0) * sy; }
+};
+
+disc_mapping mapping_of(const band& b, double cx, double cy) {
+    return {cx,
+            cy,
+            kDisc / (2.0 * b.cutoff / b.g.dx),
+            kDisc / (2.0 * b.cutoff / b.g.dy),
+            double(b.g.x0),
+            double(b.g.y0)};
+}
+
+// The disc of a panel, centred where `at` puts the pupil centre: every pixel
+// a square of the pixel spacing, clipped to the pupil edge, which is drawn as
+// a circle.
+void draw_disc(cairo_t* cr, const band& b, const panel& p, const disc_mapping& at) {
+    const double cx = at.cx, cy = at.cy;
     cairo_save(cr);
     cairo_arc(cr, cx, cy, kDisc / 2.0, 0.0, 2.0 * std::numbers::pi);
     cairo_clip(cr);
     if (b.box.width() > 0 && b.box.height() > 0) {
         cairo_surface_t* image = raster(p, b.box);
-        cairo_translate(cr, cx + (b.box.c0 - 0.5 - b.g.x0) * sx,
-                        cy - (b.box.r1 + 0.5 - b.g.y0) * sy);
-        cairo_scale(cr, sx, sy);
+        cairo_translate(cr, at.x(b.box.c0 - 0.5), at.y(b.box.r1 + 0.5));
+        cairo_scale(cr, at.sx, at.sy);
         cairo_set_source_surface(cr, image, 0.0, 0.0);
         cairo_pattern_set_filter(cairo_get_source(cr), CAIRO_FILTER_NEAREST);
         cairo_paint(cr);
@@ -399,19 +414,6 @@ void draw_colour_bar(cairo_t* cr, const panel& p, double x, double y) {
     text_at(cr, x, y + kDisc + 16, p.unit);
 }
 
-// Where pixel (column, row) of the band's image lands on a disc centred at
-// (cx, cy): the pupil centre at the disc's centre, y up.
-struct disc_mapping {
-    double cx, cy, sx, sy, x0, y0;
-    double x(double column) const { return cx + (column - x0) * sx; }
-    double y(double row) const { return cy - (row - y0) * sy; }
-};
-
-disc_mapping mapping_of(const band& b, double cx, double cy) {
-    return {cx, cy, kDisc / (2.0 * b.cutoff / b.g.dx), kDisc / (2.0 * b.cutoff / b.g.dy),
-            double(b.g.x0), double(b.g.y0)};
-}
-
 // The point between two grid values a (at 0) and b (at 1) where the level is.
 double crossing(double a, double b, double level) {
     return (level - a) / (b - a);
@@ -421,8 +423,7 @@ double crossing(double a, double b, double level) {
 // squares over the cells whose four corners all lie in the disc. A saddle
 // cell joins its crossings in the order of its edges, which at most swaps
 // the two pairings there.
-void trace_level(cairo_t* cr, const band& b, const panel& p, const disc_mapping& at,
-                 double level) {
+void trace_level(cairo_t* cr, const band& b, const panel& p, const disc_mapping& at, double level) {
     const int w = b.box.width();
     auto value = [&](int c, int r) { return double(p.values[std::size_t(r) * w + c]); };
     for (int r = 0; r + 1 < b.box.height(); ++r) {
@@ -466,8 +467,8 @@ std::vector<double> contour_levels(const panel& p) {
 
 // Contour lines over the disc, and a mark at each level on the colour bar
 // at bar_x; the zero line is drawn heavier.
-void draw_contours(cairo_t* cr, const band& b, const panel& p, const disc_mapping& at,
-                   double bar_x, double top) {
+void draw_contours(cairo_t* cr, const band& b, const panel& p, const disc_mapping& at, double bar_x,
+                   double top) {
     cairo_save(cr);
     cairo_arc(cr, at.cx, at.cy, kDisc / 2.0, 0.0, 2.0 * std::numbers::pi);
     cairo_clip(cr);
@@ -533,9 +534,10 @@ void draw_panel(cairo_t* cr, const band& b, const panel& p, double x, double y, 
     const double top = y + kTitleHeight;
     const double cx = x + kDiscLeft + kDisc / 2.0, cy = top + kDisc / 2.0;
     const double bar_x = x + kDiscLeft + kDisc + kBarGap;
-    draw_disc(cr, b, p, cx, cy);
+    const disc_mapping at = mapping_of(b, cx, cy);
+    draw_disc(cr, b, p, at);
     draw_colour_bar(cr, p, bar_x, top);
-    if (p.contours) draw_contours(cr, b, p, mapping_of(b, cx, cy), bar_x, top);
+    if (p.contours) draw_contours(cr, b, p, at, bar_x, top);
     if (axes) draw_axes(cr, cx, cy);
 }
 

@@ -100,9 +100,9 @@ void search_peaks_to_valleys(std::span<pv_search> searches, int n, int m) {
                 combine_zernike_basis(&radials[std::size_t(i) * per_radius], tables, n, m,
                                       basis.data());
             for (pv_search& s : searches) {
-                double v = tabled ? dot(s.c, basis)
-                                  : evaluate_zernike_series(rho_of_pv_radius(i), theta, n, m,
-                                                            s.c.data());
+                double v =
+                    tabled ? dot(s.c, basis)
+                           : evaluate_zernike_series(rho_of_pv_radius(i), theta, n, m, s.c.data());
                 if (!s.added.empty()) v += s.added[std::size_t(i)];
                 s.range.add(v);
             }
@@ -185,9 +185,8 @@ best_focus_fit fit_best_focus(const report_model& model, const std::vector<doubl
                               double wavelength_nm) {
     best_focus_fit fit;
     fit.coefficients = without_low_orders(c, false);
-    const focus_quadrature q =
-        make_focus_quadrature(model_aperture(model), model_immersion_index(model),
-                              std::max(model.phase_n, 0) / 2 + 3);
+    const focus_quadrature q = make_focus_quadrature(
+        model_aperture(model), model_immersion_index(model), std::max(model.phase_n, 0) / 2 + 3);
     for (std::size_t i = 0; i < q.rho.size(); ++i) fit.mean_path += q.weight[i] * q.path[i];
     double variance = 0.0, product = 0.0;
     for (std::size_t i = 0; i < q.rho.size(); ++i) {
@@ -376,7 +375,6 @@ wavelength_metrics compute_wavelength_metrics(const report_model& model, int wav
     out.spherical_best_focus_nm =
         radians_to_nm(coefficient(best.coefficients, slot_40) * rms_40, out.wavelength_nm);
     out.largest = rank_aberrations(best.coefficients, n, m, out.wavelength_nm);
-    out.best_focus_phase = std::move(best.coefficients);
     return out;
 }
 

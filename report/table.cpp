@@ -48,8 +48,8 @@ void print_wavefront(std::FILE* out, std::span<const report_entry> entries, int 
                  "pv_nm_bf", "strehl_bf");
     for_each_row(entries, [&](const report_entry& e, const wavelength_metrics& w) {
         const double nm = w.wavelength_nm;
-        std::fprintf(out, "%-*s %8.1f %9.4f %9.4f %9.2f %9.2f %9.4f %9.4f %9.2f %9.2f %9.4f\n",
-                     fw, e.model.file.c_str(), nm, w.rms_rad, w.rms_rad / (2.0 * std::numbers::pi),
+        std::fprintf(out, "%-*s %8.1f %9.4f %9.4f %9.2f %9.2f %9.4f %9.4f %9.2f %9.2f %9.4f\n", fw,
+                     e.model.file.c_str(), nm, w.rms_rad, w.rms_rad / (2.0 * std::numbers::pi),
                      radians_to_nm(w.rms_rad, nm), radians_to_nm(w.pv_rad, nm), w.strehl,
                      w.focus_shift_um, radians_to_nm(w.rms_best_focus_rad, nm),
                      radians_to_nm(w.pv_best_focus_rad, nm), w.strehl_best_focus);
@@ -68,10 +68,11 @@ void print_amplitude(std::FILE* out, std::span<const report_entry> entries, int 
 }
 
 void print_largest(std::FILE* out, std::span<const report_entry> entries, int fw) {
-    std::fprintf(out,
-                 "\nlargest aberrations at best focus: RMS contribution in nm, cos and sin terms of "
-                 "one shape combined;\nnoll from 1, osa (OSA/ANSI) from 0, a pair given as "
-                 "cos,sin\n");
+    std::fprintf(
+        out,
+        "\nlargest aberrations at best focus: RMS contribution in nm, cos and sin terms of "
+        "one shape combined;\nnoll from 1, osa (OSA/ANSI) from 0, a pair given as "
+        "cos,sin\n");
     std::fprintf(out, "%-*s %8s %4s %-24s %6s %6s %9s\n", fw, "file", "wave_nm", "rank",
                  "aberration", "noll", "osa", "rms_nm");
     for_each_row(entries, [&](const report_entry& e, const wavelength_metrics& w) {

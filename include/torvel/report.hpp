@@ -104,14 +104,13 @@ struct wavelength_metrics {
     double focus_mean_path;          // mean of sqrt(n^2 - NA^2 rho^2) over the disc
     double rms_best_focus_rad, pv_best_focus_rad, strehl_best_focus;
     double focus_shift_paraxial_um;  // from R_2^0, see paraxial_focus_shift_um
-    double rms_paraxial_rad, pv_paraxial_rad, strehl_paraxial;  // R_2^0 removed
-    double mean_amplitude;                   // exact: the R_0^0 coefficient
-    double amplitude_relative_rms;           // exact RMS about the mean, over the mean
-    double defocus_nm, spherical_nm;         // signed RMS-normalised R_2^0 and R_4^0 as fitted
-    double spherical_best_focus_nm;          // R_4^0 left at best focus, the same way
-    std::vector<double> best_focus_phase;    // the phase's coefficients at best focus, piston
-                                             // and tilt 0 (the set's share of what is left)
-    std::vector<aberration_share> largest;   // at best focus, by RMS, descending, n >= 2
+    // R_2^0 removed instead of the focus shift
+    double rms_paraxial_rad, pv_paraxial_rad, strehl_paraxial;
+    double mean_amplitude;                  // exact: the R_0^0 coefficient
+    double amplitude_relative_rms;          // exact RMS about the mean, over the mean
+    double defocus_nm, spherical_nm;        // signed RMS-normalised R_2^0 and R_4^0 as fitted
+    double spherical_best_focus_nm;         // R_4^0 left at best focus, the same way
+    std::vector<aberration_share> largest;  // at best focus, by RMS, descending, n >= 2
 };
 
 // The phase in radians that a shift of the focus by dz_um micrometres to +z

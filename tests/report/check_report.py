@@ -298,6 +298,10 @@ result = run(bad, tilt, "-json=" + os.path.join(WORK, "never.json"))
 check(result.returncode == 1 and tilt in result.stdout, "bad file: exit or table")
 check(result.stderr.startswith(f"torvel-report: {bad}:2:20: invalid value"), result.stderr)
 check(not os.path.exists(os.path.join(WORK, "never.json")), "output written despite a bad file")
+beyond = fit_file("beyond.txt", [0.5], (2, 0), [{(2, 0): 1.0}], na=1.6)
+result = run(beyond)
+check(result.returncode == 1 and result.stderr == f"torvel-report: {beyond}: numerical aperture "
+      "1.6 above the immersion index 1.515; no focus shift is defined\n", result.stderr)
 result = run(tilt, "-image=" + PUPIL, "-png=" + png)
 check(result.returncode == 1 and "nm do not match 500 nm of " + tilt in result.stderr,
       f"image mismatch: {result.stderr}")
