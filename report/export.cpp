@@ -87,31 +87,27 @@ void for_each_coefficient(const std::vector<double>& c, int n, int m, Visit&& vi
     });
 }
 
+// A phase figure in radians under key_rad, and as key_waves and key_nm.
+void put_phase(json* j, const std::string& key, double rad, double wavelength_nm) {
+    (*j)[key + "_rad"] = rad;
+    (*j)[key + "_waves"] = rad / (2.0 * std::numbers::pi);
+    (*j)[key + "_nm"] = radians_to_nm(rad, wavelength_nm);
+}
+
 json metrics_json(const wavelength_metrics& w) {
     const double nm = w.wavelength_nm;
-    const double turn = 2.0 * std::numbers::pi;
     json j;
-    j["rms_rad"] = w.rms_rad;
-    j["rms_waves"] = w.rms_rad / turn;
-    j["rms_nm"] = radians_to_nm(w.rms_rad, nm);
-    j["pv_rad"] = w.pv_rad;
-    j["pv_waves"] = w.pv_rad / turn;
-    j["pv_nm"] = radians_to_nm(w.pv_rad, nm);
+    put_phase(&j, "rms", w.rms_rad, nm);
+    put_phase(&j, "pv", w.pv_rad, nm);
     j["strehl"] = w.strehl;
     j["focus_shift_um"] = w.focus_shift_um;
-    j["rms_best_focus_rad"] = w.rms_best_focus_rad;
-    j["rms_best_focus_waves"] = w.rms_best_focus_rad / turn;
-    j["rms_best_focus_nm"] = radians_to_nm(w.rms_best_focus_rad, nm);
-    j["pv_best_focus_rad"] = w.pv_best_focus_rad;
-    j["pv_best_focus_waves"] = w.pv_best_focus_rad / turn;
-    j["pv_best_focus_nm"] = radians_to_nm(w.pv_best_focus_rad, nm);
+    put_phase(&j, "rms_best_focus", w.rms_best_focus_rad, nm);
+    put_phase(&j, "pv_best_focus", w.pv_best_focus_rad, nm);
     j["strehl_best_focus"] = w.strehl_best_focus;
     j["spherical_best_focus_nm"] = w.spherical_best_focus_nm;
     j["focus_shift_paraxial_um"] = w.focus_shift_paraxial_um;
-    j["rms_paraxial_nodefocus_rad"] = w.rms_paraxial_rad;
-    j["rms_paraxial_nodefocus_waves"] = w.rms_paraxial_rad / turn;
-    j["rms_paraxial_nodefocus_nm"] = radians_to_nm(w.rms_paraxial_rad, nm);
-    j["pv_paraxial_nodefocus_nm"] = radians_to_nm(w.pv_paraxial_rad, nm);
+    put_phase(&j, "rms_paraxial_nodefocus", w.rms_paraxial_rad, nm);
+    put_phase(&j, "pv_paraxial_nodefocus", w.pv_paraxial_rad, nm);
     j["strehl_paraxial_nodefocus"] = w.strehl_paraxial;
     j["mean_amplitude"] = w.mean_amplitude;
     j["amplitude_relative_rms"] = w.amplitude_relative_rms;
