@@ -214,6 +214,7 @@ std::vector<std::string> aberration_notes(const wavelength_metrics& w) {
                   w.focus_shift_um < 0.0 ? "\u2212" : "+");
     std::vector<std::string> notes = {"best focus", line, "", "largest aberrations, nm RMS",
                                       "(Noll indices: cos, sin)"};
+    const std::size_t head = notes.size();
     const std::size_t shown = std::min<std::size_t>(kLargestAberrations, w.largest.size());
     for (std::size_t k = 0; k < shown && w.largest[k].rms_nm >= 0.05; ++k) {
         const aberration_share& a = w.largest[k];
@@ -225,6 +226,7 @@ std::vector<std::string> aberration_notes(const wavelength_metrics& w) {
         }
         notes.push_back(line);
     }
+    if (notes.size() == head) notes.push_back("none of 0.05 nm or more");
     return notes;
 }
 

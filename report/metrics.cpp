@@ -204,7 +204,7 @@ best_focus_fit fit_best_focus(const report_model& model, const std::vector<doubl
     });
     const double lambda_um = wavelength_nm / 1000.0;
     const double wavenumber = 2.0 * std::numbers::pi / lambda_um;
-    fit.dz_um = -product / (wavenumber * variance);
+    fit.dz_um = product == 0.0 ? 0.0 : -product / (wavenumber * variance);  // no -0 printed
     fit.removed_square = product * product / variance;
     for_each_zernike_term(c.empty() ? -1 : model.phase_n, model.phase_m, [&](int k, int l) {
         if (k < 2 || l != 0) return;
