@@ -144,6 +144,14 @@ const char* reason(const Handle& h, const char* otherwise) {
     va_end(args);
 }
 
+// The shortest decimal text that reads back as v ("0.15", not "0.150000006").
+void shortest(float v, char (&text)[32]) {
+    for (int digits = 6; digits <= 9; ++digits) {
+        std::snprintf(text, sizeof text, "%.*g", digits, double(v));
+        if (std::strtof(text, nullptr) == v) return;
+    }
+}
+
 void imagej_description(const image_stack_header& h, std::span<const float> voxels, char* text,
                         std::size_t size) {
     text[0] = '\0';
@@ -154,14 +162,23 @@ void imagej_description(const image_stack_header& h, std::span<const float> voxe
     if (h.nw > 1 && h.nz > 1) add("%s", "hyperstack=true\n");
     if (h.nw > 1) add("%s", "mode=grayscale\n");
     if (h.dx_um > 0 || h.dy_um > 0 || h.dz_um > 0) add("%s", "unit=micron\n");
-    if (h.dz_um > 0) add("spacing=%.9g\n", double(h.dz_um));
+    char number[32];
+    if (h.dz_um > 0) {
+        shortest(h.dz_um, number);
+        add("spacing=%s\n", number);
+    }
     add("%s", "loop=false\n");
     float lo = std::numeric_limits<float>::infinity(), hi = -lo;
     for (const float v : voxels) {
         lo = std::fmin(lo, v);
         hi = std::fmax(hi, v);
     }
-    if (std::isfinite(lo) && std::isfinite(hi)) add("min=%.9g\nmax=%.9g\n", double(lo), double(hi));
+    if (std::isfinite(lo) && std::isfinite(hi)) {
+        shortest(lo, number);
+        add("min=%s\n", number);
+        shortest(hi, number);
+        add("max=%s\n", number);
+    }
 }
 
 bool set_page_fields(TIFF* t, const image_stack_header& h, const char* description) {
@@ -439,7 +456,15 @@ bool survey_pages(const char* name, TIFF* t, const Handle& handle, std::uint64_t
                    static_cast<unsigned long long>(*pages));
             return false;
         }
+        // Each strip takes bytes of the file for its place and length; a
+        // count beyond that is a made-up one, not walked.
         const std::uint32_t strips = TIFFNumberOfStrips(t);
+        if (strips > file_size) {
+            report(name, "page %llu: %u strips in a file of %llu bytes",
+                   static_cast<unsigned long long>(*pages), strips,
+                   static_cast<unsigned long long>(file_size));
+            return false;
+        }
         for (std::uint32_t s = 0; s < strips; ++s) {
             int failed = 0;
             const std::uint64_t at = TIFFGetStrileOffsetWithErr(t, s, &failed);
