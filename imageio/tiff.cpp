@@ -190,12 +190,12 @@ bool set_page_fields(TIFF* t, const image_stack_header& h, const char* descripti
               TIFFSetField(t, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_MINISBLACK) &&
               TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_NONE) &&
               TIFFSetField(t, TIFFTAG_ROWSPERSTRIP, std::uint32_t(h.ny));
-    // Pixels per micrometre, the unit the description names, as ImageJ keeps it.
-    if (ok && h.dx_um > 0 && h.dy_um > 0) {
-        ok = TIFFSetField(t, TIFFTAG_XRESOLUTION, double(1.0f / h.dx_um)) &&
-             TIFFSetField(t, TIFFTAG_YRESOLUTION, double(1.0f / h.dy_um)) &&
-             TIFFSetField(t, TIFFTAG_RESOLUTIONUNIT, RESUNIT_NONE);
-    }
+    // Pixels per micrometre, the unit the description names, as ImageJ keeps
+    // it; an unknown spacing has no tag.
+    if (ok && h.dx_um > 0) ok = TIFFSetField(t, TIFFTAG_XRESOLUTION, 1.0 / double(h.dx_um));
+    if (ok && h.dy_um > 0) ok = TIFFSetField(t, TIFFTAG_YRESOLUTION, 1.0 / double(h.dy_um));
+    if (ok && (h.dx_um > 0 || h.dy_um > 0))
+        ok = TIFFSetField(t, TIFFTAG_RESOLUTIONUNIT, RESUNIT_NONE);
     if (ok && description) ok = TIFFSetField(t, TIFFTAG_IMAGEDESCRIPTION, description);
     return ok;
 }
@@ -439,7 +439,7 @@ void set_spacing(const FirstPage& f, image_stack_header* h) {
     if (unit == 0 && f.resolution_unit == RESUNIT_INCH && f.xres != 72.0f) unit = 25400;
     // Resolutions are pixels per unit; a NaN or 0 one gives 0 through spacing_um.
     h->dx_um = spacing_um(unit / f.xres);
-    h->dy_um = f.yres > 0 ? spacing_um(unit / f.yres) : h->dx_um;
+    h->dy_um = spacing_um(unit / f.yres);
     h->dz_um = spacing_um(unit * f.imagej.spacing);
 }
 
