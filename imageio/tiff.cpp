@@ -221,7 +221,8 @@ bool write_pages(TIFF* t, const image_stack_header& h, std::span<const float> vo
         // Pages run channel fastest (ImageJ's order); the voxels wavelength by wavelength.
         const std::uint64_t w = p % std::uint64_t(h.nw), z = p / std::uint64_t(h.nw);
         std::copy_n(voxels.data() + (w * std::uint64_t(h.nz) + z) * plane, plane, copy.get());
-        if (!TIFFSetDirectory(t, tdir_t(p)) ||
+        // Directory after directory: TIFFSetDirectory(p) would walk from the first each time.
+        if (!(p == 0 ? TIFFSetDirectory(t, 0) : TIFFReadDirectory(t)) ||
             TIFFWriteEncodedStrip(t, 0, copy.get(), tmsize_t(plane * sizeof(float))) < 0 ||
             !TIFFForceStrileArrayWriting(t))
             return false;
