@@ -1,0 +1,108 @@
+// A whole stack from a pupil: the model's pupil on the propagator's grid,
+// and the planes computed in parallel, each thread on a run of neighbouring
+// planes with work space of its own.
+
+#include <algorithm>
+#include <atomic>
+#include <cmath>
+#include <cstdio>
+#include <memory>
+#include <new>
+
+#ifdef _OPENMP
+#include <omp.h>
+#endif
+
+#include <torvel/psf.hpp>
+#include <torvel/zernike.hpp>
+
+namespace torvel {
+namespace {
+
+// Threads the planes are split between: OpenMP's count (OMP_NUM_THREADS,
+// else the CPUs this process may run on), never more than there are planes.
+int plane_threads(int planes) {
+#ifdef _OPENMP
+    return std::clamp(omp_get_max_threads(), 1, std::max(planes, 1));
+#else
+    (void)planes;
+    return 1;
+#endif
+}
+
+}  // namespace
+
+void evaluate_model_pupil(const model_choice& choice, ParametricPupil* model, int w,
+                          const psf_propagator& pr, std::span<std::complex<float>> pupil) {
+    std::int32_t an = -1, am = -1, pn = -1, pm = -1;
+    const double* amplitude = nullptr;
+    if (!choice.uniform_amplitude) {
+        get_parametric_pupil_amplitude_zernike_orders(model, &an, &am);
+        amplitude = get_parametric_pupil_amplitude_zernike_coeff(model, w);
+    }
+    get_parametric_pupil_phase_zernike_orders(model, &pn, &pm);
+    const double* phase = get_parametric_pupil_phase_zernike_coeff(model, w);
+    const double cutoff = pr.optics.numerical_aperture / pr.optics.wavelength_um;
+    const int side = pr.side;
+#ifdef _OPENMP
+#pragma omp parallel for schedule(static) num_threads(plane_threads(side))
+#endif
+    for (int q = 0; q < side; ++q) {
+        for (int p = 0; p < side; ++p) {
+            const std::size_t k = std::size_t(q) * side + p;
+            if (!psf_pupil_point_used(pr, p, q)) {
+                pupil[k] = 0;
+                continue;
+            }
+            const double kx = pr.sample_kx[k], ky = pr.sample_ky[k];
+            const double rho = std::hypot(kx, ky) / cutoff, theta = std::atan2(ky, kx);
+            const double a = (an < 0 || amplitude == nullptr)
+                                 ? 1.0
+                                 : evaluate_zernike_series(rho, theta, an, am, amplitude);
+            const double phi =
+                (pn < 0 || phase == nullptr) ? 0.0 : evaluate_zernike_series(rho, theta, pn, pm, phase);
+            pupil[k] = std::complex<float>(std::polar(a, phi));
+        }
+    }
+}
+
+int compute_psf_stack(const psf_plan& plan, const psf_propagator& propagator,
+                      std::span<const std::complex<float>> pupil, std::span<float> voxels,
+                      void (*progress)(void* context, int planes_done), void* context) {
+    const int threads = plane_threads(plan.nz);
+    std::unique_ptr<psf_work[]> works(new (std::nothrow) psf_work[std::size_t(threads)]);
+    if (!works) return 1;
+    for (int t = 0; t < threads; ++t) {
+        if (make_psf_work(propagator, &works[t]) != 0) {
+            std::fprintf(stderr, "%s: insufficient memory for the work planes\n", "torvel-psf");
+            return 1;
+        }
+    }
+    const std::size_t pixels = std::size_t(plan.nx) * plan.ny;
+    std::atomic<int> done{0};
+    // Each thread takes a run of neighbouring planes, so that its defocus
+    // factors advance by one product per plane.
+#ifdef _OPENMP
+#pragma omp parallel num_threads(threads)
+#endif
+    {
+#ifdef _OPENMP
+        const int t = omp_get_thread_num();
+#else
+        const int t = 0;
+#endif
+        const int first = int(std::int64_t(plan.nz) * t / threads);
+        const int end = int(std::int64_t(plan.nz) * (t + 1) / threads);
+        for (int k = first; k < end; ++k) {
+            const double z = double(k - plan.nz / 2) * plan.dz_um;
+            psf_intensity_plane(propagator, pupil, z, &works[t],
+                                voxels.subspan(std::size_t(k) * pixels, pixels));
+            const int now = done.fetch_add(1) + 1;
+            if (t == 0 && progress != nullptr) progress(context, now);
+        }
+    }
+    if (progress != nullptr) progress(context, plan.nz);
+    return 0;
+}
+
+}  // namespace torvel
