@@ -17,7 +17,7 @@ namespace torvel {
 
 struct psf_fft_plans {
     fftwf_plan rows = nullptr;     // side rows of length M, contiguous
-    fftwf_plan columns = nullptr;  // nx columns of length M, interleaved
+    fftwf_plan columns = nullptr;  // nx columns of length M, each contiguous
     ~psf_fft_plans() {
         if (rows) fftwf_destroy_plan(rows);
         if (columns) fftwf_destroy_plan(columns);
@@ -35,7 +35,7 @@ using fftw_buffer = std::unique_ptr<fftwf_complex[], fftw_deleter>;
 
 struct psf_buffers {
     fftw_buffer row_in, row_out;        // side x M
-    fftw_buffer column_in, column_out;  // M x nx
+    fftw_buffer column_in, column_out;  // nx columns of M, column after column
     std::unique_ptr<std::complex<float>[]> field;  // nx x ny, for the intensity
     // Defocus factors exp(2πi kz z) of the last plane, and those of the last
     // step between planes, so that evenly spaced planes need one complex
@@ -61,6 +61,7 @@ constexpr int kStepsBetweenDirect = 32;
 // FFTW's planner measuring candidate plans takes seconds for some sizes;
 // its estimate is as fast for these batched 1D transforms (bench/).
 constexpr unsigned kPlanning = FFTW_ESTIMATE;
+constexpr double kPlanningSeconds = 0.05;
 
 fftw_buffer allocate_complex(std::size_t count) {
     auto* p = static_cast<fftwf_complex*>(fftwf_malloc(sizeof(fftwf_complex) * count));
@@ -218,10 +219,11 @@ int make_plans(psf_propagator* pr) {
                                                                             psf_fft_plans);
     if (!plans) return 1;
     int n[1] = {m};
+    fftwf_set_timelimit(kPlanningSeconds);
     plans->rows = fftwf_plan_many_dft(1, n, pr->side, a.get(), nullptr, 1, m, b.get(), nullptr, 1,
                                       m, FFTW_BACKWARD, kPlanning);
-    plans->columns = fftwf_plan_many_dft(1, n, nx, c.get(), nullptr, nx, 1, d.get(), nullptr, nx,
-                                         1, FFTW_BACKWARD, kPlanning);
+    plans->columns = fftwf_plan_many_dft(1, n, nx, c.get(), nullptr, 1, m, d.get(), nullptr, 1, m,
+                                         FFTW_BACKWARD, kPlanning);
     if (!plans->rows || !plans->columns) return 1;
     pr->plans = std::move(plans);
     return 0;
@@ -275,18 +277,27 @@ void field_at_defocus(const psf_propagator& pr, std::span<const std::complex<flo
     }
     fftwf_execute_dft(pr.plans->rows, w->row_in.get(), w->row_out.get());
     const auto* transformed = reinterpret_cast<const std::complex<float>*>(w->row_out.get());
+    // The transposes between the passes go in blocks of kBlock columns, so
+    // that reads and writes both stay within a few cache lines per step.
+    constexpr int kBlock = 16;
     auto* columns = reinterpret_cast<std::complex<float>*>(w->column_in.get());
-    for (int q = 0; q < side; ++q) {
-        const std::complex<float>* from = transformed + std::size_t(q) * m;
-        std::complex<float>* to = columns + std::size_t((q - r + m) % m) * nx;
-        for (int i = 0; i < nx; ++i) to[i] = from[pr.column_at[i]];
+    for (int i0 = 0; i0 < nx; i0 += kBlock) {
+        const int i1 = std::min(i0 + kBlock, nx);
+        for (int q = 0; q < side; ++q) {
+            const std::complex<float>* from = transformed + std::size_t(q) * m;
+            const int at = (q - r + m) % m;
+            for (int i = i0; i < i1; ++i) columns[std::size_t(i) * m + at] = from[pr.column_at[i]];
+        }
     }
     fftwf_execute_dft(pr.plans->columns, w->column_in.get(), w->column_out.get());
     const auto* out = reinterpret_cast<const std::complex<float>*>(w->column_out.get());
-    for (int j = 0; j < ny; ++j) {
-        const std::complex<float>* from = out + std::size_t(pr.row_at[j]) * nx;
-        std::complex<float>* to = field.data() + std::size_t(j) * nx;
-        for (int i = 0; i < nx; ++i) to[i] = from[i] * (pr.sinc_x[i] * pr.sinc_y[j]);
+    for (int j0 = 0; j0 < ny; j0 += kBlock) {
+        const int j1 = std::min(j0 + kBlock, ny);
+        for (int i = 0; i < nx; ++i) {
+            const std::complex<float>* from = out + std::size_t(i) * m;
+            for (int j = j0; j < j1; ++j)
+                field[std::size_t(j) * nx + i] = from[pr.row_at[j]] * (pr.sinc_x[i] * pr.sinc_y[j]);
+        }
     }
 }
 
