@@ -1,6 +1,6 @@
 // A whole stack from a pupil: the model's pupil on the propagator's grid,
 // and the planes computed in parallel, each thread on a run of neighbouring
-// planes with work space of its own.
+// planes with work space of its own; one wavelength of a model's stack.
 
 #include <algorithm>
 #include <atomic>
@@ -103,6 +103,29 @@ int compute_psf_stack(const psf_plan& plan, const psf_propagator& propagator,
     }
     if (progress != nullptr) progress(context, plan.nz);
     return 0;
+}
+
+int compute_model_stack(const model_choice& choice, bool vector, ParametricPupil* model,
+                        const psf_plan& plan, int slot, std::span<float> stack,
+                        void (*progress)(void* context, int planes_done), void* context) {
+    const psf_optics optics{get_parametric_pupil_numerical_aperture(model),
+                            get_parametric_pupil_immersion_refractive_index(model),
+                            plan.wavelength_um[slot]};
+    psf_propagator propagator;
+    if (make_psf_propagator(optics, {plan.nx, plan.ny, plan.dx_um}, vector, kDefaultDiscPixels,
+                            &propagator) != 0) {
+        std::fprintf(stderr, "%s: insufficient memory for the pupil grid\n", "torvel-psf");
+        return 1;
+    }
+    const std::size_t points = std::size_t(propagator.side) * propagator.side;
+    std::unique_ptr<std::complex<float>[]> pupil(new (std::nothrow) std::complex<float>[points]);
+    if (!pupil) {
+        std::fprintf(stderr, "%s: insufficient memory for the pupil grid\n", "torvel-psf");
+        return 1;
+    }
+    evaluate_model_pupil(choice, model, choice.wavelength_index[slot], propagator,
+                         {pupil.get(), points});
+    return compute_psf_stack(plan, propagator, {pupil.get(), points}, stack, progress, context);
 }
 
 }  // namespace torvel

@@ -198,6 +198,14 @@ int compute_psf_stack(const psf_plan& plan, const psf_propagator& propagator,
                       std::span<const std::complex<float>> pupil, std::span<float> voxels,
                       void (*progress)(void* context, int planes_done), void* context);
 
+// Computes the stack of selected wavelength `slot` of plan (model
+// wavelength choice.wavelength_index[slot]) into stack (nz * ny * nx
+// values), in µm⁻⁴, as compute_psf_stack does. Returns 0, or 1 after one
+// message when memory runs out.
+int compute_model_stack(const model_choice& choice, bool vector, ParametricPupil* model,
+                        const psf_plan& plan, int slot, std::span<float> stack,
+                        void (*progress)(void* context, int planes_done), void* context);
+
 // Computes the stack of every selected wavelength, normalises it and writes
 // it to inputs.output_name (MRC or TIFF by the extension) through the image
 // layer, showing progress on a terminal. Returns 0, or 1 after one message;
