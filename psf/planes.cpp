@@ -93,11 +93,15 @@ int compute_psf_stack(const psf_plan& plan, const psf_propagator& propagator,
 #endif
         const int first = int(std::int64_t(plan.nz) * t / threads);
         const int end = int(std::int64_t(plan.nz) * (t + 1) / threads);
-        for (int k = first; k < end; ++k) {
-            const double z = double(k - plan.nz / 2) * plan.dz_um;
-            psf_intensity_plane(propagator, pupil, z, &works[t],
-                                voxels.subspan(std::size_t(k) * pixels, pixels));
-            const int now = done.fetch_add(1) + 1;
+        // In runs of planes, so that progress can be shown; each run's
+        // first plane takes its defocus afresh, the others by a product.
+        const int run = std::max(16, (end - first + 7) / 8);
+        for (int k = first; k < end; k += run) {
+            const int count = std::min(run, end - k);
+            psf_intensity_planes(propagator, pupil, double(k - plan.nz / 2) * plan.dz_um,
+                                 plan.dz_um, count, &works[t],
+                                 voxels.subspan(std::size_t(k) * pixels, std::size_t(count) * pixels));
+            const int now = done.fetch_add(count) + count;
             if (t == 0 && progress != nullptr) progress(context, now);
         }
     }

@@ -91,6 +91,7 @@ struct psf_propagator {
     // for a pixel cut by the disc edge the centroid of its part inside.
     std::unique_ptr<double[]> sample_kx, sample_ky;
     std::unique_ptr<double[]> kz;      // at the sample point, µm⁻¹; 0 beyond n/λ
+    std::unique_ptr<std::int32_t[]> row_begin, row_end;  // the points of row q touching the disc
     std::unique_ptr<float[]> factor;   // vector: kVectorFactors arrays of side² values
     std::unique_ptr<float[]> sinc_x, sinc_y;  // sinc(dk x), sinc(dk y) of each output column, row
     std::unique_ptr<std::int32_t[]> column_at, row_at;  // FFT index of each output column, row
@@ -114,10 +115,8 @@ struct psf_buffers_deleter {
     void operator()(psf_buffers* buffers) const noexcept;
 };
 
-// One thread's work space for a propagator: a few planes of the FFT grid and
-// the defocus factors of the last plane computed, so that planes z, z + dz,
-// z + 2 dz ... cost one complex product per pupil point for their defocus
-// instead of a sine and cosine.
+// One thread's work space for a propagator: a few planes of the FFT grid
+// and of the pupil.
 struct psf_work {
     std::unique_ptr<psf_buffers, psf_buffers_deleter> buffers;
 };
@@ -126,19 +125,21 @@ struct psf_work {
 int make_psf_work(const psf_propagator& propagator, psf_work* work);
 
 // The field of the pupil `pupil` (side² values P(k) at the sample points
-// sample_kx, sample_ky, unweighted) at the
-// plane z µm, multiplied by vector factor `factor` (0 to 4; -1: none, the
-// scalar field), into field (nx * ny values, row after row), in µm⁻².
+// sample_kx, sample_ky, unweighted) at the plane z µm, multiplied by vector
+// factor `factor` (0 to 4; -1: none, the scalar field), into field (nx * ny
+// values, row after row), in µm⁻².
 void psf_field_plane(const psf_propagator& propagator, std::span<const std::complex<float>> pupil,
                      double z_um, int factor, psf_work* work,
                      std::span<std::complex<float>> field);
 
-// The PSF of pupil at plane z µm into intensity (nx * ny values): |E|² for a
-// scalar propagator, the vector model's polarisation mean for a vector one,
-// in µm⁻⁴.
-void psf_intensity_plane(const psf_propagator& propagator,
-                         std::span<const std::complex<float>> pupil, double z_um, psf_work* work,
-                         std::span<float> intensity);
+// The PSF of pupil at the count planes z, z + dz, ..., z + (count - 1) dz
+// (µm) into intensity (count planes of nx * ny values): |E|² for a scalar
+// propagator, the vector model's polarisation mean for a vector one, in
+// µm⁻⁴. Evenly spaced planes cost one product per pupil point for their
+// defocus instead of a sine and cosine.
+void psf_intensity_planes(const psf_propagator& propagator,
+                          std::span<const std::complex<float>> pupil, double z_um, double dz_um,
+                          int count, psf_work* work, std::span<float> intensity);
 
 // ---- the program ---------------------------------------------------------------
 

@@ -50,7 +50,10 @@ with tifffile.TiffFile(path("psf.tif")) as f:
     tif = f.asarray()
     description = f.imagej_metadata or {}
 check(tif.dtype == np.float32 and tif.size == mrc.size, f"TIFF {tif.dtype} {tif.shape}")
-check(np.array_equal(tif.reshape(mrc.shape), mrc), "TIFF and MRC voxels differ")
+# ImageJ keeps the channels of a plane together (slices, channels, y, x);
+# MRC one wavelength after the other.
+check(tif.shape == (32, 2, 64, 64) and np.array_equal(tif.transpose(1, 0, 2, 3).reshape(mrc.shape), mrc),
+      "TIFF and MRC voxels differ")
 check(abs(float(description.get("spacing", 0)) - 0.15) < 1e-6 and description.get("unit") in
       ("micron", "um", "\\u00B5m"), f"ImageJ description {description}")
 for w in range(2):
