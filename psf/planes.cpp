@@ -43,11 +43,20 @@ void evaluate_model_pupil(const model_choice& choice, ParametricPupil* model, in
     get_parametric_pupil_phase_zernike_orders(model, &pn, &pm);
     const double* phase = get_parametric_pupil_phase_zernike_coeff(model, w);
     const double cutoff = pr.optics.numerical_aperture / pr.optics.wavelength_um;
+    const bool has_amplitude = an >= 0 && amplitude != nullptr, has_phase = pn >= 0 && phase != nullptr;
+    // Both series read one table of powers and angles per point.
+    ZernikeTableSize size{0, 0};
+    for (const ZernikeTableSize s : {zernike_table_size(has_amplitude ? an : -1, am),
+                                     zernike_table_size(has_phase ? pn : -1, pm)}) {
+        size.order = std::max(size.order, s.order);
+        size.frequency = std::max(size.frequency, s.frequency);
+    }
     const int side = pr.side;
 #ifdef _OPENMP
 #pragma omp parallel for schedule(static) num_threads(plane_threads(side))
 #endif
     for (int q = 0; q < side; ++q) {
+        ZernikeTables tables;
         for (int p = 0; p < side; ++p) {
             const std::size_t k = std::size_t(q) * side + p;
             if (!psf_pupil_point_used(pr, p, q)) {
@@ -56,11 +65,13 @@ void evaluate_model_pupil(const model_choice& choice, ParametricPupil* model, in
             }
             const double kx = pr.sample_kx[k], ky = pr.sample_ky[k];
             const double rho = std::hypot(kx, ky) / cutoff, theta = std::atan2(ky, kx);
-            const double a = (an < 0 || amplitude == nullptr)
-                                 ? 1.0
-                                 : evaluate_zernike_series(rho, theta, an, am, amplitude);
-            const double phi =
-                (pn < 0 || phase == nullptr) ? 0.0 : evaluate_zernike_series(rho, theta, pn, pm, phase);
+            const bool tabled = fill_zernike_tables(rho, theta, size, &tables);
+            auto series = [&](int n, int m, const double* coeff) {
+                return tabled ? evaluate_zernike_series_from_tables(tables, n, m, coeff)
+                              : evaluate_zernike_series(rho, theta, n, m, coeff);
+            };
+            const double a = has_amplitude ? series(an, am, amplitude) : 1.0;
+            const double phi = has_phase ? series(pn, pm, phase) : 0.0;
             pupil[k] = std::complex<float>(std::polar(a, phi));
         }
     }

@@ -169,7 +169,13 @@ int fill_pupil_tables(psf_propagator* pr) {
         for (int p = 0; p < pr->side; ++p) {
             const std::size_t at = std::size_t(q) * pr->side + p;
             double kx = (p - pr->radius) * pr->dk, ky = (q - pr->radius) * pr->dk;
-            const coverage c = disc_coverage(kx - h, kx + h, ky - h, ky + h, cutoff);
+            // Most pixels lie wholly inside or outside; only those the edge
+            // cuts need the exact coverage.
+            const double near = std::hypot(std::max(std::abs(kx) - h, 0.0), std::max(std::abs(ky) - h, 0.0));
+            const double far = std::hypot(std::abs(kx) + h, std::abs(ky) + h);
+            const coverage c = far <= cutoff  ? coverage{4 * h * h, 4 * h * h * kx, 4 * h * h * ky}
+                               : near >= cutoff ? coverage{}
+                                                : disc_coverage(kx - h, kx + h, ky - h, ky + h, cutoff);
             pr->weight[at] = c.area;
             // A pixel cut by the edge stands for the part inside: its pupil
             // is taken at that part's centroid.
@@ -180,9 +186,10 @@ int fill_pupil_tables(psf_propagator* pr) {
             pr->sample_kx[at] = kx;
             pr->sample_ky[at] = ky;
             pr->kz[at] = std::sqrt(std::max(n_over_lambda * n_over_lambda - kx * kx - ky * ky, 0.0));
-            if (!pr->vector) continue;
-            for (int f = 0; f < kVectorFactors; ++f)
-                pr->factor[f * points + at] = float(psf_vector_factor(f, kx, ky, n_over_lambda));
+            if (!pr->vector || c.area == 0) continue;
+            double factors[kVectorFactors];
+            psf_vector_factors(kx, ky, n_over_lambda, factors);
+            for (int f = 0; f < kVectorFactors; ++f) pr->factor[f * points + at] = float(factors[f]);
         }
     }
     // The disc meets each row in one run of points.
@@ -322,19 +329,17 @@ void field_of_weighted(const psf_propagator& pr, int factor, psf_buffers* w, Sin
 
 }  // namespace
 
-double psf_vector_factor(int c, double kx, double ky, double n_over_lambda) {
+void psf_vector_factors(double kx, double ky, double n_over_lambda,
+                        double factors[kVectorFactors]) {
     const double k = std::hypot(kx, ky);
     const double sin_t = std::min(k / n_over_lambda, 1.0);
     const double cos_t = std::sqrt(1.0 - sin_t * sin_t);
-    const double phi = std::atan2(ky, kx);
-    const double cp = std::cos(phi), sp = std::sin(phi);
-    switch (c) {
-        case 0: return cos_t * cp * cp + sp * sp;
-        case 1: return (cos_t - 1.0) * sp * cp;
-        case 2: return -sin_t * cp;
-        case 3: return cos_t * sp * sp + cp * cp;
-        default: return -sin_t * sp;
-    }
+    const double cp = k > 0 ? kx / k : 1.0, sp = k > 0 ? ky / k : 0.0;
+    factors[0] = cos_t * cp * cp + sp * sp;
+    factors[1] = (cos_t - 1.0) * sp * cp;
+    factors[2] = -sin_t * cp;
+    factors[3] = cos_t * sp * sp + cp * cp;
+    factors[4] = -sin_t * sp;
 }
 
 int make_psf_propagator(const psf_optics& optics, const psf_plane_grid& grid, bool vector,

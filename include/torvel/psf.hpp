@@ -8,7 +8,7 @@
 //     E(x, y, z) = integral over |k| <= NA/λ of P(k) exp(2πi (kx x + ky y + kz z)) d²k,
 // kz = sqrt((n/λ)² - |k|²), in µm⁻² when k is in µm⁻¹. Scalar: the PSF is |E|².
 // Vector: with sin t = λ|k|/n and azimuth φ, the pupil is multiplied by the
-// focal-field factors of x- and y-polarised light (psf_vector_factor); the
+// focal-field factors of x- and y-polarised light (psf_vector_factors); the
 // PSF is the mean over the two polarisations of the summed |E_c|² of the
 // three components. docs/psf.md states it in full, with the accuracy.
 //
@@ -60,10 +60,12 @@ inline constexpr int kDefaultDiscPixels = 128;
 // (|E0|² + 2|E1|² + |E2|² + |E3|² + |E4|²) / 2.
 inline constexpr int kVectorFactors = 5;
 
-// The factor c (0 to 4, see kVectorFactors) at pupil point (kx, ky) µm⁻¹:
+// The five factors (see kVectorFactors) at pupil point (kx, ky) µm⁻¹:
 // cos t cos²φ + sin²φ, (cos t - 1) sin φ cos φ, -sin t cos φ,
-// cos t sin²φ + cos²φ, -sin t sin φ, sin t = |k| / (n/λ) (cos t = 0 beyond).
-double psf_vector_factor(int c, double kx, double ky, double n_over_lambda);
+// cos t sin²φ + cos²φ, -sin t sin φ, with sin t = |k| / (n/λ) (cos t = 0
+// beyond) and φ the azimuth of k (0 at k = 0).
+void psf_vector_factors(double kx, double ky, double n_over_lambda,
+                        double factors[kVectorFactors]);
 
 struct psf_fft_plans;  // FFTW plans; psf/propagate.cpp owns the type
 struct psf_fft_plans_deleter {
