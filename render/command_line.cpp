@@ -12,6 +12,7 @@
 #include <torvel/render.hpp>
 #include <torvel/safeout.hpp>
 #include <torvel/switches.hpp>
+#include <torvel/zernike.hpp>
 
 namespace torvel {
 namespace {
@@ -52,20 +53,23 @@ constexpr const char* kUsageLines[] = {
     "        Pupil centre in pixels (pixel centres at whole numbers; any",
     "        fraction allowed).  The default is pixel (nx/2, ny/2), rounded",
     "        down.",
-    "    -w=w1[:w2...]",
-    "        Wavelengths of the model to render, in this order, by zero-based",
-    "        index or in nm.  By default all of them (an image holds at most",
-    "        five).",
     "    -form=complex|real",
     "        complex, the default, writes one complex section per wavelength",
     "        (mode 4); real writes the amplitude and the unwrapped phase as",
     "        two real sections, z 0 and z 1 (mode 2).",
+};
+
+constexpr const char* kModelChoiceUsageLines[] = {
+    "    -w=w1[:w2...]",
+    "        Wavelengths of the model to use, in this order, by zero-based",
+    "        index or in nm.  By default all of them (a file holds at most",
+    "        five).",
     "    -drop=term[,term...]",
     "        Phase terms to leave out, so as to see the aberrations alone:",
     "        piston, tilt, defocus, or n:m for both terms of R_n^m.",
     "    -amplitude=model|uniform",
     "        model, the default, evaluates the model's amplitude series (1",
-    "        when it has none); uniform writes amplitude 1.",
+    "        when it has none); uniform takes amplitude 1.",
     "    -h, --help",
     "        Prints this text and exits.",
 };
@@ -75,30 +79,6 @@ struct option_args {
     const char* const* argv;
     int argc;
 };
-
-// Every argument must be one of the options, each given once.
-int check_option_names(const option_args& args) {
-    int error = 0;
-    for (int i = 1; i < args.argc; ++i) {
-        const char* arg = args.argv[i];
-        const char* known = nullptr;
-        for (const char* option : kOptions)
-            if (std::strncmp(arg, option, std::strlen(option)) == 0) known = option;
-        if (known == nullptr) {
-            std::fprintf(stderr, "%s: unrecognized option %s\n", kProgram, arg);
-            error = 1;
-            continue;
-        }
-        for (int j = 1; j < i; ++j) {
-            if (std::strncmp(args.argv[j], known, std::strlen(known)) == 0) {
-                std::fprintf(stderr, "%s: %s given more than once\n", kProgram, known);
-                error = 1;
-                break;
-            }
-        }
-    }
-    return error;
-}
 
 int parse_size(const option_args& args, render_inputs* inputs) {
     int values[2] = {0, 0};
@@ -141,28 +121,6 @@ int parse_centre(const option_args& args, render_inputs* inputs) {
     return 0;
 }
 
-// The value text of option, or null when it is not given.
-const char* option_value(const option_args& args, const char* option) {
-    for (int i = 1; i < args.argc; ++i)
-        if (std::strncmp(args.argv[i], option, std::strlen(option)) == 0)
-            return args.argv[i] + std::strlen(option);
-    return nullptr;
-}
-
-// Index of the value of option in names, -1 when it is not given, -2 after a
-// message when it is none of them.
-template <int N>
-int parse_name(const option_args& args, const char* option, const char* const (&names)[N]) {
-    const char* value = option_value(args, option);
-    if (value == nullptr) return -1;
-    const int index = search_string_list(names, N, value);
-    if (index < 0) {
-        print_invalid_name(kProgram, option, value, names, N);
-        return -2;
-    }
-    return index;
-}
-
 // One -drop= item of length characters at item: a name of kDropNames, or
 // n:m with 0 <= m <= n, n - m even.
 bool parse_drop_item(const char* item, std::size_t length, zernike_term* term) {
@@ -182,10 +140,9 @@ bool parse_drop_item(const char* item, std::size_t length, zernike_term* term) {
     return true;
 }
 
-int parse_drop(const option_args& args, render_inputs* inputs) {
-    const char* value = option_value(args, kDropOption);
+int parse_drop(const char* program, const char* value, model_choice* choice) {
     if (value == nullptr) return 0;
-    inputs->drop_text = value;
+    choice->drop_text = value;
     int error = 0;
     for (const char* item = value;;) {
         const char* end = std::strchr(item, ',');
@@ -195,63 +152,76 @@ int parse_drop(const option_args& args, render_inputs* inputs) {
             std::fprintf(stderr,
                          "%s: %s expects piston, tilt, defocus or n:m (0 <= m <= n, n - m even), "
                          "separated by commas; not \"%.*s\"\n",
-                         kProgram, kDropOption, static_cast<int>(length), item);
+                         program, kDropOption, static_cast<int>(length), item);
             error = 1;
-        } else if (inputs->drop_count == kMaxDroppedTerms) {
-            std::fprintf(stderr, "%s: %s names at most %d terms\n", kProgram, kDropOption,
+        } else if (choice->drop_count == kMaxDroppedTerms) {
+            std::fprintf(stderr, "%s: %s names at most %d terms\n", program, kDropOption,
                          kMaxDroppedTerms);
             return 1;
         } else {
-            inputs->drop[inputs->drop_count++] = term;
+            choice->drop[choice->drop_count++] = term;
         }
         if (end == nullptr) return error;
         item = end + 1;
     }
 }
 
-// The wavelengths to render: all of the model's, or those -w= selects, by
-// index or nm.
-int select_wavelengths(const option_args& args, const ParametricPupil& model,
-                       render_inputs* inputs) {
+// The wavelengths to use: all of the model's, or those -w= selects (value),
+// by index or nm.
+int select_wavelengths(const char* program, const char* value, const char* model_name,
+                       const ParametricPupil& model, model_choice* choice) {
     const std::int32_t count = get_parametric_pupil_wavelength_count(&model);
-    const char* value = option_value(args, kWaveOption);
     if (value == nullptr) {
         if (count > kMaxSelectedWavelengths) {
             std::fprintf(stderr,
                          "%s: %s holds %d wavelengths and an image at most %d: choose them with "
                          "%s\n",
-                         kProgram, inputs->model_name, count, kMaxSelectedWavelengths, kWaveOption);
+                         program, model_name, count, kMaxSelectedWavelengths, kWaveOption);
             return 1;
         }
-        for (int k = 0; k < count; ++k) inputs->wavelength_index[k] = k;
-        inputs->wavelength_index[count] = -1;
-        inputs->wavelength_count = count;
+        for (int k = 0; k < count; ++k) choice->wavelength_index[k] = k;
+        choice->wavelength_index[count] = -1;
+        choice->wavelength_count = count;
         return 0;
     }
     std::unique_ptr<float[]> nm(new (std::nothrow) float[std::size_t(count)]);
     if (!nm) {
-        std::fprintf(stderr, "%s: insufficient memory\n", kProgram);
+        std::fprintf(stderr, "%s: insufficient memory\n", program);
         return 1;
     }
     for (int k = 0; k < count; ++k) nm[k] = get_parametric_pupil_wavelength(&model, k) * 1000.0f;
-    if (handle_wave_switch(kProgram, kWaveOption, value, nm.get(), count, kMaxSelectedWavelengths,
-                           inputs->wavelength_index) != 0)
+    if (handle_wave_switch(program, kWaveOption, value, nm.get(), count, kMaxSelectedWavelengths,
+                           choice->wavelength_index) != 0)
         return 1;
-    inputs->wavelength_count = 0;
-    while (inputs->wavelength_index[inputs->wavelength_count] >= 0) ++inputs->wavelength_count;
+    choice->wavelength_count = 0;
+    while (choice->wavelength_index[choice->wavelength_count] >= 0) ++choice->wavelength_count;
     return 0;
 }
 
-// What the model must be for torvel to read the image back: positive
-// wavelengths, an aperture within the immersion index, and no series that
-// this program cannot evaluate.
-int check_model(const ParametricPupil& model, const render_inputs& inputs) {
+// Whether every coefficient of one series of the selected wavelengths is finite.
+bool finite_series(double* (*coeff_of)(ParametricPupil*, std::int32_t), std::int32_t count,
+                   const ParametricPupil& model, const model_choice& choice) {
+    auto* record = const_cast<ParametricPupil*>(&model);  // the getters take it writable
+    for (int k = 0; k < choice.wavelength_count; ++k) {
+        const double* coeff = coeff_of(record, choice.wavelength_index[k]);
+        for (std::int32_t t = 0; coeff != nullptr && t < count; ++t)
+            if (!std::isfinite(coeff[t])) return false;
+    }
+    return true;
+}
+
+// What the model must be for a companion program to evaluate it and for
+// torvel to read an image of it back: positive wavelengths, an aperture
+// within the immersion index, finite coefficients, and no series that these
+// programs cannot evaluate.
+int check_model(const char* program, const char* model_name, const ParametricPupil& model,
+                const model_choice& choice) {
     int error = 0;
-    for (int k = 0; k < inputs.wavelength_count; ++k) {
-        const float um = get_parametric_pupil_wavelength(&model, inputs.wavelength_index[k]);
+    for (int k = 0; k < choice.wavelength_count; ++k) {
+        const float um = get_parametric_pupil_wavelength(&model, choice.wavelength_index[k]);
         if (!(um > 0.0f) || !std::isfinite(um)) {
-            std::fprintf(stderr, "%s: %s: invalid wavelength, %g um, at index %d\n", kProgram,
-                         inputs.model_name, double(um), inputs.wavelength_index[k]);
+            std::fprintf(stderr, "%s: %s: invalid wavelength, %g um, at index %d\n", program,
+                         model_name, double(um), choice.wavelength_index[k]);
             error = 1;
         }
     }
@@ -261,15 +231,23 @@ int check_model(const ParametricPupil& model, const render_inputs& inputs) {
         std::fprintf(stderr,
                      "%s: %s: numerical aperture %g above the immersion index %g; torvel would "
                      "refuse the image\n",
-                     kProgram, inputs.model_name, double(na), double(n_imm));
+                     program, model_name, double(na), double(n_imm));
+        error = 1;
+    }
+    if (!finite_series(get_parametric_pupil_amplitude_zernike_coeff,
+                       get_parametric_pupil_amplitude_zernike_count(&model), model, choice) ||
+        !finite_series(get_parametric_pupil_phase_zernike_coeff,
+                       get_parametric_pupil_phase_zernike_count(&model), model, choice)) {
+        std::fprintf(stderr, "%s: %s: a coefficient is not a finite number\n", program,
+                     model_name);
         error = 1;
     }
     if (get_parametric_pupil_amplitude_polarf_count(&model) > 0 ||
         get_parametric_pupil_phase_polarf_count(&model) > 0) {
         std::fprintf(stderr,
-                     "%s: %s: the model holds a polar Fourier series; torvel-render renders "
-                     "Zernike series only\n",
-                     kProgram, inputs.model_name);
+                     "%s: %s: the model holds a polar Fourier series; %s evaluates Zernike "
+                     "series only\n",
+                     program, model_name, program);
         error = 1;
     }
     return error;
@@ -287,22 +265,99 @@ int check_image_name(const render_inputs& inputs) {
 
 void print_render_usage(std::FILE* stream) {
     for (const char* line : kUsageLines) std::fprintf(stream, "%s\n", line);
+    print_model_choice_usage(stream);
 }
 
-int render_help_requested(int argc, char** argv) {
+void print_model_choice_usage(std::FILE* stream) {
+    for (const char* line : kModelChoiceUsageLines) std::fprintf(stream, "%s\n", line);
+}
+
+int companion_help_requested(int argc, char** argv) {
     if (help_requested(argc, argv)) return 1;
     for (int i = 1; i < argc; ++i)
         if (std::strcmp(argv[i], "--help") == 0) return 1;
     return 0;
 }
 
-pupil_ptr read_render_model(const char* name) {
+pupil_ptr read_model_file(const char* program, const char* name) {
     std::int32_t code = 0, line = 0, column = 0;
     pupil_ptr model(read_parametric_pupil(name, &code, &line, &column));
     if (!model)
-        std::fprintf(stderr, "%s: %s:%d:%d: %s\n", kProgram, name, line, column,
+        std::fprintf(stderr, "%s: %s:%d:%d: %s\n", program, name, line, column,
                      read_parametric_pupil_error_text(code));
     return model;
+}
+
+int check_option_names(const char* program, const char* const* argv, int argc,
+                       std::span<const char* const> options) {
+    int error = 0;
+    for (int i = 1; i < argc; ++i) {
+        const char* arg = argv[i];
+        const char* known = nullptr;
+        for (const char* option : options)
+            if (std::strncmp(arg, option, std::strlen(option)) == 0) known = option;
+        if (known == nullptr) {
+            std::fprintf(stderr, "%s: unrecognized option %s\n", program, arg);
+            error = 1;
+            continue;
+        }
+        for (int j = 1; j < i; ++j) {
+            if (std::strncmp(argv[j], known, std::strlen(known)) == 0) {
+                std::fprintf(stderr, "%s: %s given more than once\n", program, known);
+                error = 1;
+                break;
+            }
+        }
+    }
+    return error;
+}
+
+const char* option_value(const char* const* argv, int argc, const char* option) {
+    for (int i = 1; i < argc; ++i)
+        if (std::strncmp(argv[i], option, std::strlen(option)) == 0)
+            return argv[i] + std::strlen(option);
+    return nullptr;
+}
+
+int option_name_index(const char* program, const char* const* argv, int argc, const char* option,
+                      std::span<const char* const> names) {
+    const char* value = option_value(argv, argc, option);
+    if (value == nullptr) return -1;
+    const int count = static_cast<int>(names.size());
+    const int index = search_string_list(names.data(), count, value);
+    if (index < 0) {
+        print_invalid_name(program, option, value, names.data(), count);
+        return -2;
+    }
+    return index;
+}
+
+int parse_model_choice(const char* program, const char* const* argv, int argc,
+                       const char* model_name, const ParametricPupil* model, model_choice* choice) {
+    const int amplitude = option_name_index(program, argv, argc, kAmplitudeOption, kAmplitudes);
+    if (amplitude >= 0) choice->uniform_amplitude = amplitude == 1;
+    int error = amplitude == -2 ? 1 : 0;
+    error |= parse_drop(program, option_value(argv, argc, kDropOption), choice);
+    if (model == nullptr) return error;
+    const int selection = select_wavelengths(program, option_value(argv, argc, kWaveOption),
+                                             model_name, *model, choice);
+    error |= selection;
+    if (selection == 0) error |= check_model(program, model_name, *model, *choice);
+    return error;
+}
+
+void drop_phase_terms(const model_choice& choice, ParametricPupil* model) {
+    const std::int32_t count = get_parametric_pupil_phase_zernike_count(model);
+    for (int w = 0; w < get_parametric_pupil_wavelength_count(model); ++w) {
+        double* coeff = get_parametric_pupil_phase_zernike_coeff(model, w);
+        for (int k = 0; k < choice.drop_count; ++k) {
+            const zernike_term t = choice.drop[k];
+            const int first = zernike_term_index(t.n, t.m);
+            const int last = t.m == 0 ? first : first + 1;
+            if (last >= count) continue;  // not in the model: nothing to leave out
+            for (int slot = first; slot <= last; ++slot) coeff[slot] = 0.0;
+        }
+    }
 }
 
 int parse_render_command_line(int argc, char** argv, render_inputs* inputs, pupil_ptr* model) {
@@ -312,25 +367,19 @@ int parse_render_command_line(int argc, char** argv, render_inputs* inputs, pupi
     }
     inputs->model_name = argv[1];
     inputs->image_name = argv[2];
-    *model = read_render_model(inputs->model_name);
+    *model = read_model_file(kProgram, inputs->model_name);
     const option_args args{argv + 2, argc - 2};
     int error = *model ? 0 : 1;
     error |= check_image_name(*inputs);
-    error |= check_option_names(args);
+    error |= check_option_names(kProgram, args.argv, args.argc, kOptions);
     error |= parse_size(args, inputs);
     error |= parse_spacing(args, inputs);
     error |= parse_centre(args, inputs);
-    const int form = parse_name(args, kFormOption, kForms);
+    const int form = option_name_index(kProgram, args.argv, args.argc, kFormOption, kForms);
     if (form >= 0) inputs->complex_form = form == 0;
-    const int amplitude = parse_name(args, kAmplitudeOption, kAmplitudes);
-    if (amplitude >= 0) inputs->uniform_amplitude = amplitude == 1;
-    error |= (form == -2 || amplitude == -2) ? 1 : 0;
-    error |= parse_drop(args, inputs);
-    if (*model) {
-        const int selection = select_wavelengths(args, **model, inputs);
-        error |= selection;
-        if (selection == 0) error |= check_model(**model, *inputs);
-    }
+    error |= form == -2 ? 1 : 0;
+    error |= parse_model_choice(kProgram, args.argv, args.argc, inputs->model_name, model->get(),
+                                &inputs->model);
     return error;
 }
 

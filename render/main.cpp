@@ -12,7 +12,7 @@ int main(int argc, char** argv) {
     using namespace torvel;
     share_cores();  // before any thread: see <torvel/cores.hpp>
 
-    if (render_help_requested(argc, argv)) {
+    if (companion_help_requested(argc, argv)) {
         print_render_usage(stdout);
         return 0;
     }
@@ -23,6 +23,6 @@ int main(int argc, char** argv) {
     if (parse_render_command_line(argc, argv, &inputs, &model) != 0) return 1;
     render_plan plan;
     if (plan_render(inputs, *model, &plan) != 0) return 1;
-    drop_phase_terms(inputs, model.get());
+    drop_phase_terms(inputs.model, model.get());
     return write_rendered_image(inputs, model.get(), plan);
 }

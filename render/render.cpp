@@ -70,8 +70,8 @@ void set_header(const render_inputs& inputs, const render_plan& plan) {
     image_set_origin(kImage, origin_for_centre(plan.x0, dx), origin_for_centre(plan.y0, dy), 0.0f);
     char label[81];
     std::snprintf(label, sizeof label, "torvel-render %s%s%s", inputs.model_name,
-                  inputs.drop_text != nullptr ? " -drop=" : "",
-                  inputs.drop_text != nullptr ? inputs.drop_text : "");
+                  inputs.model.drop_text != nullptr ? " -drop=" : "",
+                  inputs.model.drop_text != nullptr ? inputs.model.drop_text : "");
     image_add_label(kImage, label);
 }
 
@@ -132,10 +132,10 @@ int plan_render(const render_inputs& inputs, const ParametricPupil& model, rende
     const float na = get_parametric_pupil_numerical_aperture(&model);
     plan->p1 = na * 10.0f;
     plan->p2 = get_parametric_pupil_immersion_refractive_index(&model) * 100.0f;
-    plan->wavelength_count = inputs.wavelength_count;
+    plan->wavelength_count = inputs.model.wavelength_count;
     float shortest_um = std::numeric_limits<float>::max();
-    for (int slot = 0; slot < inputs.wavelength_count; ++slot) {
-        const float um = get_parametric_pupil_wavelength(&model, inputs.wavelength_index[slot]);
+    for (int slot = 0; slot < inputs.model.wavelength_count; ++slot) {
+        const float um = get_parametric_pupil_wavelength(&model, inputs.model.wavelength_index[slot]);
         plan->wavelength_nm[slot] = um * 1000.0f;
         shortest_um = std::min(shortest_um, um);
     }
@@ -147,24 +147,10 @@ int plan_render(const render_inputs& inputs, const ParametricPupil& model, rende
     return 0;
 }
 
-void drop_phase_terms(const render_inputs& inputs, ParametricPupil* model) {
-    const std::int32_t count = get_parametric_pupil_phase_zernike_count(model);
-    for (int w = 0; w < get_parametric_pupil_wavelength_count(model); ++w) {
-        double* coeff = get_parametric_pupil_phase_zernike_coeff(model, w);
-        for (int k = 0; k < inputs.drop_count; ++k) {
-            const zernike_term t = inputs.drop[k];
-            const int first = zernike_term_index(t.n, t.m);
-            const int last = t.m == 0 ? first : first + 1;
-            if (last >= count) continue;  // not in the model: nothing to leave out
-            for (int slot = first; slot <= last; ++slot) coeff[slot] = 0.0;
-        }
-    }
-}
-
 void render_wavelength(const render_inputs& inputs, ParametricPupil* model, int w,
                        const pupil_grid& grid, float* plane) {
     series amplitude{-1, -1, nullptr};
-    if (!inputs.uniform_amplitude) {
+    if (!inputs.model.uniform_amplitude) {
         get_parametric_pupil_amplitude_zernike_orders(model, &amplitude.n, &amplitude.m);
         amplitude.coeff = get_parametric_pupil_amplitude_zernike_coeff(model, w);
     }
@@ -223,7 +209,7 @@ int write_rendered_image(const render_inputs& inputs, ParametricPupil* model,
         const pupil_grid grid{
             seen.x0, seen.y0, seen.dx, seen.dy, pupil_cutoff(seen.na, plan.wavelength_nm[slot]),
             plan.nx, plan.ny};
-        render_wavelength(inputs, model, inputs.wavelength_index[slot], grid, plane.get());
+        render_wavelength(inputs, model, inputs.model.wavelength_index[slot], grid, plane.get());
         if (write_slot(inputs, slot, plane.get(), pixels) != 0) return 1;
         if (inputs.complex_form) continue;
         value_range own;

@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <memory>
+#include <span>
 
 #include <torvel/driver.hpp>
 #include <torvel/pupil.hpp>
@@ -24,10 +25,25 @@ struct zernike_term {
     std::int32_t n, m;
 };
 
-// Everything the command line settles. Names point into argv, never copies.
+// What a companion program takes of a fit file's model (torvel-render and
+// torvel-psf share the options -w=, -drop= and -amplitude=):
 // wavelength_index holds up to five zero-based model wavelength indices, in
-// image order, ended by -1. spacing 0 means: chosen so that the disc of the
-// shortest selected wavelength spans 90% of the smaller side.
+// the order they are written, ended by -1.
+struct model_choice {
+    std::int32_t wavelength_index[kMaxSelectedWavelengths + 1];
+    std::int32_t wavelength_count;
+    bool uniform_amplitude;  // true: amplitude 1 whatever the model says
+    std::int32_t drop_count;
+    zernike_term drop[kMaxDroppedTerms];
+    const char* drop_text;  // the -drop= value as given, for labels
+};
+
+// Every wavelength, the model's amplitude, nothing dropped.
+inline constexpr model_choice kDefaultModelChoice = {{-1, 0, 0, 0, 0, 0}, 0, false, 0, {}, nullptr};
+
+// Everything the command line settles. Names point into argv, never copies.
+// spacing 0 means: chosen so that the disc of the shortest selected
+// wavelength spans 90% of the smaller side.
 struct render_inputs {
     const char* model_name;
     const char* image_name;
@@ -35,35 +51,65 @@ struct render_inputs {
     float spacing;
     bool centre_given;  // false: the pupil centre is pixel (nx / 2, ny / 2)
     float x0, y0;
-    std::int32_t wavelength_index[kMaxSelectedWavelengths + 1];
-    std::int32_t wavelength_count;
-    bool complex_form;       // true: mode 4; false: amplitude and phase, mode 2
-    bool uniform_amplitude;  // true: amplitude 1 whatever the model says
-    std::int32_t drop_count;
-    zernike_term drop[kMaxDroppedTerms];
-    const char* drop_text;  // the -drop= value as given, for the image's label
+    bool complex_form;  // true: mode 4; false: amplitude and phase, mode 2
+    model_choice model;
 };
 
 // The defaults main copies before parsing: 256 x 256 pixels, the spacing and
 // centre chosen from them, every wavelength, complex, the model's amplitude,
 // nothing dropped.
 inline constexpr render_inputs kDefaultRenderInputs = {
-    nullptr, nullptr, 256,   256, 0.0f, false,  0.0f, 0.0f, {-1, 0, 0, 0, 0, 0},
-    0,       true,    false, 0,   {},   nullptr};
+    nullptr, nullptr, 256, 256, 0.0f, false, 0.0f, 0.0f, true, kDefaultModelChoice};
 
 // A record owned by its holder and destroyed with it.
 using pupil_ptr = std::unique_ptr<ParametricPupil, pupil_deleter>;
 
-// Writes the usage text of torvel-render to stream.
-void print_render_usage(std::FILE* stream);
+// ---- shared by the programs that read a fit file --------------------------
 
 // 1 when any argument from argv[1] on asks for help: "-h", "-H", "-help",
 // "-Help" or "--help"; else 0.
-int render_help_requested(int argc, char** argv);
+int companion_help_requested(int argc, char** argv);
 
 // Reads the parametric pupil file name into a new record. Returns it, or
-// null after one message "torvel-render: name:line:column: what is wrong".
-pupil_ptr read_render_model(const char* name);
+// null after one message "program: name:line:column: what is wrong".
+pupil_ptr read_model_file(const char* program, const char* name);
+
+// Checks that each of argv[1..argc-1] begins with one of options and that
+// none is given twice, one message per problem. Returns 1 if any, else 0.
+int check_option_names(const char* program, const char* const* argv, int argc,
+                       std::span<const char* const> options);
+
+// The text after option in the first of argv[1..argc-1] that begins with
+// it, or null.
+const char* option_value(const char* const* argv, int argc, const char* option);
+
+// Index in names of the value of option: -1 when it is not given, -2 after
+// a message when it is none of names.
+int option_name_index(const char* program, const char* const* argv, int argc, const char* option,
+                      std::span<const char* const> names);
+
+// Fills *choice from -w=, -drop= and -amplitude= in argv[1..argc-1] and
+// checks model (read from model_name) for what a companion program can
+// evaluate: positive wavelengths, an aperture within the immersion index,
+// finite coefficients, no polar Fourier series; a null model (one that could
+// not be read) has only the options checked. Reports every problem; returns
+// 1 if any, else 0.
+int parse_model_choice(const char* program, const char* const* argv, int argc,
+                       const char* model_name, const ParametricPupil* model, model_choice* choice);
+
+// Sets to 0, in every wavelength of model, the phase coefficients of the
+// terms choice.drop names (cosine and sine for m > 0); a term outside the
+// model's phase set is left alone, as there is nothing to leave out.
+void drop_phase_terms(const model_choice& choice, ParametricPupil* model);
+
+// The usage lines of the options -w=, -drop= and -amplitude=, and of -h,
+// which end both programs' usage texts.
+void print_model_choice_usage(std::FILE* stream);
+
+// ---- torvel-render ----------------------------------------------------------
+
+// Writes the usage text of torvel-render to stream.
+void print_render_usage(std::FILE* stream);
 
 // Fills *inputs from `torvel-render fit_file image [options]`, reading the
 // model first into *model (its wavelengths are what -w= selects from). Checks
@@ -89,11 +135,6 @@ struct render_plan {
 // more pixels than torvel reads.
 int plan_render(const render_inputs& inputs, const ParametricPupil& model, render_plan* plan);
 
-// Sets to 0, in every wavelength of model, the phase coefficients of the
-// terms inputs.drop names (cosine and sine for m > 0); a term outside the
-// model's phase set is left alone, as there is nothing to leave out.
-void drop_phase_terms(const render_inputs& inputs, ParametricPupil* model);
-
 // One wavelength's pupil on the image as torvel sees it when it reads the
 // image back: centre and spacing from the header, cutoff NA / wavelength.
 struct pupil_grid {
@@ -105,7 +146,7 @@ struct pupil_grid {
 // (real, imaginary) pairs when inputs.complex_form, else the amplitude
 // plane followed by the phase plane. Pixels that torvel samples, and those
 // within two pixels beyond the disc edge, get the model (amplitude 1 when
-// inputs.uniform_amplitude or the model has no amplitude series, phase 0
+// inputs.model.uniform_amplitude or the model has no amplitude series, phase 0
 // when it has no phase series); all others 0.
 void render_wavelength(const render_inputs& inputs, ParametricPupil* model, int w,
                        const pupil_grid& grid, float* plane);
