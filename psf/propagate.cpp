@@ -18,9 +18,11 @@ namespace torvel {
 struct psf_fft_plans {
     fftwf_plan rows = nullptr;     // side rows of length M, contiguous
     fftwf_plan columns = nullptr;  // nx columns of length M, each contiguous
+    // The same transforms the other way, for psf_adjoint_plane.
+    fftwf_plan rows_adjoint = nullptr, columns_adjoint = nullptr;
     ~psf_fft_plans() {
-        if (rows) fftwf_destroy_plan(rows);
-        if (columns) fftwf_destroy_plan(columns);
+        for (fftwf_plan plan : {rows, columns, rows_adjoint, columns_adjoint})
+            if (plan) fftwf_destroy_plan(plan);
     }
 };
 
@@ -37,6 +39,10 @@ struct psf_buffers {
     fftw_buffer row_in, row_out;        // side x M
     fftw_buffer column_in, column_out;  // nx columns of M, column after column
     std::unique_ptr<std::complex<float>[]> field;  // nx x ny, for the intensity
+    // The inputs of the adjoint's two passes, apart from the forward ones:
+    // the adjoint writes other positions than the forward pass and relies on
+    // the rest staying 0, as the forward pass does on its own.
+    fftw_buffer adjoint_rows, adjoint_columns;  // side x M, nx columns of M
     // Defocus factors exp(2πi kz z) of the last plane, and those of the last
     // step between planes, so that evenly spaced planes need one complex
     // product per pupil point.
@@ -139,14 +145,15 @@ double sinc(double u) {
 }
 
 // The FFT grid for optics and grid: internal refinement, size and pupil radius.
+// A given fft_size (> 0) is taken as it is.
 void choose_fft_grid(const psf_optics& optics, const psf_plane_grid& grid, int min_disc_pixels,
-                     psf_propagator* pr) {
+                     int fft_size, psf_propagator* pr) {
     const double cutoff = optics.numerical_aperture / optics.wavelength_um;
     pr->refine = std::max(1, int(std::ceil(2.0 * cutoff * grid.dx_um / kDiscShareOfGrid)));
     const double dx = grid.dx_um / pr->refine;
     const double for_disc = std::ceil(min_disc_pixels / (2.0 * cutoff * dx));
     const double wanted = std::max({double(pr->refine) * std::max(grid.nx, grid.ny), for_disc, 32.0});
-    pr->fft_size = fft_friendly_size(int(std::min(wanted, 1e9)));
+    pr->fft_size = fft_size > 0 ? fft_size : fft_friendly_size(int(std::min(wanted, 1e9)));
     pr->dk = 1.0 / (pr->fft_size * dx);
     pr->radius = int(std::ceil(cutoff / pr->dk + 0.5));
     pr->side = 2 * pr->radius + 1;
@@ -224,7 +231,12 @@ int make_plans(psf_propagator* pr) {
                                       m, FFTW_BACKWARD, kPlanning);
     plans->columns = fftwf_plan_many_dft(1, n, nx, c.get(), nullptr, 1, m, d.get(), nullptr, 1, m,
                                          FFTW_BACKWARD, kPlanning);
-    if (!plans->rows || !plans->columns) return 1;
+    plans->rows_adjoint = fftwf_plan_many_dft(1, n, pr->side, a.get(), nullptr, 1, m, b.get(),
+                                              nullptr, 1, m, FFTW_FORWARD, kPlanning);
+    plans->columns_adjoint = fftwf_plan_many_dft(1, n, nx, c.get(), nullptr, 1, m, d.get(), nullptr,
+                                                 1, m, FFTW_FORWARD, kPlanning);
+    if (!plans->rows || !plans->columns || !plans->rows_adjoint || !plans->columns_adjoint)
+        return 1;
     pr->plans = std::move(plans);
     return 0;
 }
@@ -318,8 +330,10 @@ double psf_vector_factor(int c, double kx, double ky, double n_over_lambda) {
     }
 }
 
-int make_psf_propagator(const psf_optics& optics, const psf_plane_grid& grid, bool vector,
-                        int min_disc_pixels, psf_propagator* propagator) {
+namespace {
+
+int make_propagator(const psf_optics& optics, const psf_plane_grid& grid, bool vector,
+                    int min_disc_pixels, int fft_size, psf_propagator* propagator) {
     if (!(optics.wavelength_um > 0) || !(optics.numerical_aperture > 0) ||
         !(optics.numerical_aperture <= optics.immersion_index) || grid.nx < 1 || grid.ny < 1 ||
         !(grid.dx_um > 0) || !std::isfinite(grid.dx_um) || min_disc_pixels < 1)
@@ -328,11 +342,24 @@ int make_psf_propagator(const psf_optics& optics, const psf_plane_grid& grid, bo
     pr.optics = optics;
     pr.grid = grid;
     pr.vector = vector;
-    choose_fft_grid(optics, grid, min_disc_pixels, &pr);
+    choose_fft_grid(optics, grid, min_disc_pixels, fft_size, &pr);
+    if (fft_size > 0 && (pr.refine != 1 || fft_size < std::max(grid.nx, grid.ny))) return 1;
     if (fill_pupil_tables(&pr) != 0 || fill_output_tables(&pr) != 0 || make_plans(&pr) != 0)
         return 1;
     *propagator = std::move(pr);
     return 0;
+}
+
+}  // namespace
+
+int make_psf_propagator(const psf_optics& optics, const psf_plane_grid& grid, bool vector,
+                        int min_disc_pixels, psf_propagator* propagator) {
+    return make_propagator(optics, grid, vector, min_disc_pixels, 0, propagator);
+}
+
+int make_psf_propagator_sized(const psf_optics& optics, const psf_plane_grid& grid, bool vector,
+                              int fft_size, psf_propagator* propagator) {
+    return make_propagator(optics, grid, vector, 1, fft_size, propagator);
 }
 
 bool psf_pupil_point_used(const psf_propagator& propagator, int p, int q) {
@@ -352,8 +379,10 @@ int make_psf_work(const psf_propagator& pr, psf_work* work) {
     b->defocus.reset(new (std::nothrow) std::complex<double>[points]());
     b->step.reset(new (std::nothrow) std::complex<double>[points]());
     b->field.reset(new (std::nothrow) std::complex<float>[std::size_t(pr.grid.nx) * pr.grid.ny]);
+    b->adjoint_rows = allocate_complex(rows);
+    b->adjoint_columns = allocate_complex(columns);
     if (!b->row_in || !b->row_out || !b->column_in || !b->column_out || !b->defocus || !b->step ||
-        !b->field)
+        !b->field || !b->adjoint_rows || !b->adjoint_columns)
         return 1;
     work->buffers = std::move(b);
     return 0;
@@ -364,6 +393,44 @@ void psf_field_plane(const psf_propagator& propagator, std::span<const std::comp
                      std::span<std::complex<float>> field) {
     set_defocus(propagator, z_um, work->buffers.get());
     field_at_defocus(propagator, pupil, factor, work->buffers.get(), field);
+}
+
+void psf_adjoint_plane(const psf_propagator& pr, std::span<const std::complex<float>> field,
+                       double z_um, int factor, psf_work* work,
+                       std::span<std::complex<double>> pupil_sum) {
+    psf_buffers* w = work->buffers.get();
+    set_defocus(pr, z_um, w);
+    const int m = pr.fft_size, side = pr.side, r = pr.radius, nx = pr.grid.nx, ny = pr.grid.ny;
+    // The second pass backwards: each output column into its FFT column.
+    auto* columns = reinterpret_cast<std::complex<float>*>(w->adjoint_columns.get());
+    for (int i = 0; i < nx; ++i) {
+        std::complex<float>* column = columns + std::size_t(i) * m;
+        for (int j = 0; j < ny; ++j)
+            column[pr.row_at[j]] = field[std::size_t(j) * nx + i] * (pr.sinc_x[i] * pr.sinc_y[j]);
+    }
+    fftwf_execute_dft(pr.plans->columns_adjoint, w->adjoint_columns.get(), w->column_out.get());
+    const auto* transformed = reinterpret_cast<const std::complex<float>*>(w->column_out.get());
+    // The first pass backwards: the pupil rows' entries at the output columns.
+    auto* rows = reinterpret_cast<std::complex<float>*>(w->adjoint_rows.get());
+    for (int i = 0; i < nx; ++i) {
+        const std::complex<float>* from = transformed + std::size_t(i) * m;
+        for (int q = 0; q < side; ++q)
+            rows[std::size_t(q) * m + pr.column_at[i]] = from[(q - r + m) % m];
+    }
+    fftwf_execute_dft(pr.plans->rows_adjoint, w->adjoint_rows.get(), w->row_out.get());
+    const auto* out = reinterpret_cast<const std::complex<float>*>(w->row_out.get());
+    const std::size_t points = std::size_t(side) * side;
+    const float* f = factor >= 0 ? pr.factor.get() + std::size_t(factor) * points : nullptr;
+    for (int q = 0; q < side; ++q) {
+        for (int p = 0; p < side; ++p) {
+            const std::size_t k = std::size_t(q) * side + p;
+            if (pr.weight[k] == 0) continue;
+            std::complex<double> v = std::complex<double>(out[std::size_t(q) * m + (p - r + m) % m]) *
+                                     std::conj(w->defocus[k]) * pr.weight[k];
+            if (f) v *= double(f[k]);
+            pupil_sum[k] += v;
+        }
+    }
 }
 
 void psf_intensity_plane(const psf_propagator& propagator,

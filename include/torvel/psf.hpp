@@ -105,6 +105,14 @@ struct psf_propagator {
 int make_psf_propagator(const psf_optics& optics, const psf_plane_grid& grid, bool vector,
                         int min_disc_pixels, psf_propagator* propagator);
 
+// As make_psf_propagator, but on an FFT grid of exactly fft_size points
+// (dk = 1 / (fft_size dx)), for a caller that needs the pupil grid to line up
+// with another one or the field to reach far beyond the output window.
+// Returns 1 also when fft_size is smaller than nx or ny, or when grid.dx is
+// too coarse for the disc to fit without the internal refinement.
+int make_psf_propagator_sized(const psf_optics& optics, const psf_plane_grid& grid, bool vector,
+                              int fft_size, psf_propagator* propagator);
+
 // Whether the point (p, q) of the pupil grid has a non-zero weight, i.e.
 // touches the disc; points that do not are never read.
 bool psf_pupil_point_used(const psf_propagator& propagator, int p, int q);
@@ -132,6 +140,14 @@ int make_psf_work(const psf_propagator& propagator, psf_work* work);
 void psf_field_plane(const psf_propagator& propagator, std::span<const std::complex<float>> pupil,
                      double z_um, int factor, psf_work* work,
                      std::span<std::complex<float>> field);
+
+// The adjoint (conjugate transpose) of psf_field_plane at plane z µm with
+// vector factor `factor`, applied to field (nx * ny values) and added to
+// pupil_sum (side² values; points that do not touch the disc are left
+// alone): what an iterative fit of the pupil to measured planes steps with.
+void psf_adjoint_plane(const psf_propagator& propagator, std::span<const std::complex<float>> field,
+                       double z_um, int factor, psf_work* work,
+                       std::span<std::complex<double>> pupil_sum);
 
 // The PSF of pupil at plane z µm into intensity (nx * ny values): |E|² for a
 // scalar propagator, the vector model's polarisation mean for a vector one,
