@@ -26,9 +26,6 @@ constexpr const char* kProgram = "torvel-retrieve";
 // The model's field reaches this far beyond the geometric cone of the most
 // defocused plane, in units of λ/NA, before the FFT grid wraps it around.
 constexpr double kMarginResolutions = 4.0;
-// Pupil pixels across the disc diameter at the least; more where the
-// wrap-free grid asks for them.
-constexpr double kMinDiscPixels = 48.0;
 // Points whose pixel the disc edge cuts step as if they were covered at
 // least this much, so that a sliver of a pixel does not take a huge step.
 constexpr double kMinStepCoverage = 0.5;
@@ -66,7 +63,9 @@ int internal_fft_size(const bead_stack& bead, double na, double n) {
                          kMarginResolutions * bead.wavelength_um / na;
     const double cutoff = na / bead.wavelength_um;
     int ratio = std::max(1, int(std::ceil(reach / (bead.size * bead.dx_um))));
-    while (2.0 * cutoff * ratio * bead.size * bead.dx_um < kMinDiscPixels) ++ratio;
+    // As many pupil pixels across the disc as torvel-psf takes: fewer leave
+    // the model short of the stack it computes by more than the noise.
+    while (2.0 * cutoff * ratio * bead.size * bead.dx_um < kDefaultDiscPixels) ++ratio;
     return ratio * bead.size;
 }
 

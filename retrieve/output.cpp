@@ -43,6 +43,25 @@ void mean_phase_gradient(const psf_propagator& pr, std::span<const std::complex<
     *gy = power > 0 ? sy / power : 0.0;
 }
 
+// The pupil at the centre of point k. A point whose pixel the disc edge
+// cuts holds the pupil at the centroid of its covered part, and only weakly
+// (the forward model weights it by that part): its centre's value is
+// extrapolated from the two fully covered points inward along the axis
+// nearer the radial direction, where they exist.
+std::complex<double> pupil_at_centre(const psf_propagator& pr,
+                                     std::span<const std::complex<float>> pupil, int p, int q) {
+    const int side = pr.side, r = pr.radius;
+    const std::size_t k = std::size_t(q) * side + p;
+    const double full = pr.dk * pr.dk;
+    if (pr.weight[k] >= full * (1 - 1e-9)) return pupil[k];
+    const int dp = std::abs(p - r) >= std::abs(q - r) ? (p > r ? -1 : 1) : 0;
+    const int dq = dp != 0 ? 0 : (q > r ? -1 : 1);
+    const int p1 = p + dp, q1 = q + dq, p2 = p + 2 * dp, q2 = q + 2 * dq;
+    const std::size_t k1 = std::size_t(q1) * side + p1, k2 = std::size_t(q2) * side + p2;
+    if (pr.weight[k1] < full * (1 - 1e-9) || pr.weight[k2] < full * (1 - 1e-9)) return pupil[k];
+    return 2.0 * std::complex<double>(pupil[k1]) - std::complex<double>(pupil[k2]);
+}
+
 struct pupil_images {
     std::span<const std::complex<float>> images;
     int size;
@@ -97,9 +116,8 @@ void pupil_on_image_grid(const retrieval& result, int size, std::span<std::compl
             out = 0;
             if (std::hypot(kx, ky) > cutoff || p < 0 || q < 0 || p >= pr.side || q >= pr.side)
                 continue;
-            const std::size_t k = std::size_t(q) * pr.side + p;
-            const double tilt = -(gx * pr.sample_kx[k] + gy * pr.sample_ky[k]);
-            out = std::complex<float>(std::complex<double>(pupil[k]) * std::polar(scale, tilt));
+            const double tilt = -(gx * kx + gy * ky);
+            out = std::complex<float>(pupil_at_centre(pr, pupil, p, q) * std::polar(scale, tilt));
         }
     }
 }
