@@ -1,22 +1,29 @@
 """Times torvel-psf against the way a PSF is computed from a pupil in numpy
 today, and measures both against the exact integral.
 
-Use:  python3 bench/numpy_psf.py TORVEL_PSF [repetitions]
+Use:  python3 bench/numpy_psf.py TORVEL_PSF BENCH_PSF [repetitions]
 
 The model: NA 1.4 in oil (n 1.515), 600 nm, astigmatism, coma, spherical
 aberration and an apodised amplitude, written as a fit file. For stacks of
 256 x 256 x 64 and 128 x 128 x 128 voxels at Nyquist sampling, scalar and
-vector, the two are timed in turn, repetitions times:
-  - torvel-psf: the whole program (read the fit file, compute, write an MRC
-    stack), wall time;
+vector, the three are timed in turn, repetitions times:
+  - torvel-psf per stack: BENCH_PSF (build/release/bench/bench_psf) computing
+    the stack from the fit file's model in-process, as the program does (the
+    pupil grid, its FFT plans, every plane, on all cores), without the file;
+  - the whole program, torvel-psf (read the fit file, compute, write an MRC
+    stack);
   - numpy: the pupil on the FFT grid of the stack (spacing 1 / (n dx), the
     disc a staircase of pixels), then per plane the defocus phase
     exp(2 pi i kz z), numpy.fft.ifft2 and |E|^2 (five fields for vector).
-Prints medians with the lowest and highest time, the ratio of the medians,
-and each one's largest error against the integral computed by a polar
+Prints medians with the lowest and highest wall time, the ratio of numpy's
+median to torvel-psf's per stack, the same for processor time (user +
+system, all threads; on a machine shared with other work the wall time
+mostly measures the others), the whole program's wall time, and each one's
+largest error against the integral computed by a polar
 quadrature (Gauss-Legendre in the radius, uniform in angle) at a few dozen
 voxels, relative to the stack's peak.
 """
+import json
 import os
 import statistics
 import subprocess
@@ -156,41 +163,58 @@ def summary(times):
     return statistics.median(times), min(times), max(times)
 
 
+def bench_stack(bench, case):
+    """Wall and processor time in ms of one stack computed by bench_psf."""
+    out = subprocess.run([bench, FIT, f"--benchmark_filter=^{case}/", "--benchmark_min_time=0",
+                          "--benchmark_format=json"], check=True, capture_output=True, text=True)
+    run = json.loads(out.stdout)["benchmarks"][0]
+    return run["real_time"], run["cpu_time"]
+
+
 def main():
-    binary = sys.argv[1]
-    repetitions = int(sys.argv[2]) if len(sys.argv) > 2 else 5
+    global FIT
+    binary, bench = sys.argv[1], sys.argv[2]
+    repetitions = int(sys.argv[3]) if len(sys.argv) > 3 else 5
     dx = WAVELENGTH / (4 * NA)
     cos_alpha = np.sqrt(1 - (NA / N_IMM) ** 2)
     dz = WAVELENGTH / (2 * N_IMM * (1 - cos_alpha))
     with tempfile.TemporaryDirectory() as folder:
-        fit = os.path.join(folder, "model.txt")
+        FIT = os.path.join(folder, "model.txt")
         out = os.path.join(folder, "psf.mrc")
-        write_fit_file(fit)
+        write_fit_file(FIT)
         print(f"NA {NA} oil, {WAVELENGTH * 1000:.0f} nm, dx {dx * 1000:.1f} nm, dz {dz * 1000:.1f} nm; "
               f"{repetitions} runs each; times in ms: median (lowest-highest)")
-        print(f"{'stack':>16} {'model':>6} {'torvel-psf':>22} {'numpy':>24} {'ratio':>6}"
-              f" {'error torvel':>13} {'error numpy':>12}")
+        print(f"{'stack':>18} {'time':>4} {'torvel-psf per stack':>22} {'numpy':>23} {'ratio':>6}"
+              f" {'whole program':>22} {'error torvel':>13} {'error numpy':>12}")
         for nx, nz in [(256, 64), (128, 128)]:
             for vector in (False, True):
-                command = [binary, fit, out, f"-size={nx}:{nx}:{nz}", f"-dx={dx * 1000}",
-                           f"-dz={dz * 1000}", "-normalize=none",
-                           f"-model={'vector' if vector else 'scalar'}"]
-                ours, theirs = [], []
+                model = "vector" if vector else "scalar"
+                case = f"{nx}x{nx}x{nz}/{model}"
+                command = [binary, FIT, out, f"-size={nx}:{nx}:{nz}", f"-dx={dx * 1000}",
+                           f"-dz={dz * 1000}", "-normalize=none", f"-model={model}"]
+                times = {key: [] for key in ("ours", "ours_cpu", "numpy", "numpy_cpu", "program")}
                 for _ in range(repetitions):
+                    wall, cpu = bench_stack(bench, case)
+                    times["ours"].append(wall)
+                    times["ours_cpu"].append(cpu)
+                    start, cpu = time.perf_counter(), time.process_time()
+                    reference_stack = numpy_stack(nx, nx, nz, dx, dz, vector)
+                    times["numpy"].append(1000 * (time.perf_counter() - start))
+                    times["numpy_cpu"].append(1000 * (time.process_time() - cpu))
                     start = time.perf_counter()
                     subprocess.run(command, check=True)
-                    ours.append(1000 * (time.perf_counter() - start))
-                    start = time.perf_counter()
-                    reference_stack = numpy_stack(nx, nx, nz, dx, dz, vector)
-                    theirs.append(1000 * (time.perf_counter() - start))
+                    times["program"].append(1000 * (time.perf_counter() - start))
                 with mrcfile.open(out) as f:
                     torvel_stack = np.asarray(f.data, dtype=np.float64)
                 error_ours = largest_error(torvel_stack, dx, dz, vector)
                 error_theirs = largest_error(reference_stack, dx, dz, vector)
-                a, b = summary(ours), summary(theirs)
-                print(f"{f'{nx}x{nx}x{nz}':>16} {'vector' if vector else 'scalar':>6} "
-                      f"{a[0]:8.1f} ({a[1]:.1f}-{a[2]:.1f}) {b[0]:9.1f} ({b[1]:.1f}-{b[2]:.1f}) "
-                      f"{b[0] / a[0]:6.1f} {error_ours:13.1e} {error_theirs:12.1e}", flush=True)
+                program = summary(times["program"])
+                for label, a, b in (("wall", summary(times["ours"]), summary(times["numpy"])),
+                                    ("cpu", summary(times["ours_cpu"]), summary(times["numpy_cpu"]))):
+                    whole = f"{program[0]:8.1f} ({program[1]:.1f}-{program[2]:.1f})" if label == "wall" else ""
+                    print(f"{case:>18} {label:>4} {a[0]:8.1f} ({a[1]:.1f}-{a[2]:.1f}) "
+                          f"{b[0]:9.1f} ({b[1]:.1f}-{b[2]:.1f}) {b[0] / a[0]:6.1f} {whole:>22} "
+                          f"{error_ours:13.1e} {error_theirs:12.1e}", flush=True)
 
 
 if __name__ == "__main__":

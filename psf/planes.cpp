@@ -1,6 +1,6 @@
 // A whole stack from a pupil: the model's pupil on the propagator's grid,
 // and the planes computed in parallel, each thread on a run of neighbouring
-// planes with work space of its own.
+// planes with work space of its own; one wavelength of a model's stack.
 
 #include <algorithm>
 #include <atomic>
@@ -43,11 +43,20 @@ void evaluate_model_pupil(const model_choice& choice, ParametricPupil* model, in
     get_parametric_pupil_phase_zernike_orders(model, &pn, &pm);
     const double* phase = get_parametric_pupil_phase_zernike_coeff(model, w);
     const double cutoff = pr.optics.numerical_aperture / pr.optics.wavelength_um;
+    const bool has_amplitude = an >= 0 && amplitude != nullptr, has_phase = pn >= 0 && phase != nullptr;
+    // Both series read one table of powers and angles per point.
+    ZernikeTableSize size{0, 0};
+    for (const ZernikeTableSize s : {zernike_table_size(has_amplitude ? an : -1, am),
+                                     zernike_table_size(has_phase ? pn : -1, pm)}) {
+        size.order = std::max(size.order, s.order);
+        size.frequency = std::max(size.frequency, s.frequency);
+    }
     const int side = pr.side;
 #ifdef _OPENMP
 #pragma omp parallel for schedule(static) num_threads(plane_threads(side))
 #endif
     for (int q = 0; q < side; ++q) {
+        ZernikeTables tables;
         for (int p = 0; p < side; ++p) {
             const std::size_t k = std::size_t(q) * side + p;
             if (!psf_pupil_point_used(pr, p, q)) {
@@ -56,11 +65,13 @@ void evaluate_model_pupil(const model_choice& choice, ParametricPupil* model, in
             }
             const double kx = pr.sample_kx[k], ky = pr.sample_ky[k];
             const double rho = std::hypot(kx, ky) / cutoff, theta = std::atan2(ky, kx);
-            const double a = (an < 0 || amplitude == nullptr)
-                                 ? 1.0
-                                 : evaluate_zernike_series(rho, theta, an, am, amplitude);
-            const double phi =
-                (pn < 0 || phase == nullptr) ? 0.0 : evaluate_zernike_series(rho, theta, pn, pm, phase);
+            const bool tabled = fill_zernike_tables(rho, theta, size, &tables);
+            auto series = [&](int n, int m, const double* coeff) {
+                return tabled ? evaluate_zernike_series_from_tables(tables, n, m, coeff)
+                              : evaluate_zernike_series(rho, theta, n, m, coeff);
+            };
+            const double a = has_amplitude ? series(an, am, amplitude) : 1.0;
+            const double phi = has_phase ? series(pn, pm, phase) : 0.0;
             pupil[k] = std::complex<float>(std::polar(a, phi));
         }
     }
@@ -93,16 +104,43 @@ int compute_psf_stack(const psf_plan& plan, const psf_propagator& propagator,
 #endif
         const int first = int(std::int64_t(plan.nz) * t / threads);
         const int end = int(std::int64_t(plan.nz) * (t + 1) / threads);
-        for (int k = first; k < end; ++k) {
-            const double z = double(k - plan.nz / 2) * plan.dz_um;
-            psf_intensity_plane(propagator, pupil, z, &works[t],
-                                voxels.subspan(std::size_t(k) * pixels, pixels));
-            const int now = done.fetch_add(1) + 1;
+        // In runs of planes, so that progress can be shown; each run's
+        // first plane takes its defocus afresh, the others by a product.
+        const int run = std::max(16, (end - first + 7) / 8);
+        for (int k = first; k < end; k += run) {
+            const int count = std::min(run, end - k);
+            psf_intensity_planes(propagator, pupil, double(k - plan.nz / 2) * plan.dz_um,
+                                 plan.dz_um, count, &works[t],
+                                 voxels.subspan(std::size_t(k) * pixels, std::size_t(count) * pixels));
+            const int now = done.fetch_add(count) + count;
             if (t == 0 && progress != nullptr) progress(context, now);
         }
     }
     if (progress != nullptr) progress(context, plan.nz);
     return 0;
+}
+
+int compute_model_stack(const model_choice& choice, bool vector, ParametricPupil* model,
+                        const psf_plan& plan, int slot, std::span<float> stack,
+                        void (*progress)(void* context, int planes_done), void* context) {
+    const psf_optics optics{get_parametric_pupil_numerical_aperture(model),
+                            get_parametric_pupil_immersion_refractive_index(model),
+                            plan.wavelength_um[slot]};
+    psf_propagator propagator;
+    if (make_psf_propagator(optics, {plan.nx, plan.ny, plan.dx_um}, vector, kDefaultDiscPixels,
+                            &propagator) != 0) {
+        std::fprintf(stderr, "%s: insufficient memory for the pupil grid\n", "torvel-psf");
+        return 1;
+    }
+    const std::size_t points = std::size_t(propagator.side) * propagator.side;
+    std::unique_ptr<std::complex<float>[]> pupil(new (std::nothrow) std::complex<float>[points]);
+    if (!pupil) {
+        std::fprintf(stderr, "%s: insufficient memory for the pupil grid\n", "torvel-psf");
+        return 1;
+    }
+    evaluate_model_pupil(choice, model, choice.wavelength_index[slot], propagator,
+                         {pupil.get(), points});
+    return compute_psf_stack(plan, propagator, {pupil.get(), points}, stack, progress, context);
 }
 
 }  // namespace torvel

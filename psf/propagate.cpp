@@ -18,7 +18,7 @@ namespace torvel {
 struct psf_fft_plans {
     fftwf_plan rows = nullptr;     // side rows of length M, contiguous
     fftwf_plan columns = nullptr;  // nx columns of length M, each contiguous
-    // The same transforms the other way, for psf_adjoint_plane.
+    // The same transforms the other way, for psf_adjoint_field.
     fftwf_plan rows_adjoint = nullptr, columns_adjoint = nullptr;
     ~psf_fft_plans() {
         for (fftwf_plan plan : {rows, columns, rows_adjoint, columns_adjoint})
@@ -38,18 +38,13 @@ using fftw_buffer = std::unique_ptr<fftwf_complex[], fftw_deleter>;
 struct psf_buffers {
     fftw_buffer row_in, row_out;        // side x M
     fftw_buffer column_in, column_out;  // nx columns of M, column after column
-    std::unique_ptr<std::complex<float>[]> field;  // nx x ny, for the intensity
+    // Over the pupil (side x side): P · weight · exp(2πi kz z) of the plane
+    // being computed, and exp(2πi kz dz), which takes it to the next plane.
+    std::unique_ptr<std::complex<float>[]> weighted, step;
     // The inputs of the adjoint's two passes, apart from the forward ones:
     // the adjoint writes other positions than the forward pass and relies on
     // the rest staying 0, as the forward pass does on its own.
     fftw_buffer adjoint_rows, adjoint_columns;  // side x M, nx columns of M
-    // Defocus factors exp(2πi kz z) of the last plane, and those of the last
-    // step between planes, so that evenly spaced planes need one complex
-    // product per pupil point.
-    std::unique_ptr<std::complex<double>[]> defocus, step;
-    double z = 0, dz = 0;
-    bool have_z = false, have_step = false;
-    int steps = 0;  // since the factors were last computed directly
 };
 
 void psf_buffers_deleter::operator()(psf_buffers* buffers) const noexcept { delete buffers; }
@@ -61,17 +56,19 @@ constexpr double kPi = 3.14159265358979323846;
 // grid, so that the disc and its periodic copies never overlap.
 constexpr double kDiscShareOfGrid = 0.9;
 // Evenly spaced planes take their defocus by products for at most this many
-// planes in a row before it is computed afresh, keeping rounding far below
-// single precision.
-constexpr int kStepsBetweenDirect = 32;
+// planes in a row before it is computed afresh: 64 products of floats stay
+// within 1e-5 of it.
+constexpr int kStepsBetweenDirect = 64;
 // FFTW's planner measuring candidate plans takes seconds for some sizes;
 // its estimate is as fast for these batched 1D transforms (bench/).
 constexpr unsigned kPlanning = FFTW_ESTIMATE;
 constexpr double kPlanningSeconds = 0.05;
 
-fftw_buffer allocate_complex(std::size_t count) {
+// count complex values; zero when `zero`, for buffers of which only a part
+// is ever written.
+fftw_buffer allocate_complex(std::size_t count, bool zero) {
     auto* p = static_cast<fftwf_complex*>(fftwf_malloc(sizeof(fftwf_complex) * count));
-    if (p != nullptr) std::memset(p, 0, sizeof(fftwf_complex) * count);
+    if (p != nullptr && zero) std::memset(p, 0, sizeof(fftwf_complex) * count);
     return fftw_buffer(p);
 }
 
@@ -167,7 +164,10 @@ int fill_pupil_tables(psf_propagator* pr) {
     pr->sample_kx.reset(new (std::nothrow) double[points]);
     pr->sample_ky.reset(new (std::nothrow) double[points]);
     if (pr->vector) pr->factor.reset(new (std::nothrow) float[kVectorFactors * points]);
-    if (!pr->weight || !pr->kz || !pr->sample_kx || !pr->sample_ky || (pr->vector && !pr->factor))
+    pr->row_begin.reset(new (std::nothrow) std::int32_t[std::size_t(pr->side)]);
+    pr->row_end.reset(new (std::nothrow) std::int32_t[std::size_t(pr->side)]);
+    if (!pr->weight || !pr->kz || !pr->sample_kx || !pr->sample_ky || !pr->row_begin ||
+        !pr->row_end || (pr->vector && !pr->factor))
         return 1;
     const double cutoff = pr->optics.numerical_aperture / pr->optics.wavelength_um;
     const double n_over_lambda = pr->optics.immersion_index / pr->optics.wavelength_um;
@@ -176,7 +176,13 @@ int fill_pupil_tables(psf_propagator* pr) {
         for (int p = 0; p < pr->side; ++p) {
             const std::size_t at = std::size_t(q) * pr->side + p;
             double kx = (p - pr->radius) * pr->dk, ky = (q - pr->radius) * pr->dk;
-            const coverage c = disc_coverage(kx - h, kx + h, ky - h, ky + h, cutoff);
+            // Most pixels lie wholly inside or outside; only those the edge
+            // cuts need the exact coverage.
+            const double near = std::hypot(std::max(std::abs(kx) - h, 0.0), std::max(std::abs(ky) - h, 0.0));
+            const double far = std::hypot(std::abs(kx) + h, std::abs(ky) + h);
+            const coverage c = far <= cutoff  ? coverage{4 * h * h, 4 * h * h * kx, 4 * h * h * ky}
+                               : near >= cutoff ? coverage{}
+                                                : disc_coverage(kx - h, kx + h, ky - h, ky + h, cutoff);
             pr->weight[at] = c.area;
             // A pixel cut by the edge stands for the part inside: its pupil
             // is taken at that part's centroid.
@@ -187,10 +193,20 @@ int fill_pupil_tables(psf_propagator* pr) {
             pr->sample_kx[at] = kx;
             pr->sample_ky[at] = ky;
             pr->kz[at] = std::sqrt(std::max(n_over_lambda * n_over_lambda - kx * kx - ky * ky, 0.0));
-            if (!pr->vector) continue;
-            for (int f = 0; f < kVectorFactors; ++f)
-                pr->factor[f * points + at] = float(psf_vector_factor(f, kx, ky, n_over_lambda));
+            if (!pr->vector || c.area == 0) continue;
+            double factors[kVectorFactors];
+            psf_vector_factors(kx, ky, n_over_lambda, factors);
+            for (int f = 0; f < kVectorFactors; ++f) pr->factor[f * points + at] = float(factors[f]);
         }
+    }
+    // The disc meets each row in one run of points.
+    for (int q = 0; q < pr->side; ++q) {
+        const double* row = pr->weight.get() + std::size_t(q) * pr->side;
+        int begin = 0, end = pr->side;
+        while (begin < end && row[begin] == 0) ++begin;
+        while (end > begin && row[end - 1] == 0) --end;
+        pr->row_begin[q] = begin;
+        pr->row_end[q] = end;
     }
     return 0;
 }
@@ -219,8 +235,9 @@ int fill_output_tables(psf_propagator* pr) {
 int make_plans(psf_propagator* pr) {
     const int m = pr->fft_size, nx = pr->grid.nx;
     const std::size_t row_values = std::size_t(pr->side) * m, column_values = std::size_t(m) * nx;
-    fftw_buffer a = allocate_complex(row_values), b = allocate_complex(row_values);
-    fftw_buffer c = allocate_complex(column_values), d = allocate_complex(column_values);
+    fftw_buffer a = allocate_complex(row_values, false), b = allocate_complex(row_values, false);
+    fftw_buffer c = allocate_complex(column_values, false);
+    fftw_buffer d = allocate_complex(column_values, false);
     if (!a || !b || !c || !d) return 1;
     auto plans = std::unique_ptr<psf_fft_plans, psf_fft_plans_deleter>(new (std::nothrow)
                                                                             psf_fft_plans);
@@ -241,50 +258,59 @@ int make_plans(psf_propagator* pr) {
     return 0;
 }
 
-// Brings work's defocus factors to plane z: by one product per point when z
-// is one more step of the last spacing, else afresh.
-void set_defocus(const psf_propagator& pr, double z, psf_buffers* w) {
-    if (w->have_z && z == w->z) return;
-    const std::size_t points = std::size_t(pr.side) * std::size_t(pr.side);
-    const double dz = z - w->z;
-    const bool same_step = w->have_step && std::abs(dz - w->dz) <= 1e-12 * std::abs(w->dz);
-    if (w->have_z && same_step && w->steps < kStepsBetweenDirect) {
-        for (std::size_t k = 0; k < points; ++k) w->defocus[k] *= w->step[k];
-        ++w->steps;
-    } else {
-        const bool new_step = w->have_z;
-        for (std::size_t k = 0; k < points; ++k) {
-            if (pr.weight[k] == 0) continue;
-            w->defocus[k] = std::polar(1.0, 2 * kPi * pr.kz[k] * z);
-            if (new_step) w->step[k] = std::polar(1.0, 2 * kPi * pr.kz[k] * dz);
-        }
-        if (new_step) {
-            w->dz = dz;
-            w->have_step = true;
-        }
-        w->steps = 0;
-    }
-    w->z = z;
-    w->have_z = true;
+// exp(2πi t) for t in cycles, reduced to [-1/2, 1/2] in double first so
+// that large defocus keeps its precision.
+std::complex<double> turn(double t) {
+    const double r = t - std::nearbyint(t);
+    return {std::cos(2 * kPi * r), std::sin(2 * kPi * r)};
 }
 
-// The field of pupil at work's current defocus, times factor (-1: none).
-void field_at_defocus(const psf_propagator& pr, std::span<const std::complex<float>> pupil,
-                      int factor, psf_buffers* w, std::span<std::complex<float>> field) {
+// Work's weighted pupil at plane z, P · weight · exp(2πi kz z), computed
+// directly; with step_dz != 0 also the step factors exp(2πi kz dz).
+void weigh_pupil(const psf_propagator& pr, std::span<const std::complex<float>> pupil, double z,
+                 double step_dz, psf_buffers* w) {
+    for (int q = 0; q < pr.side; ++q) {
+        for (int p = pr.row_begin[q]; p < pr.row_end[q]; ++p) {
+            const std::size_t k = std::size_t(q) * pr.side + p;
+            const std::complex<double> d = turn(pr.kz[k] * z);
+            const double a = pupil[k].real() * pr.weight[k], b = pupil[k].imag() * pr.weight[k];
+            w->weighted[k] = {float(a * d.real() - b * d.imag()), float(a * d.imag() + b * d.real())};
+            if (step_dz != 0) w->step[k] = std::complex<float>(turn(pr.kz[k] * step_dz));
+        }
+    }
+}
+
+// Takes work's weighted pupil one step of dz further. Products of floats
+// written out (std::complex's checks for infinities cost more than the
+// product); kStepsBetweenDirect of them in a row stay within 1e-5.
+void step_pupil(const psf_propagator& pr, psf_buffers* w) {
+    for (int q = 0; q < pr.side; ++q) {
+        for (int p = pr.row_begin[q]; p < pr.row_end[q]; ++p) {
+            const std::size_t k = std::size_t(q) * pr.side + p;
+            const float a = w->weighted[k].real(), b = w->weighted[k].imag();
+            const float c = w->step[k].real(), d = w->step[k].imag();
+            w->weighted[k] = {a * c - b * d, a * d + b * c};
+        }
+    }
+}
+
+// The field of work's weighted pupil times factor (-1: none): calls
+// sink(pixel, value) once for each pixel (j nx + i) of the plane.
+template <class Sink>
+void field_of_weighted(const psf_propagator& pr, int factor, psf_buffers* w, Sink&& sink) {
     const int m = pr.fft_size, side = pr.side, r = pr.radius, nx = pr.grid.nx, ny = pr.grid.ny;
     const std::size_t points = std::size_t(side) * side;
     const float* f = factor >= 0 ? pr.factor.get() + std::size_t(factor) * points : nullptr;
     auto* rows = reinterpret_cast<std::complex<float>*>(w->row_in.get());
     for (int q = 0; q < side; ++q) {
         std::complex<float>* row = rows + std::size_t(q) * m;
-        for (int p = 0; p < side; ++p) {
-            const std::size_t k = std::size_t(q) * side + p;
-            std::complex<double> v = 0;
-            if (pr.weight[k] != 0) {
-                v = std::complex<double>(pupil[k]) * w->defocus[k] * pr.weight[k];
-                if (f) v *= double(f[k]);
-            }
-            row[(p - r + m) % m] = std::complex<float>(v);
+        const std::complex<float>* from = w->weighted.get() + std::size_t(q) * side;
+        const float* scale = f ? f + std::size_t(q) * side : nullptr;
+        // Pupil column p lands at FFT index p - R, wrapped: the left part
+        // of the row at the end of the FFT row, the rest at its start.
+        for (int p = pr.row_begin[q]; p < pr.row_end[q]; ++p) {
+            const std::complex<float> v = scale ? from[p] * scale[p] : from[p];
+            row[p < r ? p - r + m : p - r] = v;
         }
     }
     fftwf_execute_dft(pr.plans->rows, w->row_in.get(), w->row_out.get());
@@ -308,26 +334,24 @@ void field_at_defocus(const psf_propagator& pr, std::span<const std::complex<flo
         for (int i = 0; i < nx; ++i) {
             const std::complex<float>* from = out + std::size_t(i) * m;
             for (int j = j0; j < j1; ++j)
-                field[std::size_t(j) * nx + i] = from[pr.row_at[j]] * (pr.sinc_x[i] * pr.sinc_y[j]);
+                sink(std::size_t(j) * nx + i, from[pr.row_at[j]] * (pr.sinc_x[i] * pr.sinc_y[j]));
         }
     }
 }
 
 }  // namespace
 
-double psf_vector_factor(int c, double kx, double ky, double n_over_lambda) {
+void psf_vector_factors(double kx, double ky, double n_over_lambda,
+                        double factors[kVectorFactors]) {
     const double k = std::hypot(kx, ky);
     const double sin_t = std::min(k / n_over_lambda, 1.0);
     const double cos_t = std::sqrt(1.0 - sin_t * sin_t);
-    const double phi = std::atan2(ky, kx);
-    const double cp = std::cos(phi), sp = std::sin(phi);
-    switch (c) {
-        case 0: return cos_t * cp * cp + sp * sp;
-        case 1: return (cos_t - 1.0) * sp * cp;
-        case 2: return -sin_t * cp;
-        case 3: return cos_t * sp * sp + cp * cp;
-        default: return -sin_t * sp;
-    }
+    const double cp = k > 0 ? kx / k : 1.0, sp = k > 0 ? ky / k : 0.0;
+    factors[0] = cos_t * cp * cp + sp * sp;
+    factors[1] = (cos_t - 1.0) * sp * cp;
+    factors[2] = -sin_t * cp;
+    factors[3] = cos_t * sp * sp + cp * cp;
+    factors[4] = -sin_t * sp;
 }
 
 namespace {
@@ -372,17 +396,17 @@ int make_psf_work(const psf_propagator& pr, psf_work* work) {
     const std::size_t points = std::size_t(pr.side) * pr.side;
     auto b = std::unique_ptr<psf_buffers, psf_buffers_deleter>(new (std::nothrow) psf_buffers);
     if (!b) return 1;
-    b->row_in = allocate_complex(rows);
-    b->row_out = allocate_complex(rows);
-    b->column_in = allocate_complex(columns);
-    b->column_out = allocate_complex(columns);
-    b->defocus.reset(new (std::nothrow) std::complex<double>[points]());
-    b->step.reset(new (std::nothrow) std::complex<double>[points]());
-    b->field.reset(new (std::nothrow) std::complex<float>[std::size_t(pr.grid.nx) * pr.grid.ny]);
-    b->adjoint_rows = allocate_complex(rows);
-    b->adjoint_columns = allocate_complex(columns);
-    if (!b->row_in || !b->row_out || !b->column_in || !b->column_out || !b->defocus || !b->step ||
-        !b->field || !b->adjoint_rows || !b->adjoint_columns)
+    b->row_in = allocate_complex(rows, true);
+    b->row_out = allocate_complex(rows, false);
+    b->column_in = allocate_complex(columns, true);
+    b->column_out = allocate_complex(columns, false);
+    b->step.reset(new (std::nothrow) std::complex<float>[points]);
+    b->weighted.reset(new (std::nothrow) std::complex<float>[points]);
+    b->adjoint_rows = allocate_complex(rows, true);
+    b->adjoint_columns = allocate_complex(columns, true);
+    if (!b->adjoint_rows || !b->adjoint_columns) return 1;
+    if (!b->row_in || !b->row_out || !b->column_in || !b->column_out || !b->step ||
+        !b->weighted)
         return 1;
     work->buffers = std::move(b);
     return 0;
@@ -391,15 +415,35 @@ int make_psf_work(const psf_propagator& pr, psf_work* work) {
 void psf_field_plane(const psf_propagator& propagator, std::span<const std::complex<float>> pupil,
                      double z_um, int factor, psf_work* work,
                      std::span<std::complex<float>> field) {
-    set_defocus(propagator, z_um, work->buffers.get());
-    field_at_defocus(propagator, pupil, factor, work->buffers.get(), field);
+    weigh_pupil(propagator, pupil, z_um, 0, work->buffers.get());
+    field_of_weighted(propagator, factor, work->buffers.get(),
+                      [&](std::size_t at, std::complex<float> value) { field[at] = value; });
 }
 
-void psf_adjoint_plane(const psf_propagator& pr, std::span<const std::complex<float>> field,
-                       double z_um, int factor, psf_work* work,
+void psf_defocus_factors(const psf_propagator& pr, double z_um,
+                         std::span<std::complex<float>> defocus) {
+    for (std::size_t k = 0; k < std::size_t(pr.side) * pr.side; ++k)
+        defocus[k] = pr.weight[k] != 0 ? std::complex<float>(turn(pr.kz[k] * z_um)) : 0.0f;
+}
+
+void psf_field_of_defocused(const psf_propagator& pr,
+                            std::span<const std::complex<float>> defocused, int factor,
+                            psf_work* work, std::span<std::complex<float>> field) {
+    psf_buffers* w = work->buffers.get();
+    for (int q = 0; q < pr.side; ++q) {
+        for (int p = pr.row_begin[q]; p < pr.row_end[q]; ++p) {
+            const std::size_t k = std::size_t(q) * pr.side + p;
+            w->weighted[k] = defocused[k] * float(pr.weight[k]);
+        }
+    }
+    field_of_weighted(pr, factor, w,
+                      [&](std::size_t at, std::complex<float> value) { field[at] = value; });
+}
+
+void psf_adjoint_field(const psf_propagator& pr, std::span<const std::complex<float>> field,
+                       std::span<const std::complex<float>> defocus, int factor, psf_work* work,
                        std::span<std::complex<double>> pupil_sum) {
     psf_buffers* w = work->buffers.get();
-    set_defocus(pr, z_um, w);
     const int m = pr.fft_size, side = pr.side, r = pr.radius, nx = pr.grid.nx, ny = pr.grid.ny;
     // The second pass backwards: each output column into its FFT column.
     auto* columns = reinterpret_cast<std::complex<float>*>(w->adjoint_columns.get());
@@ -422,33 +466,42 @@ void psf_adjoint_plane(const psf_propagator& pr, std::span<const std::complex<fl
     const std::size_t points = std::size_t(side) * side;
     const float* f = factor >= 0 ? pr.factor.get() + std::size_t(factor) * points : nullptr;
     for (int q = 0; q < side; ++q) {
-        for (int p = 0; p < side; ++p) {
+        for (int p = pr.row_begin[q]; p < pr.row_end[q]; ++p) {
             const std::size_t k = std::size_t(q) * side + p;
-            if (pr.weight[k] == 0) continue;
-            std::complex<double> v = std::complex<double>(out[std::size_t(q) * m + (p - r + m) % m]) *
-                                     std::conj(w->defocus[k]) * pr.weight[k];
-            if (f) v *= double(f[k]);
-            pupil_sum[k] += v;
+            std::complex<float> v = out[std::size_t(q) * m + (p < r ? p - r + m : p - r)] *
+                                    float(pr.weight[k]);
+            if (f) v *= f[k];
+            if (!defocus.empty()) v *= std::conj(defocus[k]);
+            pupil_sum[k] += std::complex<double>(v);
         }
     }
 }
 
-void psf_intensity_plane(const psf_propagator& propagator,
-                         std::span<const std::complex<float>> pupil, double z_um, psf_work* work,
-                         std::span<float> intensity) {
+void psf_intensity_planes(const psf_propagator& propagator,
+                          std::span<const std::complex<float>> pupil, double z_um, double dz_um,
+                          int count, psf_work* work, std::span<float> intensity) {
+    psf_buffers* w = work->buffers.get();
     const std::size_t pixels = std::size_t(propagator.grid.nx) * propagator.grid.ny;
-    std::span<std::complex<float>> plane(work->buffers->field.get(), pixels);
-    set_defocus(propagator, z_um, work->buffers.get());
-    if (!propagator.vector) {
-        field_at_defocus(propagator, pupil, -1, work->buffers.get(), plane);
-        for (std::size_t k = 0; k < pixels; ++k) intensity[k] = std::norm(plane[k]);
-        return;
-    }
-    constexpr float kShare[kVectorFactors] = {0.5f, 1.0f, 0.5f, 0.5f, 0.5f};
-    std::fill(intensity.begin(), intensity.begin() + std::ptrdiff_t(pixels), 0.0f);
-    for (int c = 0; c < kVectorFactors; ++c) {
-        field_at_defocus(propagator, pupil, c, work->buffers.get(), plane);
-        for (std::size_t k = 0; k < pixels; ++k) intensity[k] += kShare[c] * std::norm(plane[k]);
+    for (int k = 0; k < count; ++k) {
+        if (k % kStepsBetweenDirect == 0)
+            weigh_pupil(propagator, pupil, z_um + k * dz_um, k == 0 && count > 1 ? dz_um : 0, w);
+        else
+            step_pupil(propagator, w);
+        float* out = intensity.data() + std::size_t(k) * pixels;
+        // |E|² written out: std::norm of a complex<float> goes through a
+        // square root unless the compiler may assume finite values.
+        if (!propagator.vector) {
+            field_of_weighted(propagator, -1, w, [&](std::size_t at, std::complex<float> e) {
+                out[at] = e.real() * e.real() + e.imag() * e.imag();
+            });
+            continue;
+        }
+        constexpr float kShare[kVectorFactors] = {0.5f, 1.0f, 0.5f, 0.5f, 0.5f};
+        std::fill(out, out + pixels, 0.0f);
+        for (int c = 0; c < kVectorFactors; ++c)
+            field_of_weighted(propagator, c, w, [&](std::size_t at, std::complex<float> e) {
+                out[at] += kShare[c] * (e.real() * e.real() + e.imag() * e.imag());
+            });
     }
 }
 

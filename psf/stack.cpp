@@ -117,28 +117,11 @@ int write_psf_stack(const psf_inputs& inputs, ParametricPupil* model, const psf_
     progress_line progress;
     progress.wavelengths = plan.wavelength_count;
     progress.planes = plan.nz;
-    const double na = get_parametric_pupil_numerical_aperture(model);
-    const double n = get_parametric_pupil_immersion_refractive_index(model);
     for (int s = 0; s < plan.wavelength_count; ++s) {
         progress.wavelength = s;
-        const psf_optics optics{na, n, plan.wavelength_um[s]};
-        psf_propagator propagator;
-        if (make_psf_propagator(optics, {plan.nx, plan.ny, plan.dx_um}, inputs.vector,
-                                kDefaultDiscPixels, &propagator) != 0) {
-            std::fprintf(stderr, "%s: insufficient memory for the pupil grid\n", kProgram);
-            return 1;
-        }
-        const std::size_t points = std::size_t(propagator.side) * propagator.side;
-        std::unique_ptr<std::complex<float>[]> pupil(new (std::nothrow) std::complex<float>[points]);
-        if (!pupil) {
-            std::fprintf(stderr, "%s: insufficient memory for the pupil grid\n", kProgram);
-            return 1;
-        }
-        evaluate_model_pupil(inputs.model, model, inputs.model.wavelength_index[s], propagator,
-                             {pupil.get(), points});
         const std::span<float> stack(voxels.get() + std::size_t(s) * per_wavelength, per_wavelength);
-        if (compute_psf_stack(plan, propagator, {pupil.get(), points}, stack, report_progress,
-                              &progress) != 0)
+        if (compute_model_stack(inputs.model, inputs.vector, model, plan, s, stack, report_progress,
+                                &progress) != 0)
             return 1;
         normalize_stack(inputs.normalize, stack);
     }

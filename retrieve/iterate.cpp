@@ -94,6 +94,7 @@ struct progress_line {
 struct thread_state {
     psf_work work;
     std::unique_ptr<std::complex<double>[]> pupil_sum;
+    std::unique_ptr<std::complex<float>[]> defocused;  // the pupil at the plane in hand
     std::unique_ptr<std::complex<float>[]> fields;  // one crop plane per field component
     std::unique_ptr<float[]> intensity;
     double misfit = 0, signal = 0, ratio_sum = 0;
@@ -107,7 +108,24 @@ struct problem {
     std::size_t points;   // side²
     std::size_t pixels;   // size²
     std::unique_ptr<double[]> step_scale;  // per pupil point: 1 / the diagonal of A^H A
+    // Each plane's defocus factors, kept: the same planes are visited in
+    // every iteration.
+    std::unique_ptr<std::complex<float>[]> defocus;
 };
+
+std::span<const std::complex<float>> defocus_of(const problem& pb, int k) {
+    return {pb.defocus.get() + std::size_t(k) * pb.points, pb.points};
+}
+
+int make_defocus_tables(problem* pb) {
+    const std::size_t planes = std::size_t(pb->bead->nz);
+    pb->defocus.reset(new (std::nothrow) std::complex<float>[planes * pb->points]);
+    if (!pb->defocus) return 1;
+    for (std::size_t k = 0; k < planes; ++k)
+        psf_defocus_factors(*pb->pr, double(int(k) - pb->bead->nz / 2) * pb->bead->dz_um,
+                            {pb->defocus.get() + k * pb->points, pb->points});
+    return 0;
+}
 
 int factor_of(const problem& pb, int c) { return pb.components == 1 ? -1 : c; }
 float share_of(const problem& pb, int c) { return pb.components == 1 ? 1.0f : kVectorShare[c]; }
@@ -145,11 +163,13 @@ int make_step_scale(problem* pb) {
 // its field components into ts->fields.
 void model_plane(const problem& pb, std::span<const std::complex<float>> pupil, int k,
                  thread_state* ts) {
-    const double z = double(k - pb.bead->nz / 2) * pb.bead->dz_um;
+    const std::span<const std::complex<float>> defocus = defocus_of(pb, k);
+    for (std::size_t p = 0; p < pb.points; ++p) ts->defocused[p] = pupil[p] * defocus[p];
+    const std::span<const std::complex<float>> defocused(ts->defocused.get(), pb.points);
     std::fill_n(ts->intensity.get(), pb.pixels, 0.0f);
     for (int c = 0; c < pb.components; ++c) {
         std::span<std::complex<float>> field(ts->fields.get() + c * pb.pixels, pb.pixels);
-        psf_field_plane(*pb.pr, pupil, z, factor_of(pb, c), &ts->work, field);
+        psf_field_of_defocused(*pb.pr, defocused, factor_of(pb, c), &ts->work, field);
         const float share = share_of(pb, c);
         for (std::size_t x = 0; x < pb.pixels; ++x) ts->intensity[x] += share * std::norm(field[x]);
     }
@@ -176,12 +196,11 @@ void step_plane(const problem& pb, std::span<const std::complex<float>> pupil, d
         // pupil's light has in it.
         ts->intensity[x] = float(amplitude / model - 1.0);
     }
-    const double z = double(k - pb.bead->nz / 2) * pb.bead->dz_um;
     for (int c = 0; c < pb.components; ++c) {
         std::span<std::complex<float>> field(ts->fields.get() + c * pb.pixels, pb.pixels);
         const float share = share_of(pb, c);
         for (std::size_t x = 0; x < pb.pixels; ++x) field[x] *= share * ts->intensity[x];
-        psf_adjoint_plane(*pb.pr, field, z, factor_of(pb, c), &ts->work,
+        psf_adjoint_field(*pb.pr, field, defocus_of(pb, k), factor_of(pb, c), &ts->work,
                           {ts->pupil_sum.get(), pb.points});
     }
 }
@@ -194,14 +213,15 @@ int make_thread_states(const problem& pb, int threads, std::unique_ptr<thread_st
         if (make_psf_work(*pb.pr, &ts.work) != 0) return 1;
         ts.pupil_sum.reset(new (std::nothrow) std::complex<double>[pb.points]);
         ts.fields.reset(new (std::nothrow) std::complex<float>[pb.components * pb.pixels]);
+        ts.defocused.reset(new (std::nothrow) std::complex<float>[pb.points]);
         ts.intensity.reset(new (std::nothrow) float[pb.pixels]);
-        if (!ts.pupil_sum || !ts.fields || !ts.intensity) return 1;
+        if (!ts.pupil_sum || !ts.fields || !ts.intensity || !ts.defocused) return 1;
     }
     return 0;
 }
 
 // Runs body(k, state) for every plane, each thread on a run of neighbouring
-// planes so that its defocus factors advance by one product per plane.
+// planes.
 template <typename Body>
 void for_planes(int nz, int threads, thread_state* states, Body body) {
 #ifdef _OPENMP
@@ -261,7 +281,7 @@ int retrieve_pupil(const retrieve_inputs& inputs, const bead_stack& bead, retrie
     result->pupil.reset(new (std::nothrow) std::complex<float>[pb.points]);
     std::unique_ptr<std::complex<float>[]> next(new (std::nothrow) std::complex<float>[pb.points]);
     log->error.reset(new (std::nothrow) double[std::size_t(inputs.iterations)]);
-    if (make_step_scale(&pb) != 0 || make_thread_states(pb, threads, &states) != 0 ||
+    if (make_step_scale(&pb) != 0 || make_defocus_tables(&pb) != 0 || make_thread_states(pb, threads, &states) != 0 ||
         !result->pupil || !next || !log->error) {
         std::fprintf(stderr, "%s: insufficient memory for the retrieval's work space\n", kProgram);
         return 1;

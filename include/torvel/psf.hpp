@@ -8,7 +8,7 @@
 //     E(x, y, z) = integral over |k| <= NA/λ of P(k) exp(2πi (kx x + ky y + kz z)) d²k,
 // kz = sqrt((n/λ)² - |k|²), in µm⁻² when k is in µm⁻¹. Scalar: the PSF is |E|².
 // Vector: with sin t = λ|k|/n and azimuth φ, the pupil is multiplied by the
-// focal-field factors of x- and y-polarised light (psf_vector_factor); the
+// focal-field factors of x- and y-polarised light (psf_vector_factors); the
 // PSF is the mean over the two polarisations of the summed |E_c|² of the
 // three components. docs/psf.md states it in full, with the accuracy.
 //
@@ -60,10 +60,12 @@ inline constexpr int kDefaultDiscPixels = 128;
 // (|E0|² + 2|E1|² + |E2|² + |E3|² + |E4|²) / 2.
 inline constexpr int kVectorFactors = 5;
 
-// The factor c (0 to 4, see kVectorFactors) at pupil point (kx, ky) µm⁻¹:
+// The five factors (see kVectorFactors) at pupil point (kx, ky) µm⁻¹:
 // cos t cos²φ + sin²φ, (cos t - 1) sin φ cos φ, -sin t cos φ,
-// cos t sin²φ + cos²φ, -sin t sin φ, sin t = |k| / (n/λ) (cos t = 0 beyond).
-double psf_vector_factor(int c, double kx, double ky, double n_over_lambda);
+// cos t sin²φ + cos²φ, -sin t sin φ, with sin t = |k| / (n/λ) (cos t = 0
+// beyond) and φ the azimuth of k (0 at k = 0).
+void psf_vector_factors(double kx, double ky, double n_over_lambda,
+                        double factors[kVectorFactors]);
 
 struct psf_fft_plans;  // FFTW plans; psf/propagate.cpp owns the type
 struct psf_fft_plans_deleter {
@@ -91,6 +93,7 @@ struct psf_propagator {
     // for a pixel cut by the disc edge the centroid of its part inside.
     std::unique_ptr<double[]> sample_kx, sample_ky;
     std::unique_ptr<double[]> kz;      // at the sample point, µm⁻¹; 0 beyond n/λ
+    std::unique_ptr<std::int32_t[]> row_begin, row_end;  // the points of row q touching the disc
     std::unique_ptr<float[]> factor;   // vector: kVectorFactors arrays of side² values
     std::unique_ptr<float[]> sinc_x, sinc_y;  // sinc(dk x), sinc(dk y) of each output column, row
     std::unique_ptr<std::int32_t[]> column_at, row_at;  // FFT index of each output column, row
@@ -122,10 +125,8 @@ struct psf_buffers_deleter {
     void operator()(psf_buffers* buffers) const noexcept;
 };
 
-// One thread's work space for a propagator: a few planes of the FFT grid and
-// the defocus factors of the last plane computed, so that planes z, z + dz,
-// z + 2 dz ... cost one complex product per pupil point for their defocus
-// instead of a sine and cosine.
+// One thread's work space for a propagator: a few planes of the FFT grid
+// and of the pupil.
 struct psf_work {
     std::unique_ptr<psf_buffers, psf_buffers_deleter> buffers;
 };
@@ -134,27 +135,43 @@ struct psf_work {
 int make_psf_work(const psf_propagator& propagator, psf_work* work);
 
 // The field of the pupil `pupil` (side² values P(k) at the sample points
-// sample_kx, sample_ky, unweighted) at the
-// plane z µm, multiplied by vector factor `factor` (0 to 4; -1: none, the
-// scalar field), into field (nx * ny values, row after row), in µm⁻².
+// sample_kx, sample_ky, unweighted) at the plane z µm, multiplied by vector
+// factor `factor` (0 to 4; -1: none, the scalar field), into field (nx * ny
+// values, row after row), in µm⁻².
 void psf_field_plane(const psf_propagator& propagator, std::span<const std::complex<float>> pupil,
                      double z_um, int factor, psf_work* work,
                      std::span<std::complex<float>> field);
 
-// The adjoint (conjugate transpose) of psf_field_plane at plane z µm with
-// vector factor `factor`, applied to field (nx * ny values) and added to
+// exp(2πi kz z) at every pupil point (0 at points that do not touch the
+// disc) into defocus (side² values), for psf_field_of_defocused.
+void psf_defocus_factors(const psf_propagator& propagator, double z_um,
+                         std::span<std::complex<float>> defocus);
+
+// psf_field_plane for a pupil that already carries its plane's defocus,
+// defocused = P(k) exp(2πi kz z): a caller that visits the same planes again
+// and again keeps their factors instead of recomputing sines and cosines.
+void psf_field_of_defocused(const psf_propagator& propagator,
+                            std::span<const std::complex<float>> defocused, int factor,
+                            psf_work* work, std::span<std::complex<float>> field);
+
+// The adjoint (conjugate transpose) of psf_field_of_defocused with vector
+// factor `factor`, applied to field (nx * ny values) and, when defocus (a
+// plane's psf_defocus_factors) is not empty, multiplied by its conjugate,
+// which makes it the adjoint of psf_field_plane at that plane; added to
 // pupil_sum (side² values; points that do not touch the disc are left
-// alone): what an iterative fit of the pupil to measured planes steps with.
-void psf_adjoint_plane(const psf_propagator& propagator, std::span<const std::complex<float>> field,
-                       double z_um, int factor, psf_work* work,
+// alone). What an iterative fit of the pupil to measured planes steps with.
+void psf_adjoint_field(const psf_propagator& propagator, std::span<const std::complex<float>> field,
+                       std::span<const std::complex<float>> defocus, int factor, psf_work* work,
                        std::span<std::complex<double>> pupil_sum);
 
-// The PSF of pupil at plane z µm into intensity (nx * ny values): |E|² for a
-// scalar propagator, the vector model's polarisation mean for a vector one,
-// in µm⁻⁴.
-void psf_intensity_plane(const psf_propagator& propagator,
-                         std::span<const std::complex<float>> pupil, double z_um, psf_work* work,
-                         std::span<float> intensity);
+// The PSF of pupil at the count planes z, z + dz, ..., z + (count - 1) dz
+// (µm) into intensity (count planes of nx * ny values): |E|² for a scalar
+// propagator, the vector model's polarisation mean for a vector one, in
+// µm⁻⁴. Evenly spaced planes cost one product per pupil point for their
+// defocus instead of a sine and cosine.
+void psf_intensity_planes(const psf_propagator& propagator,
+                          std::span<const std::complex<float>> pupil, double z_um, double dz_um,
+                          int count, psf_work* work, std::span<float> intensity);
 
 // ---- the program ---------------------------------------------------------------
 
@@ -213,6 +230,14 @@ void evaluate_model_pupil(const model_choice& choice, ParametricPupil* model, in
 int compute_psf_stack(const psf_plan& plan, const psf_propagator& propagator,
                       std::span<const std::complex<float>> pupil, std::span<float> voxels,
                       void (*progress)(void* context, int planes_done), void* context);
+
+// Computes the stack of selected wavelength `slot` of plan (model
+// wavelength choice.wavelength_index[slot]) into stack (nz * ny * nx
+// values), in µm⁻⁴, as compute_psf_stack does. Returns 0, or 1 after one
+// message when memory runs out.
+int compute_model_stack(const model_choice& choice, bool vector, ParametricPupil* model,
+                        const psf_plan& plan, int slot, std::span<float> stack,
+                        void (*progress)(void* context, int planes_done), void* context);
 
 // Computes the stack of every selected wavelength, normalises it and writes
 // it to inputs.output_name (MRC or TIFF by the extension) through the image

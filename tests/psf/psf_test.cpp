@@ -81,7 +81,7 @@ void gauss_legendre(int n, std::vector<double>* nodes, std::vector<double>* weig
 // The defining integral at (x, y, z) by polar quadrature over the disc.
 double exact_intensity(const psf_optics& optics, const pupil_function& pupil, bool vector,
                        double x, double y, double z) {
-    constexpr int kRadial = 160, kAngular = 400;
+    constexpr int kRadial = 120, kAngular = 320;
     std::vector<double> r, wr;
     gauss_legendre(kRadial, &r, &wr);
     const double cutoff = optics.numerical_aperture / optics.wavelength_um;
@@ -124,9 +124,9 @@ double error_against_exact(const psf_optics& optics, int nx, int nz, double dx, 
         std::max_element(s.voxels.begin(), s.voxels.end()) - s.voxels.begin());
     std::vector<std::array<int, 3>> voxels = {
         {int(brightest % nx), int(brightest / nx % nx), int(brightest / (std::size_t(nx) * nx))}};
-    for (int k = 0; k < nz; k += 8) voxels.push_back({nx / 2, nx / 2, k});
+    for (int k = 0; k < nz; k += 16) voxels.push_back({nx / 2, nx / 2, k});
     std::mt19937 random(7);
-    for (int v = 0; v < 12; ++v)
+    for (int v = 0; v < 8; ++v)
         voxels.push_back({int(random() % nx), int(random() % nx), int(random() % nz)});
     double worst = 0;
     for (const auto& [i, j, k] : voxels) {
