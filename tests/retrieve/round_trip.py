@@ -14,6 +14,7 @@ import math
 import os
 import subprocess
 import sys
+import warnings
 
 import mrcfile
 import numpy as np
@@ -153,7 +154,8 @@ def round_trips(truth):
         f.set_data(tifffile.imread(path("scalar.tif")).astype(np.float32).reshape(41, 64, 64))
         f.voxel_size = (0.065, 0.065, 0.15)
     add_noise("scalar.mrc", "scalar_noisy.mrc", 2)
-    cases = [("scalar.tif", "scalar_tif", [], 1000),
+    # A TIFF stack names no wavelength: -w= gives it.
+    cases = [("scalar.tif", "scalar_tif", ["-w=600"], 1000),
              ("scalar_noisy.mrc", "scalar_noisy", ["-w=600"], 300),
              ("vector_noisy.mrc", "vector_noisy", ["-w=600", "-model=vector"], 300)]
     fits = {}
@@ -175,7 +177,7 @@ def off_centre(centred):
     tilt = f"{2 * math.pi * cutoff * shift_x:.6f} {2 * math.pi * cutoff * shift_y:.6f}"
     open(path("model_off.txt"), "w").write(MODEL.format(tilt=tilt))
     make_stack("off.tif", path("model_off.txt"))
-    fit = retrieve_and_fit("off.tif", "off")
+    fit = retrieve_and_fit("off.tif", "off", ["-w=600"])
     difference = phase_error_waves(fit["phase_0"], centred["phase_0"])
     check(difference < 1 / 1000, f"off-centre bead: same pupil up to tilt (lambda/{1 / difference:.0f})")
 
@@ -197,6 +199,7 @@ def bad_inputs():
     edge[20, 0, 5] = good.max() * 10
     nan = good.copy()
     nan[3, 4, 5] = np.nan
+    warnings.filterwarnings("ignore", "Data array contains NaN", RuntimeWarning)
     cases = {
         "no spacing": [stack("nospacing.mrc", good, (0, 0, 0)), "-w=600"],
         "no wavelength": [path("scalar.mrc")],
@@ -205,8 +208,8 @@ def bad_inputs():
         "brightest voxel on the edge": [stack("edge.mrc", edge), "-w=600"],
         "NA above the index": [path("scalar.tif"), "-na=1.6", "-n=1.515", "-w=600"],
         "non-finite voxel": [stack("nan.mrc", nan), "-w=600"],
-        "crop larger than the image": [path("scalar.tif"), "-size=96"],
-        "unknown option": [path("scalar.tif"), "-size=64", "-bogus=1"],
+        "crop larger than the image": [path("scalar.tif"), "-size=96", "-w=600"],
+        "unknown option": [path("scalar.tif"), "-w=600", "-bogus=1"],
     }
     output = path("refused.mrc")
     for what, args in cases.items():
