@@ -6,7 +6,8 @@
 // bead.mrc is the crop torvel-retrieve worked on (or any stack of the same
 // size), retrieved_psf.mrc what its -psf= wrote, log.csv what its -log=
 // wrote. Top: x-z sections (z downwards) through the brightest voxel of
-// each, log10 of the value above the background over the peak, -3 to 0.
+// each, log10 of the value above the retrieved background over the peak,
+// -3 to 0.
 // Bottom: the error of each iteration, log scale.
 
 #include <algorithm>
@@ -44,12 +45,13 @@ void text_at(cairo_t* cr, double x, double y, const std::string& text, double si
     cairo_show_text(cr, text.c_str());
 }
 
+std::size_t voxel_count(const stack& s) { return std::size_t(s.h.nx) * s.h.ny * s.h.nz; }
+
 // The x-z section through the brightest voxel, grey levels of log10 of the
-// value above the stack's smallest over the peak above it.
-void draw_section(cairo_t* cr, double x0, double y0, const stack& s) {
-    const std::size_t n = std::size_t(s.h.nx) * s.h.ny * s.h.nz;
+// value above low (the background) over the peak above it.
+void draw_section(cairo_t* cr, double x0, double y0, const stack& s, float low) {
+    const std::size_t n = voxel_count(s);
     const std::size_t top = std::size_t(std::max_element(s.voxels.get(), s.voxels.get() + n) - s.voxels.get());
-    const float low = *std::min_element(s.voxels.get(), s.voxels.get() + n);
     const int j = int(top / s.h.nx % s.h.ny);
     const double peak = s.voxels[top] - low;
     const int w = s.h.nx, h = s.h.nz;
@@ -144,10 +146,13 @@ int main(int argc, char** argv) {
     cairo_t* cr = cairo_create(surface);
     cairo_set_source_rgb(cr, 1, 1, 1);
     cairo_paint(cr);
-    text_at(cr, kMargin, kMargin + 14, "bead (x-z, log, 3 decades)", 13);
-    text_at(cr, kMargin + section_w + kGap, kMargin + 14, "PSF of the retrieved pupil", 13);
-    draw_section(cr, kMargin, kMargin + kTitle, bead);
-    draw_section(cr, kMargin + section_w + kGap, kMargin + kTitle, model);
+    text_at(cr, kMargin, kMargin + 14, "bead, x-z (z down; log, 3 decades)", 12);
+    text_at(cr, kMargin + section_w + kGap, kMargin + 14, "PSF of the retrieved pupil", 12);
+    // The retrieved PSF carries the retrieval's background and nothing
+    // below it: its smallest voxel is the background of both.
+    const float background = *std::min_element(model.voxels.get(), model.voxels.get() + voxel_count(model));
+    draw_section(cr, kMargin, kMargin + kTitle, bead, background);
+    draw_section(cr, kMargin + section_w + kGap, kMargin + kTitle, model, background);
     draw_errors(cr, kMargin, kMargin + kTitle + section_h + kGap + kTitle, width - 2 * kMargin,
                 errors);
     const cairo_status_t status = cairo_surface_write_to_png(surface, argv[4]);

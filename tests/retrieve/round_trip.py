@@ -8,7 +8,9 @@ amplitude within 5% RMS over the disc. From MRC and from TIFF, scalar and
 vector; a bead off the pixel grid gives the same pupil up to tilt; every bad
 input is refused with one line, exit 1 and no output.
 
-usage: round_trip.py torvel-psf torvel-retrieve torvel work_dir
+The model is sample/bead_model.txt, the docs' example.
+
+usage: round_trip.py torvel-psf torvel-retrieve torvel bead_model.txt work_dir
 """
 import math
 import os
@@ -20,38 +22,10 @@ import mrcfile
 import numpy as np
 import tifffile
 
-PSF, RETRIEVE, TORVEL, WORK = sys.argv[1:5]
+PSF, RETRIEVE, TORVEL, MODEL_FILE, WORK = sys.argv[1:6]
 os.makedirs(WORK, exist_ok=True)
 FAILURES = []
 
-MODEL = """#parametric_pupil_format 0
-# round trip: astigmatism, coma, spherical, apodised amplitude
-#numerical_aperture 1.400
-#immersion_refractive_index 1.51500
-#lens_id 7
-#zernike_set_for_amplitude 4 0
-#zernike_set_for_phase 4 0
-#polar_fourier_set_for_amplitude -1 -1
-#polar_fourier_set_for_phase -1 -1
-#wavelength_count 1
-#wavelengths_um 0.600000
-#zernike_coeff_amplitude_0
-  0   0 1
-  1   1 0 0
-  2   0 -0.15
-  2   2 0 0
-  3   1 0 0
-  3   3 0 0
-  4   0 0
-#zernike_coeff_phase_0
-  0   0 0
-  1   1 {tilt}
-  2   0 0
-  2   2 0.5 -0.3
-  3   1 0.4 0.2
-  3   3 0 0
-  4   0 0.6
-"""
 # 64 x 64 x 41 voxels of 65 nm x 150 nm, 600 nm.
 GRID = ["-size=64:64:41", "-dx=65", "-dz=150", "-normalize=none"]
 # 100 iterations: the error has settled by then (docs/retrieve.md), and the
@@ -177,7 +151,10 @@ def off_centre(centred):
     shift_x, shift_y = 0.4 * 0.065, 0.2 * 0.065
     cutoff = 1.4 / 0.6
     tilt = f"{2 * math.pi * cutoff * shift_x:.6f} {2 * math.pi * cutoff * shift_y:.6f}"
-    open(path("model_off.txt"), "w").write(MODEL.format(tilt=tilt))
+    model = open(MODEL_FILE).read()
+    amplitude, phase = model.split("#zernike_coeff_phase_0")
+    phase = phase.replace("  1   1 0 0", "  1   1 " + tilt, 1)
+    open(path("model_off.txt"), "w").write(amplitude + "#zernike_coeff_phase_0" + phase)
     make_stack("off.tif", path("model_off.txt"))
     fit = retrieve_and_fit("off.tif", "off", ["-w=600"])
     difference = phase_error_waves(fit["phase_0"], centred["phase_0"])
@@ -223,7 +200,7 @@ def bad_inputs():
 
 
 def main():
-    open(path("model.txt"), "w").write(MODEL.format(tilt="0 0"))
+    open(path("model.txt"), "w").write(open(MODEL_FILE).read())
     truth = read_fit(path("model.txt"))
     fits = round_trips(truth)
     off_centre(fits["scalar_tif"])
