@@ -144,6 +144,14 @@ const char* reason(const Handle& h, const char* otherwise) {
     va_end(args);
 }
 
+// The shortest decimal text that reads back as v ("0.15", not "0.150000006").
+void shortest(float v, char (&text)[32]) {
+    for (int digits = 6; digits <= 9; ++digits) {
+        std::snprintf(text, sizeof text, "%.*g", digits, double(v));
+        if (std::strtof(text, nullptr) == v) return;
+    }
+}
+
 void imagej_description(const image_stack_header& h, std::span<const float> voxels, char* text,
                         std::size_t size) {
     text[0] = '\0';
@@ -154,14 +162,23 @@ void imagej_description(const image_stack_header& h, std::span<const float> voxe
     if (h.nw > 1 && h.nz > 1) add("%s", "hyperstack=true\n");
     if (h.nw > 1) add("%s", "mode=grayscale\n");
     if (h.dx_um > 0 || h.dy_um > 0 || h.dz_um > 0) add("%s", "unit=micron\n");
-    if (h.dz_um > 0) add("spacing=%.9g\n", double(h.dz_um));
+    char number[32];
+    if (h.dz_um > 0) {
+        shortest(h.dz_um, number);
+        add("spacing=%s\n", number);
+    }
     add("%s", "loop=false\n");
     float lo = std::numeric_limits<float>::infinity(), hi = -lo;
     for (const float v : voxels) {
         lo = std::fmin(lo, v);
         hi = std::fmax(hi, v);
     }
-    if (std::isfinite(lo) && std::isfinite(hi)) add("min=%.9g\nmax=%.9g\n", double(lo), double(hi));
+    if (std::isfinite(lo) && std::isfinite(hi)) {
+        shortest(lo, number);
+        add("min=%s\n", number);
+        shortest(hi, number);
+        add("max=%s\n", number);
+    }
 }
 
 bool set_page_fields(TIFF* t, const image_stack_header& h, const char* description) {
@@ -173,12 +190,12 @@ bool set_page_fields(TIFF* t, const image_stack_header& h, const char* descripti
               TIFFSetField(t, TIFFTAG_PHOTOMETRIC, PHOTOMETRIC_MINISBLACK) &&
               TIFFSetField(t, TIFFTAG_COMPRESSION, COMPRESSION_NONE) &&
               TIFFSetField(t, TIFFTAG_ROWSPERSTRIP, std::uint32_t(h.ny));
-    // Pixels per micrometre, the unit the description names, as ImageJ keeps it.
-    if (ok && h.dx_um > 0 && h.dy_um > 0) {
-        ok = TIFFSetField(t, TIFFTAG_XRESOLUTION, double(1.0f / h.dx_um)) &&
-             TIFFSetField(t, TIFFTAG_YRESOLUTION, double(1.0f / h.dy_um)) &&
-             TIFFSetField(t, TIFFTAG_RESOLUTIONUNIT, RESUNIT_NONE);
-    }
+    // Pixels per micrometre, the unit the description names, as ImageJ keeps
+    // it; an unknown spacing has no tag.
+    if (ok && h.dx_um > 0) ok = TIFFSetField(t, TIFFTAG_XRESOLUTION, 1.0 / double(h.dx_um));
+    if (ok && h.dy_um > 0) ok = TIFFSetField(t, TIFFTAG_YRESOLUTION, 1.0 / double(h.dy_um));
+    if (ok && (h.dx_um > 0 || h.dy_um > 0))
+        ok = TIFFSetField(t, TIFFTAG_RESOLUTIONUNIT, RESUNIT_NONE);
     if (ok && description) ok = TIFFSetField(t, TIFFTAG_IMAGEDESCRIPTION, description);
     return ok;
 }
@@ -204,7 +221,8 @@ bool write_pages(TIFF* t, const image_stack_header& h, std::span<const float> vo
         // Pages run channel fastest (ImageJ's order); the voxels wavelength by wavelength.
         const std::uint64_t w = p % std::uint64_t(h.nw), z = p / std::uint64_t(h.nw);
         std::copy_n(voxels.data() + (w * std::uint64_t(h.nz) + z) * plane, plane, copy.get());
-        if (!TIFFSetDirectory(t, tdir_t(p)) ||
+        // Directory after directory: TIFFSetDirectory(p) would walk from the first each time.
+        if (!(p == 0 ? TIFFSetDirectory(t, 0) : TIFFReadDirectory(t)) ||
             TIFFWriteEncodedStrip(t, 0, copy.get(), tmsize_t(plane * sizeof(float))) < 0 ||
             !TIFFForceStrileArrayWriting(t))
             return false;
@@ -422,7 +440,7 @@ void set_spacing(const FirstPage& f, image_stack_header* h) {
     if (unit == 0 && f.resolution_unit == RESUNIT_INCH && f.xres != 72.0f) unit = 25400;
     // Resolutions are pixels per unit; a NaN or 0 one gives 0 through spacing_um.
     h->dx_um = spacing_um(unit / f.xres);
-    h->dy_um = f.yres > 0 ? spacing_um(unit / f.yres) : h->dx_um;
+    h->dy_um = spacing_um(unit / f.yres);
     h->dz_um = spacing_um(unit * f.imagej.spacing);
 }
 
@@ -439,7 +457,15 @@ bool survey_pages(const char* name, TIFF* t, const Handle& handle, std::uint64_t
                    static_cast<unsigned long long>(*pages));
             return false;
         }
+        // Each strip takes bytes of the file for its place and length; a
+        // count beyond that is a made-up one, not walked.
         const std::uint32_t strips = TIFFNumberOfStrips(t);
+        if (strips > file_size) {
+            report(name, "page %llu: %u strips in a file of %llu bytes",
+                   static_cast<unsigned long long>(*pages), strips,
+                   static_cast<unsigned long long>(file_size));
+            return false;
+        }
         for (std::uint32_t s = 0; s < strips; ++s) {
             int failed = 0;
             const std::uint64_t at = TIFFGetStrileOffsetWithErr(t, s, &failed);
