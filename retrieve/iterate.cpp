@@ -36,15 +36,6 @@ constexpr double kDivergence = 10.0;
 
 constexpr float kVectorShare[kVectorFactors] = {0.5f, 1.0f, 0.5f, 0.5f, 0.5f};
 
-int worker_threads(int planes) {
-#ifdef _OPENMP
-    return std::clamp(omp_get_max_threads(), 1, std::max(planes, 1));
-#else
-    (void)planes;
-    return 1;
-#endif
-}
-
 int thread_index() {
 #ifdef _OPENMP
     return omp_get_thread_num();
@@ -276,7 +267,7 @@ int retrieve_pupil(const retrieve_inputs& inputs, const bead_stack& bead, retrie
     pb.components = inputs.vector ? kVectorFactors : 1;
     pb.points = std::size_t(pb.pr->side) * pb.pr->side;
     pb.pixels = std::size_t(bead.size) * bead.size;
-    const int threads = worker_threads(bead.nz);
+    const int threads = plane_threads(bead.nz);
     std::unique_ptr<thread_state[]> states;
     result->pupil.reset(new (std::nothrow) std::complex<float>[pb.points]);
     std::unique_ptr<std::complex<float>[]> next(new (std::nothrow) std::complex<float>[pb.points]);

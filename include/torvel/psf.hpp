@@ -215,6 +215,11 @@ struct psf_plan {
 // that the stack fits in memory. Returns 0, or 1 after one message.
 int plan_psf(const psf_inputs& inputs, const ParametricPupil& model, psf_plan* plan);
 
+// Threads the planes of a stack are split between: OpenMP's count
+// (OMP_NUM_THREADS, else the CPUs this process may run on), never more than
+// there are planes.
+int plane_threads(int planes);
+
 // The pupil of model wavelength w on propagator's grid (side² values):
 // the model's amplitude (1 when uniform or absent) and phase series at
 // ρ = |k| / (NA/λ), θ = atan2(ky, kx), as torvel-render evaluates them; 0
