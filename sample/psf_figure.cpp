@@ -118,6 +118,9 @@ void scale_bar(cairo_t* cr, double x, double y) {
     cairo_set_source_rgb(cr, 1, 1, 1);
     cairo_rectangle(cr, x + 8, y - 12, kScale, 4);
     cairo_fill(cr);
+    cairo_set_font_size(cr, 11);
+    cairo_move_to(cr, x + 8 + kScale + 6, y - 7);
+    cairo_show_text(cr, "1 µm");
 }
 
 void draw_row(cairo_t* cr, double y, const psf_stack& s, const std::string& title) {
@@ -152,7 +155,7 @@ void draw_colour_bar(cairo_t* cr, double x, double y, double height) {
         const double ty = y + height * d / kDecades;
         text_at(cr, x + kBarWidth + 4, ty + 4, d == 0 ? "1" : "1e-" + std::to_string(d), 11);
     }
-    text_at(cr, x - 6, y - 8, "I / peak", 11);
+    text_at(cr, x - 12, y - 10, "I / peak", 11);
 }
 
 }  // namespace

@@ -23,7 +23,8 @@
 // the plane multiplies back. M is chosen so that the disc spans at least
 // min_disc_pixels pixels and the grid holds the output window; a pixel
 // coarser than λ/(2 NA) is computed on a finer internal grid and subsampled,
-// never aliased. FFTs in single precision (FFTW), everything else in double.
+// never aliased. The FFTs (FFTW) and the plane-to-plane defocus products run
+// in single precision; the grid's geometry and each direct defocus in double.
 
 #include <complex>
 #include <cstdint>
@@ -50,7 +51,7 @@ struct psf_plane_grid {
     double dx_um;
 };
 
-// Pixels across the disc's diameter that keep the sum within about 2e-4 of
+// Pixels across the disc's diameter that keep the sum within about 5e-4 of
 // the peak of the exact integral (measured in docs/psf.md); the default.
 inline constexpr int kDefaultDiscPixels = 128;
 
@@ -136,8 +137,8 @@ int make_psf_work(const psf_propagator& propagator, psf_work* work);
 
 // The field of the pupil `pupil` (side² values P(k) at the sample points
 // sample_kx, sample_ky, unweighted) at the plane z µm, multiplied by vector
-// factor `factor` (0 to 4; -1: none, the scalar field), into field (nx * ny
-// values, row after row), in µm⁻².
+// factor `factor` (0 to 4, of a vector propagator only; -1: none, the scalar
+// field), into field (nx * ny values, row after row), in µm⁻².
 void psf_field_plane(const psf_propagator& propagator, std::span<const std::complex<float>> pupil,
                      double z_um, int factor, psf_work* work,
                      std::span<std::complex<float>> field);
