@@ -133,8 +133,9 @@ int parse_background(const option_args& args, retrieve_inputs* inputs) {
     if (text == nullptr || std::strcmp(text, "auto") == 0) return 0;
     char* end = nullptr;
     const double v = std::strtod(text, &end);
-    if (end == text || *end != '\0' || !std::isfinite(v)) {
-        std::fprintf(stderr, "%s: %s expects auto or a number\n", kProgram, kBackgroundOption);
+    if (end == text || *end != '\0' || !std::isfinite(v) || v < 0) {
+        std::fprintf(stderr, "%s: %s expects auto or a number, 0 or more\n", kProgram,
+                     kBackgroundOption);
         return 1;
     }
     inputs->background_auto = false;
