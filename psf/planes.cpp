@@ -17,10 +17,6 @@
 #include <torvel/zernike.hpp>
 
 namespace torvel {
-namespace {
-
-// Threads the planes are split between: OpenMP's count (OMP_NUM_THREADS,
-// else the CPUs this process may run on), never more than there are planes.
 int plane_threads(int planes) {
 #ifdef _OPENMP
     return std::clamp(omp_get_max_threads(), 1, std::max(planes, 1));
@@ -29,6 +25,8 @@ int plane_threads(int planes) {
     return 1;
 #endif
 }
+
+namespace {
 
 }  // namespace
 

@@ -18,9 +18,11 @@ namespace torvel {
 struct psf_fft_plans {
     fftwf_plan rows = nullptr;     // side rows of length M, contiguous
     fftwf_plan columns = nullptr;  // nx columns of length M, each contiguous
+    // The same transforms the other way, for psf_adjoint_field.
+    fftwf_plan rows_adjoint = nullptr, columns_adjoint = nullptr;
     ~psf_fft_plans() {
-        if (rows) fftwf_destroy_plan(rows);
-        if (columns) fftwf_destroy_plan(columns);
+        for (fftwf_plan plan : {rows, columns, rows_adjoint, columns_adjoint})
+            if (plan) fftwf_destroy_plan(plan);
     }
 };
 
@@ -39,6 +41,10 @@ struct psf_buffers {
     // Over the pupil (side x side): P · weight · exp(2πi kz z) of the plane
     // being computed, and exp(2πi kz dz), which takes it to the next plane.
     std::unique_ptr<std::complex<float>[]> weighted, step;
+    // The inputs of the adjoint's two passes, apart from the forward ones:
+    // the adjoint writes other positions than the forward pass and relies on
+    // the rest staying 0, as the forward pass does on its own.
+    fftw_buffer adjoint_rows, adjoint_columns;  // side x M, nx columns of M
 };
 
 void psf_buffers_deleter::operator()(psf_buffers* buffers) const noexcept { delete buffers; }
@@ -136,14 +142,15 @@ double sinc(double u) {
 }
 
 // The FFT grid for optics and grid: internal refinement, size and pupil radius.
+// A given fft_size (> 0) is taken as it is.
 void choose_fft_grid(const psf_optics& optics, const psf_plane_grid& grid, int min_disc_pixels,
-                     psf_propagator* pr) {
+                     int fft_size, psf_propagator* pr) {
     const double cutoff = optics.numerical_aperture / optics.wavelength_um;
     pr->refine = std::max(1, int(std::ceil(2.0 * cutoff * grid.dx_um / kDiscShareOfGrid)));
     const double dx = grid.dx_um / pr->refine;
     const double for_disc = std::ceil(min_disc_pixels / (2.0 * cutoff * dx));
     const double wanted = std::max({double(pr->refine) * std::max(grid.nx, grid.ny), for_disc, 32.0});
-    pr->fft_size = fft_friendly_size(int(std::min(wanted, 1e9)));
+    pr->fft_size = fft_size > 0 ? fft_size : fft_friendly_size(int(std::min(wanted, 1e9)));
     pr->dk = 1.0 / (pr->fft_size * dx);
     pr->radius = int(std::ceil(cutoff / pr->dk + 0.5));
     pr->side = 2 * pr->radius + 1;
@@ -241,7 +248,12 @@ int make_plans(psf_propagator* pr) {
                                       m, FFTW_BACKWARD, kPlanning);
     plans->columns = fftwf_plan_many_dft(1, n, nx, c.get(), nullptr, 1, m, d.get(), nullptr, 1, m,
                                          FFTW_BACKWARD, kPlanning);
-    if (!plans->rows || !plans->columns) return 1;
+    plans->rows_adjoint = fftwf_plan_many_dft(1, n, pr->side, a.get(), nullptr, 1, m, b.get(),
+                                              nullptr, 1, m, FFTW_FORWARD, kPlanning);
+    plans->columns_adjoint = fftwf_plan_many_dft(1, n, nx, c.get(), nullptr, 1, m, d.get(), nullptr,
+                                                 1, m, FFTW_FORWARD, kPlanning);
+    if (!plans->rows || !plans->columns || !plans->rows_adjoint || !plans->columns_adjoint)
+        return 1;
     pr->plans = std::move(plans);
     return 0;
 }
@@ -342,8 +354,10 @@ void psf_vector_factors(double kx, double ky, double n_over_lambda,
     factors[4] = -sin_t * sp;
 }
 
-int make_psf_propagator(const psf_optics& optics, const psf_plane_grid& grid, bool vector,
-                        int min_disc_pixels, psf_propagator* propagator) {
+namespace {
+
+int make_propagator(const psf_optics& optics, const psf_plane_grid& grid, bool vector,
+                    int min_disc_pixels, int fft_size, psf_propagator* propagator) {
     if (!(optics.wavelength_um > 0) || !(optics.numerical_aperture > 0) ||
         !(optics.numerical_aperture <= optics.immersion_index) || grid.nx < 1 || grid.ny < 1 ||
         !(grid.dx_um > 0) || !std::isfinite(grid.dx_um) || min_disc_pixels < 1)
@@ -352,11 +366,24 @@ int make_psf_propagator(const psf_optics& optics, const psf_plane_grid& grid, bo
     pr.optics = optics;
     pr.grid = grid;
     pr.vector = vector;
-    choose_fft_grid(optics, grid, min_disc_pixels, &pr);
+    choose_fft_grid(optics, grid, min_disc_pixels, fft_size, &pr);
+    if (fft_size > 0 && (pr.refine != 1 || fft_size < std::max(grid.nx, grid.ny))) return 1;
     if (fill_pupil_tables(&pr) != 0 || fill_output_tables(&pr) != 0 || make_plans(&pr) != 0)
         return 1;
     *propagator = std::move(pr);
     return 0;
+}
+
+}  // namespace
+
+int make_psf_propagator(const psf_optics& optics, const psf_plane_grid& grid, bool vector,
+                        int min_disc_pixels, psf_propagator* propagator) {
+    return make_propagator(optics, grid, vector, min_disc_pixels, 0, propagator);
+}
+
+int make_psf_propagator_sized(const psf_optics& optics, const psf_plane_grid& grid, bool vector,
+                              int fft_size, psf_propagator* propagator) {
+    return make_propagator(optics, grid, vector, 1, fft_size, propagator);
 }
 
 bool psf_pupil_point_used(const psf_propagator& propagator, int p, int q) {
@@ -375,6 +402,9 @@ int make_psf_work(const psf_propagator& pr, psf_work* work) {
     b->column_out = allocate_complex(columns, false);
     b->step.reset(new (std::nothrow) std::complex<float>[points]);
     b->weighted.reset(new (std::nothrow) std::complex<float>[points]);
+    b->adjoint_rows = allocate_complex(rows, true);
+    b->adjoint_columns = allocate_complex(columns, true);
+    if (!b->adjoint_rows || !b->adjoint_columns) return 1;
     if (!b->row_in || !b->row_out || !b->column_in || !b->column_out || !b->step ||
         !b->weighted)
         return 1;
@@ -388,6 +418,63 @@ void psf_field_plane(const psf_propagator& propagator, std::span<const std::comp
     weigh_pupil(propagator, pupil, z_um, 0, work->buffers.get());
     field_of_weighted(propagator, factor, work->buffers.get(),
                       [&](std::size_t at, std::complex<float> value) { field[at] = value; });
+}
+
+void psf_defocus_factors(const psf_propagator& pr, double z_um,
+                         std::span<std::complex<float>> defocus) {
+    for (std::size_t k = 0; k < std::size_t(pr.side) * pr.side; ++k)
+        defocus[k] = pr.weight[k] != 0 ? std::complex<float>(turn(pr.kz[k] * z_um)) : 0.0f;
+}
+
+void psf_field_of_defocused(const psf_propagator& pr,
+                            std::span<const std::complex<float>> defocused, int factor,
+                            psf_work* work, std::span<std::complex<float>> field) {
+    psf_buffers* w = work->buffers.get();
+    for (int q = 0; q < pr.side; ++q) {
+        for (int p = pr.row_begin[q]; p < pr.row_end[q]; ++p) {
+            const std::size_t k = std::size_t(q) * pr.side + p;
+            w->weighted[k] = defocused[k] * float(pr.weight[k]);
+        }
+    }
+    field_of_weighted(pr, factor, w,
+                      [&](std::size_t at, std::complex<float> value) { field[at] = value; });
+}
+
+void psf_adjoint_field(const psf_propagator& pr, std::span<const std::complex<float>> field,
+                       std::span<const std::complex<float>> defocus, int factor, psf_work* work,
+                       std::span<std::complex<double>> pupil_sum) {
+    psf_buffers* w = work->buffers.get();
+    const int m = pr.fft_size, side = pr.side, r = pr.radius, nx = pr.grid.nx, ny = pr.grid.ny;
+    // The second pass backwards: each output column into its FFT column.
+    auto* columns = reinterpret_cast<std::complex<float>*>(w->adjoint_columns.get());
+    for (int i = 0; i < nx; ++i) {
+        std::complex<float>* column = columns + std::size_t(i) * m;
+        for (int j = 0; j < ny; ++j)
+            column[pr.row_at[j]] = field[std::size_t(j) * nx + i] * (pr.sinc_x[i] * pr.sinc_y[j]);
+    }
+    fftwf_execute_dft(pr.plans->columns_adjoint, w->adjoint_columns.get(), w->column_out.get());
+    const auto* transformed = reinterpret_cast<const std::complex<float>*>(w->column_out.get());
+    // The first pass backwards: the pupil rows' entries at the output columns.
+    auto* rows = reinterpret_cast<std::complex<float>*>(w->adjoint_rows.get());
+    for (int i = 0; i < nx; ++i) {
+        const std::complex<float>* from = transformed + std::size_t(i) * m;
+        for (int q = 0; q < side; ++q)
+            rows[std::size_t(q) * m + pr.column_at[i]] = from[(q - r + m) % m];
+    }
+    fftwf_execute_dft(pr.plans->rows_adjoint, w->adjoint_rows.get(), w->row_out.get());
+    const auto* out = reinterpret_cast<const std::complex<float>*>(w->row_out.get());
+    const std::size_t points = std::size_t(side) * side;
+    const float* f = factor >= 0 ? pr.factor.get() + std::size_t(factor) * points : nullptr;
+    for (int q = 0; q < side; ++q) {
+        for (int p = pr.row_begin[q]; p < pr.row_end[q]; ++p) {
+            const std::size_t k = std::size_t(q) * side + p;
+            std::complex<float> v = out[std::size_t(q) * m + (p < r ? p - r + m : p - r)] *
+                                    float(pr.weight[k]);
+            if (f) v *= f[k];
+            if (!defocus.empty()) v *= std::conj(defocus[k]);
+            pupil_sum[k] += std::complex<double>(v);
+        }
+    }
 }
 
 void psf_intensity_planes(const psf_propagator& propagator,

@@ -58,20 +58,16 @@ float origin_for_centre(float centre, float spacing) {
 
 // Sets every header value of the new image on stream kImage, the origin
 // last since it depends on the spacing as the file will give it back.
-void set_header(const render_inputs& inputs, const render_plan& plan) {
+void set_header(const render_plan& plan, bool complex_form, const char* label) {
     image_set_dimensions(kImage, plan.nx, plan.ny);
-    image_set_zwt_sizes(kImage, inputs.complex_form ? 1 : 2, plan.wavelength_count, 1, 0);
+    image_set_zwt_sizes(kImage, complex_form ? 1 : 2, plan.wavelength_count, 1, 0);
     image_set_wavelengths(kImage, plan.wavelength_count, plan.wavelength_nm);
     image_set_type_info(kImage, kPupilImageType, plan.lens_id, 0, 0, plan.p1, plan.p2);
-    image_set_pixel_mode(kImage, inputs.complex_form ? kComplexFloatMode : kRealFloatMode);
+    image_set_pixel_mode(kImage, complex_form ? kComplexFloatMode : kRealFloatMode);
     image_set_pixel_spacing(kImage, plan.spacing, plan.spacing, 1.0f);
     float dx = 0.0f, dy = 0.0f, dz = 0.0f;
     image_get_pixel_spacing(kImage, &dx, &dy, &dz);
     image_set_origin(kImage, origin_for_centre(plan.x0, dx), origin_for_centre(plan.y0, dy), 0.0f);
-    char label[81];
-    std::snprintf(label, sizeof label, "torvel-render %s%s%s", inputs.model_name,
-                  inputs.model.drop_text != nullptr ? " -drop=" : "",
-                  inputs.model.drop_text != nullptr ? inputs.model.drop_text : "");
     image_add_label(kImage, label);
 }
 
@@ -95,10 +91,10 @@ struct value_range {
 
 // Writes the planes of one slot at its sections: one complex section, or
 // the amplitude at z 0 and the phase at z 1.
-int write_slot(const render_inputs& inputs, int slot, const float* plane, std::int64_t pixels) {
+int write_slot(bool complex_form, int slot, const float* plane, std::int64_t pixels) {
     if (image_seek_section(kImage, 0, slot, 0) != 0 || image_write_section(kImage, plane) != 0)
         return 1;
-    if (inputs.complex_form) return 0;
+    if (complex_form) return 0;
     if (image_seek_section(kImage, 1, slot, 0) != 0 ||
         image_write_section(kImage, plane + pixels) != 0)
         return 1;
@@ -188,30 +184,31 @@ void render_wavelength(const render_inputs& inputs, ParametricPupil* model, int 
     }
 }
 
-int write_rendered_image(const render_inputs& inputs, ParametricPupil* model,
-                         const render_plan& plan) {
+int write_pupil_image(const char* program, const char* name, const render_plan& plan,
+                      bool complex_form, const char* label, pupil_plane_filler fill,
+                      void* context) {
     const std::int64_t pixels = std::int64_t(plan.nx) * plan.ny;
     std::unique_ptr<float[]> plane(new (std::nothrow) float[std::size_t(2 * pixels)]);
     if (!plane) {
-        std::fprintf(stderr, "torvel-render: insufficient memory for a %d x %d image\n", plan.nx,
+        std::fprintf(stderr, "%s: insufficient memory for a %d x %d image\n", program, plan.nx,
                      plan.ny);
         return 1;
     }
     image_output output;
-    if (image_open(kImage, inputs.image_name, "new") != 0) return 1;
+    if (image_open(kImage, name, "new") != 0) return 1;
     output.open = true;
-    set_header(inputs, plan);
+    set_header(plan, complex_form, label);
 
-    input_header seen;  // what torvel will read: the geometry the planes are rendered on
+    input_header seen;  // what torvel will read: the geometry the planes are made on
     read_input_header(kImage, &seen);
     value_range all;
     for (int slot = 0; slot < plan.wavelength_count; ++slot) {
         const pupil_grid grid{
             seen.x0, seen.y0, seen.dx, seen.dy, pupil_cutoff(seen.na, plan.wavelength_nm[slot]),
             plan.nx, plan.ny};
-        render_wavelength(inputs, model, inputs.model.wavelength_index[slot], grid, plane.get());
-        if (write_slot(inputs, slot, plane.get(), pixels) != 0) return 1;
-        if (inputs.complex_form) continue;
+        fill(context, slot, grid, plane.get());
+        if (write_slot(complex_form, slot, plane.get(), pixels) != 0) return 1;
+        if (complex_form) continue;
         value_range own;
         own.add(plane.get(), 2 * pixels);
         if (slot > 0) image_set_wavelength_min_max(kImage, slot, own.minimum, own.maximum);
@@ -222,13 +219,38 @@ int write_rendered_image(const render_inputs& inputs, ParametricPupil* model,
     }
     // A complex image's statistics are left "not computed" (maximum below
     // minimum), as readers expect statistics of real values.
-    if (inputs.complex_form)
+    if (complex_form)
         image_write_header(kImage, nullptr, -1, 1.0f, 0.0f, -1.0f);
     else
         image_write_header(kImage, nullptr, -1, all.minimum, all.maximum,
                            static_cast<float>(all.sum / double(all.count)));
     output.open = false;
     return image_close(kImage) != 0 ? 1 : 0;
+}
+
+namespace {
+
+struct render_context {
+    const render_inputs* inputs;
+    ParametricPupil* model;
+};
+
+void render_slot(void* context, int slot, const pupil_grid& grid, float* plane) {
+    const auto* c = static_cast<const render_context*>(context);
+    render_wavelength(*c->inputs, c->model, c->inputs->model.wavelength_index[slot], grid, plane);
+}
+
+}  // namespace
+
+int write_rendered_image(const render_inputs& inputs, ParametricPupil* model,
+                         const render_plan& plan) {
+    char label[81];
+    std::snprintf(label, sizeof label, "torvel-render %s%s%s", inputs.model_name,
+                  inputs.model.drop_text != nullptr ? " -drop=" : "",
+                  inputs.model.drop_text != nullptr ? inputs.model.drop_text : "");
+    render_context context{&inputs, model};
+    return write_pupil_image("torvel-render", inputs.image_name, plan, inputs.complex_form, label,
+                             render_slot, &context);
 }
 
 }  // namespace torvel

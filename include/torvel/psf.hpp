@@ -109,6 +109,14 @@ struct psf_propagator {
 int make_psf_propagator(const psf_optics& optics, const psf_plane_grid& grid, bool vector,
                         int min_disc_pixels, psf_propagator* propagator);
 
+// As make_psf_propagator, but on an FFT grid of exactly fft_size points
+// (dk = 1 / (fft_size dx)), for a caller that needs the pupil grid to line up
+// with another one or the field to reach far beyond the output window.
+// Returns 1 also when fft_size is smaller than nx or ny, or when grid.dx is
+// too coarse for the disc to fit without the internal refinement.
+int make_psf_propagator_sized(const psf_optics& optics, const psf_plane_grid& grid, bool vector,
+                              int fft_size, psf_propagator* propagator);
+
 // Whether the point (p, q) of the pupil grid has a non-zero weight, i.e.
 // touches the disc; points that do not are never read.
 bool psf_pupil_point_used(const psf_propagator& propagator, int p, int q);
@@ -134,6 +142,28 @@ int make_psf_work(const psf_propagator& propagator, psf_work* work);
 void psf_field_plane(const psf_propagator& propagator, std::span<const std::complex<float>> pupil,
                      double z_um, int factor, psf_work* work,
                      std::span<std::complex<float>> field);
+
+// exp(2πi kz z) at every pupil point (0 at points that do not touch the
+// disc) into defocus (side² values), for psf_field_of_defocused.
+void psf_defocus_factors(const psf_propagator& propagator, double z_um,
+                         std::span<std::complex<float>> defocus);
+
+// psf_field_plane for a pupil that already carries its plane's defocus,
+// defocused = P(k) exp(2πi kz z): a caller that visits the same planes again
+// and again keeps their factors instead of recomputing sines and cosines.
+void psf_field_of_defocused(const psf_propagator& propagator,
+                            std::span<const std::complex<float>> defocused, int factor,
+                            psf_work* work, std::span<std::complex<float>> field);
+
+// The adjoint (conjugate transpose) of psf_field_of_defocused with vector
+// factor `factor`, applied to field (nx * ny values) and, when defocus (a
+// plane's psf_defocus_factors) is not empty, multiplied by its conjugate,
+// which makes it the adjoint of psf_field_plane at that plane; added to
+// pupil_sum (side² values; points that do not touch the disc are left
+// alone). What an iterative fit of the pupil to measured planes steps with.
+void psf_adjoint_field(const psf_propagator& propagator, std::span<const std::complex<float>> field,
+                       std::span<const std::complex<float>> defocus, int factor, psf_work* work,
+                       std::span<std::complex<double>> pupil_sum);
 
 // The PSF of pupil at the count planes z, z + dz, ..., z + (count - 1) dz
 // (µm) into intensity (count planes of nx * ny values): |E|² for a scalar
@@ -185,6 +215,11 @@ struct psf_plan {
 // Settles the default sizes and spacings for inputs and model and checks
 // that the stack fits in memory. Returns 0, or 1 after one message.
 int plan_psf(const psf_inputs& inputs, const ParametricPupil& model, psf_plan* plan);
+
+// Threads the planes of a stack are split between: OpenMP's count
+// (OMP_NUM_THREADS, else the CPUs this process may run on), never more than
+// there are planes.
+int plane_threads(int planes);
 
 // The pupil of model wavelength w on propagator's grid (side² values):
 // the model's amplitude (1 when uniform or absent) and phase series at

@@ -151,6 +151,20 @@ struct pupil_grid {
 void render_wavelength(const render_inputs& inputs, ParametricPupil* model, int w,
                        const pupil_grid& grid, float* plane);
 
+// Fills plane (2 * nx * ny floats, as render_wavelength does) with the
+// pupil of wavelength slot on grid.
+using pupil_plane_filler = void (*)(void* context, int slot, const pupil_grid& grid, float* plane);
+
+// Writes a pupil image to name as planned: type, aperture, index, lens,
+// wavelengths, spacing and centre of plan in its header, label as its
+// label, complex sections (mode 4) or amplitude and phase (mode 2), each
+// wavelength's planes from fill on the geometry torvel will read back.
+// Returns 0, or 1 after a message beginning with program; a failed run
+// leaves no file under the name and whatever was there before untouched.
+int write_pupil_image(const char* program, const char* name, const render_plan& plan,
+                      bool complex_form, const char* label, pupil_plane_filler fill,
+                      void* context);
+
 // Writes the image inputs.image_name as planned, every selected wavelength
 // rendered on the geometry torvel will read back from its header. Returns
 // 0, or 1 after a message; a failed run leaves no file under the name and
