@@ -1,6 +1,8 @@
 // The command line and usage text of torvel-render, and the reading of the
 // model it renders.
 
+#include <cfloat>
+#include <climits>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -102,12 +104,13 @@ int check_option_names(const option_args& args) {
 
 int parse_size(const option_args& args, render_inputs* inputs) {
     int values[2] = {0, 0};
-    const int count = get_intswitchc(kSizeOption, args.argv, args.argc, 2, values);
+    const int count =
+        get_intswitch_within(kSizeOption, args.argv, args.argc, 2, 1, INT_MAX, values);
     if (count == -1) return 0;
     if (count == 1) values[1] = values[0];
-    if ((count != 1 && count != 2) || values[0] < 1 || values[1] < 1) {
-        std::fprintf(stderr, "%s: %s expects one or two positive integers, nx[:ny]\n", kProgram,
-                     kSizeOption);
+    if (count != 1 && count != 2) {
+        std::fprintf(stderr, "%s: %s expects one or two integers from 1 to %d, nx[:ny]\n",
+                     kProgram, kSizeOption, INT_MAX);
         return 1;
     }
     inputs->nx = values[0];
@@ -117,9 +120,10 @@ int parse_size(const option_args& args, render_inputs* inputs) {
 
 int parse_spacing(const option_args& args, render_inputs* inputs) {
     float value = 0.0f;
-    const int count = get_floatswitch(kSpacingOption, args.argv, args.argc, 1, &value);
+    const int count =
+        get_floatswitch_within(kSpacingOption, args.argv, args.argc, 1, 0.0, FLT_MAX, &value);
     if (count == -1) return 0;
-    if (count != 1 || !(value > 0.0f) || !std::isfinite(value)) {
+    if (count != 1 || !(value > 0.0f)) {
         std::fprintf(stderr, "%s: %s expects one positive number\n", kProgram, kSpacingOption);
         return 1;
     }
@@ -129,9 +133,10 @@ int parse_spacing(const option_args& args, render_inputs* inputs) {
 
 int parse_centre(const option_args& args, render_inputs* inputs) {
     float values[2] = {0.0f, 0.0f};
-    const int count = get_floatswitch(kCentreOption, args.argv, args.argc, 2, values);
+    const int count =
+        get_floatswitch_within(kCentreOption, args.argv, args.argc, 2, -FLT_MAX, FLT_MAX, values);
     if (count == -1) return 0;
-    if (count != 2 || !std::isfinite(values[0]) || !std::isfinite(values[1])) {
+    if (count != 2) {
         std::fprintf(stderr, "%s: %s expects two numbers, x0:y0\n", kProgram, kCentreOption);
         return 1;
     }
@@ -175,9 +180,9 @@ bool parse_drop_item(const char* item, std::size_t length, zernike_term* term) {
         return true;
     }
     int values[2] = {0, 0};
-    if (extract_switch_ints(text, 2, values) != 2) return false;
+    if (extract_switch_ints_within(text, 2, 0, kMaxZernikeOrder, values) != 2) return false;
     const int n = values[0], m = values[1];
-    if (m < 0 || m > n || n > kMaxZernikeOrder || (n - m) % 2 != 0) return false;
+    if (m > n || (n - m) % 2 != 0) return false;
     *term = {n, m};
     return true;
 }
@@ -228,6 +233,14 @@ int select_wavelengths(const option_args& args, const ParametricPupil& model,
         inputs->wavelength_count = count;
         return 0;
     }
+    // The selection helper reads its numbers as torvel does, where a number
+    // too large for an int wraps to another; here one is refused first.
+    int ignored = 0;
+    if (extract_switch_ints_within(value, 0, INT_MIN, INT_MAX, &ignored) == 0) {
+        std::fprintf(stderr, "%s: %s expects indices or wavelengths in nm separated by \":\"\n",
+                     kProgram, kWaveOption);
+        return 1;
+    }
     std::unique_ptr<float[]> nm(new (std::nothrow) float[std::size_t(count)]);
     if (!nm) {
         std::fprintf(stderr, "%s: insufficient memory\n", kProgram);
@@ -254,6 +267,11 @@ int check_model(const ParametricPupil& model, const render_inputs& inputs) {
                          inputs.model_name, double(um), inputs.wavelength_index[k]);
             error = 1;
         }
+    }
+    char what[160];
+    if (describe_non_finite_pupil_value(&model, what, sizeof what) != 0) {
+        std::fprintf(stderr, "%s: %s: %s\n", kProgram, inputs.model_name, what);
+        error = 1;
     }
     const float na = get_parametric_pupil_numerical_aperture(&model);
     const float n_imm = get_parametric_pupil_immersion_refractive_index(&model);

@@ -106,20 +106,35 @@ panel empty_panel(const band& b, std::string title, std::string unit, bool diver
     return p;
 }
 
-// Value of a series at one point; the neutral value when there is none.
-double series_value(const std::vector<double>& c, int n, int m, double rho, double theta,
-                    double neutral) {
-    return c.empty() ? neutral : evaluate_zernike_series(rho, theta, n, m, c.data());
-}
+// One series of a fit, ready to be evaluated point after point: up to its
+// last term that is not zero, with its own scratch; the neutral value (1
+// for an amplitude, 0 for a phase) when there is no series.
+struct series_values {
+    const std::vector<double>& c;
+    int n, m;
+    double neutral;
+    std::vector<double> scratch;
+
+    series_values(const std::vector<double>& coeffs, int set_n, int set_m, double neutral_value)
+        : c(coeffs), n(-1), m(-1), neutral(neutral_value) {
+        if (!c.empty()) zernike_set_in_use(set_n, set_m, c.data(), &n, &m);
+        scratch.resize(std::size_t(zernike_recurrent_scratch_size(n)));
+    }
+
+    double at(double rho, double theta) {
+        if (c.empty()) return neutral;
+        return evaluate_zernike_series_recurrent(rho, theta, n, m, c.data(), scratch.data());
+    }
+};
 
 // The fitted amplitude and phase of wavelength w over the band's pixels.
 void add_fitted(const report_model& model, int w, const band& b, panel* amplitude, panel* phase) {
     const report_wavelength& fit = model.waves[std::size_t(w)];
+    series_values fitted_amplitude(fit.amplitude, model.amplitude_n, model.amplitude_m, 1.0);
+    series_values fitted_phase(fit.phase, model.phase_n, model.phase_m, 0.0);
     for_each_disc_pixel(b, [&](std::size_t k, std::size_t, double rho, double theta) {
-        amplitude->values[k] = float(
-            series_value(fit.amplitude, model.amplitude_n, model.amplitude_m, rho, theta, 1.0));
-        phase->values[k] =
-            float(series_value(fit.phase, model.phase_n, model.phase_m, rho, theta, 0.0));
+        amplitude->values[k] = float(fitted_amplitude.at(rho, theta));
+        phase->values[k] = float(fitted_phase.at(rho, theta));
     });
 }
 
@@ -130,8 +145,9 @@ void add_aberrations(const report_model& model, int w, double wavelength_nm, con
     std::vector<double> c = model.waves[std::size_t(w)].phase;
     const int last = std::min(int(c.size()) - 1, zernike_term_index(2, 0));
     for (int slot = 0; slot <= last; ++slot) c[std::size_t(slot)] = 0.0;
+    series_values rest(c, model.phase_n, model.phase_m, 0.0);
     for_each_disc_pixel(b, [&](std::size_t k, std::size_t, double rho, double theta) {
-        const double phase = series_value(c, model.phase_n, model.phase_m, rho, theta, 0.0);
+        const double phase = rest.at(rho, theta);
         wavefront->values[k] = float(radians_to_nm(phase, wavelength_nm));
     });
 }
@@ -149,10 +165,11 @@ void add_measured(const measured_wavelength& m, const band& b, panel* amplitude,
 void add_residual(const report_model& model, int w, const float* r, const band& b, panel* amplitude,
                   panel* phase) {
     const report_wavelength& fit = model.waves[std::size_t(w)];
+    series_values fitted_amplitude(fit.amplitude, model.amplitude_n, model.amplitude_m, 1.0);
+    series_values fitted_phase(fit.phase, model.phase_n, model.phase_m, 0.0);
     for_each_disc_pixel(b, [&](std::size_t k, std::size_t pixel, double rho, double theta) {
-        const double a =
-            series_value(fit.amplitude, model.amplitude_n, model.amplitude_m, rho, theta, 1.0);
-        const double p = series_value(fit.phase, model.phase_n, model.phase_m, rho, theta, 0.0);
+        const double a = fitted_amplitude.at(rho, theta);
+        const double p = fitted_phase.at(rho, theta);
         const std::complex<double> fitted = std::polar(a, p);
         const std::complex<double> measured =
             fitted + std::complex<double>(r[2 * pixel], r[2 * pixel + 1]);

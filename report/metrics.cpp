@@ -56,44 +56,68 @@ struct value_range {
     }
 };
 
-double dot(const std::vector<double>& c, const std::vector<double>& basis) {
-    double sum = 0.0;
-    for (std::size_t k = 0; k < c.size(); ++k) sum += c[k] * basis[k];
-    return sum;
-}
+// At one radius a series is a trigonometric polynomial in theta: the sum
+// over l of cos_part[l] cos(l theta) + sin_part[l] sin(l theta), each part
+// a sum over the terms of frequency l of coefficient times R_k^l(rho).
+struct ring_series {
+    std::vector<double> cos_part, sin_part;
+
+    // Sets the parts of series c of the set (n, m) from the radial values of
+    // one radius, in visiting order.
+    void set(const std::vector<double>& c, int n, int m, const std::vector<double>& radials) {
+        std::fill(cos_part.begin(), cos_part.end(), 0.0);
+        std::fill(sin_part.begin(), sin_part.end(), 0.0);
+        int r = 0;
+        for_each_zernike_term(n, m, [&](int k, int l) {
+            const int slot = zernike_term_index(k, l);
+            const double radial = radials[std::size_t(r++)];
+            cos_part[std::size_t(l)] += c[std::size_t(slot)] * radial;
+            if (l > 0) sin_part[std::size_t(l)] += c[std::size_t(slot) + 1] * radial;
+        });
+    }
+
+    // The value at the angle whose cos(l theta), sin(l theta) pairs are
+    // cos_sin[2l], cos_sin[2l + 1].
+    double at(const double* cos_sin) const {
+        double sum = 0.0;
+        for (std::size_t l = 0; l < cos_part.size(); ++l)
+            sum += cos_part[l] * cos_sin[2 * l] + sin_part[l] * cos_sin[2 * l + 1];
+        return sum;
+    }
+};
 
 // Largest minus smallest value over the polar grid of two series a and b of
-// the set (n, m), into *pv_a and *pv_b. The radial values of a radius are
-// shared by every angle and the basis of a point by both series; orders
-// beyond the tables are summed point by point.
+// the set (n, m), into *pv_a and *pv_b; b's terms must be among a's. The
+// radial values of a radius are made once and folded into a polynomial in
+// theta per series, so a point costs O(n) and a radius O(n^2).
 void peaks_to_valleys(const std::vector<double>& a, const std::vector<double>& b, int n, int m,
                       double* pv_a, double* pv_b) {
     *pv_a = *pv_b = 0.0;
     if (a.empty()) return;
-    const ZernikeTableSize size = zernike_table_size(n, m);
-    const bool tabled = size.order <= zernike_table_max_order;
-    const std::size_t per_radius = tabled ? std::size_t(zernike_radial_count(n, m)) : 0;
-    std::vector<double> radials(per_radius * kPeakToValleyRadii), basis(a.size());
-    auto rho_of = [](int i) { return double(i) / (kPeakToValleyRadii - 1); };
-    ZernikeTables tables;
-    for (int i = 0; tabled && i < kPeakToValleyRadii; ++i) {
-        fill_zernike_powers(rho_of(i), size.order, &tables);
-        evaluate_zernike_radials(tables, n, m, &radials[std::size_t(i) * per_radius]);
-    }
-    value_range range_a, range_b;
+    zernike_set_in_use(n, m, a.data(), &n, &m);
+    if (n < 0) return;
+    const std::size_t frequency = std::size_t(std::max({n - 1, m, 0}));
+    std::vector<double> cos_sin(2 * (frequency + 1) * kPeakToValleyAngles);
     for (int j = 0; j < kPeakToValleyAngles; ++j) {
         const double theta = 2.0 * std::numbers::pi * j / kPeakToValleyAngles;
-        if (tabled) fill_zernike_angles(theta, size.frequency, &tables);
-        for (int i = 0; i < kPeakToValleyRadii; ++i) {
-            if (tabled) {
-                combine_zernike_basis(&radials[std::size_t(i) * per_radius], tables, n, m,
-                                      basis.data());
-                range_a.add(dot(a, basis));
-                range_b.add(dot(b, basis));
-            } else {
-                range_a.add(evaluate_zernike_series(rho_of(i), theta, n, m, a.data()));
-                range_b.add(evaluate_zernike_series(rho_of(i), theta, n, m, b.data()));
-            }
+        double* row = &cos_sin[2 * (frequency + 1) * std::size_t(j)];
+        for (std::size_t l = 0; l <= frequency; ++l)
+            ::sincos(double(l) * theta, &row[2 * l + 1], &row[2 * l]);
+    }
+    std::vector<double> radials(std::size_t(zernike_radial_count(n, m)));
+    std::vector<double> scratch(std::size_t(zernike_recurrent_scratch_size(n)));
+    ring_series ring_a{std::vector<double>(frequency + 1), std::vector<double>(frequency + 1)};
+    ring_series ring_b = ring_a;
+    value_range range_a, range_b;
+    for (int i = 0; i < kPeakToValleyRadii; ++i) {
+        const double rho = double(i) / (kPeakToValleyRadii - 1);
+        evaluate_zernike_radials_recurrent(rho, n, m, radials.data(), scratch.data());
+        ring_a.set(a, n, m, radials);
+        ring_b.set(b, n, m, radials);
+        for (int j = 0; j < kPeakToValleyAngles; ++j) {
+            const double* angle = &cos_sin[2 * (frequency + 1) * std::size_t(j)];
+            range_a.add(ring_a.at(angle));
+            range_b.add(ring_b.at(angle));
         }
     }
     *pv_a = range_a.hi - range_a.lo;

@@ -10,6 +10,7 @@
 // until that label or wavelength is changed or deleted, the wavelength count
 // changes, an order set changes, or the record is destroyed.
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 
@@ -216,6 +217,17 @@ double* get_parametric_pupil_amplitude_polarf_coeff(ParametricPupil* pupil, std:
 // As get_parametric_pupil_amplitude_zernike_coeff, for the phase polar
 // Fourier series.
 double* get_parametric_pupil_phase_polarf_coeff(ParametricPupil* pupil, std::int32_t index);
+
+// ---- checks for the programs that use a model ------------------------------
+
+// The reader stores numbers as the file gives them, "nan" and "inf"
+// included, and a model in which one of them stands evaluates to NaN
+// everywhere. Writes to text (size bytes, NUL terminated) what the first
+// value of pupil that is not a finite number is, e.g. "the phase Zernike
+// coefficient of slot 3 at wavelength 1 is nan", and returns 1; returns 0
+// when the aperture, the immersion index, every wavelength and every
+// Zernike and polar Fourier coefficient are finite.
+int describe_non_finite_pupil_value(const ParametricPupil* pupil, char* text, std::size_t size);
 
 // ---- text file -------------------------------------------------------------
 

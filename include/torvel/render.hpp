@@ -106,8 +106,9 @@ struct pupil_grid {
 // plane followed by the phase plane. Pixels that torvel samples, and those
 // within two pixels beyond the disc edge, get the model (amplitude 1 when
 // inputs.uniform_amplitude or the model has no amplitude series, phase 0
-// when it has no phase series); all others 0.
-void render_wavelength(const render_inputs& inputs, ParametricPupil* model, int w,
+// when it has no phase series); all others 0. Returns 0, or 1 after a
+// message when memory runs out.
+int render_wavelength(const render_inputs& inputs, ParametricPupil* model, int w,
                        const pupil_grid& grid, float* plane);
 
 // Writes the image inputs.image_name as planned, every selected wavelength
