@@ -269,7 +269,7 @@ int check_model(const ParametricPupil& model, const render_inputs& inputs) {
         }
     }
     char what[160];
-    if (describe_non_finite_pupil_value(&model, what, sizeof what) != 0) {
+    if (find_unusable_pupil_value(&model, what, sizeof what) != 0) {
         std::fprintf(stderr, "%s: %s: %s\n", kProgram, inputs.model_name, what);
         error = 1;
     }

@@ -145,7 +145,7 @@ json coefficients_json(const std::vector<double>& c, int n, int m, bool phase,
 json fit_json(const report_entry& e) {
     const report_model& model = e.model;
     json fit;
-    fit["file"] = model.file;
+    fit["file"] = utf8_name(model.file);
     // As the fit file writes them (3 and 5 decimals), not the floats they were read into.
     fit["numerical_aperture"] = std::round(double(model.na) * 1e3) / 1e3;
     fit["immersion_refractive_index"] = std::round(double(model.n_imm) * 1e5) / 1e5;
@@ -214,7 +214,7 @@ void append_csv_head(std::string* csv, std::span<const report_entry> entries) {
         std::snprintf(optics, sizeof optics,
                       ": numerical aperture %g, immersion refractive index %g, lens id %d\n",
                       double(e.model.na), double(e.model.n_imm), e.model.lens_id);
-        *csv += "# fit " + e.model.file + optics;
+        *csv += "# fit " + utf8_name(e.model.file) + optics;
     }
     *csv +=
         "file,wavelength_index,wavelength_nm,quantity,n,m,part,noll,osa_ansi,name,value,"
@@ -224,7 +224,7 @@ void append_csv_head(std::string* csv, std::span<const report_entry> entries) {
 void append_csv_series(std::string* csv, const report_entry& e, std::size_t w, bool phase) {
     const report_model& model = e.model;
     const double nm = e.metrics[w].wavelength_nm;
-    const std::string head = csv_field(model.file) + "," + std::to_string(w) + "," + number(nm) +
+    const std::string head = csv_field(utf8_name(model.file)) + "," + std::to_string(w) + "," + number(nm) +
                              (phase ? ",phase," : ",amplitude,");
     const std::vector<double>& c = phase ? model.waves[w].phase : model.waves[w].amplitude;
     const int n = phase ? model.phase_n : model.amplitude_n;

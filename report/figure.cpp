@@ -37,6 +37,8 @@ constexpr int kHeaderHeight = 58;
 constexpr int kBandHeading = 34;
 constexpr int kFooterHeight = 48;
 constexpr int kMinimumWidth = 700;
+// The largest side of an image surface cairo makes.
+constexpr int kMaxFigureSide = 32767;
 // Pixels across the disc of a fitted panel drawn without an image.
 constexpr int kModelGridRadius = kDisc / 2;
 
@@ -248,7 +250,7 @@ band make_band(const report_entry& entry, int w, const measured_pupil* measured,
     b.notes = aberration_notes(entry.metrics[std::size_t(w)]);
     if (measured != nullptr) {
         b.g = measured->geometry;
-        b.cutoff = measured->waves[std::size_t(w)].cutoff;
+        b.cutoff = measured->of(w).cutoff;
     } else if (residual != nullptr) {
         b.g = residual->geometry;
         b.cutoff = residual->cutoff[std::size_t(w)];
@@ -261,7 +263,7 @@ band make_band(const report_entry& entry, int w, const measured_pupil* measured,
     if (measured != nullptr) {
         amplitude.push_back(empty_panel(b, "measured amplitude", "a.u.", false));
         phase.push_back(empty_panel(b, "measured phase, unwrapped", "rad", false));
-        add_measured(measured->waves[std::size_t(w)], b, &amplitude.back(), &phase.back());
+        add_measured(measured->of(w), b, &amplitude.back(), &phase.back());
     }
     amplitude.push_back(empty_panel(b, "fitted amplitude", "a.u.", false));
     phase.push_back(empty_panel(b, "fitted phase", "rad", false));
@@ -422,22 +424,24 @@ struct figure_size {
     int width, height;
 };
 
-figure_size size_of(const std::vector<band>& bands) {
-    int columns = 0, height = kHeaderHeight + kFooterHeight;
-    for (const band& b : bands) {
-        for (const auto& row : b.rows) columns = std::max(columns, int(row.size()));
-        height += kBandHeading + int(b.rows.size()) * kPanelHeight;
-    }
-    return {std::max(kMinimumWidth, columns * kPanelWidth + 2 * kMargin), height};
+// Every band has the rows of the first, so the figure's size follows from
+// one band and their number.
+figure_size size_of(const band& first, std::size_t count) {
+    int columns = 0;
+    for (const auto& row : first.rows) columns = std::max(columns, int(row.size()));
+    const std::int64_t height =
+        kHeaderHeight + kFooterHeight +
+        std::int64_t(count) * (kBandHeading + std::int64_t(first.rows.size()) * kPanelHeight);
+    return {std::max(kMinimumWidth, columns * kPanelWidth + 2 * kMargin),
+            int(std::min<std::int64_t>(height, INT32_MAX))};
 }
 
-void draw_figure(cairo_t* cr, const report_entry& entry, const std::vector<band>& bands,
-                 const figure_size& size, bool residual) {
+void draw_header(cairo_t* cr, const report_entry& entry) {
     cairo_set_source_rgb(cr, 1.0, 1.0, 1.0);
     cairo_paint(cr);
     cairo_set_source_rgb(cr, 0.1, 0.1, 0.1);
     set_font(cr, 17.0, true);
-    text_at(cr, kMargin, 26, entry.model.file);
+    text_at(cr, kMargin, 26, utf8_name(entry.model.file));
     set_font(cr, 13.0, false);
     char optics[160];
     std::snprintf(optics, sizeof optics,
@@ -447,26 +451,29 @@ void draw_figure(cairo_t* cr, const report_entry& entry, const std::vector<band>
                   entry.model.phase_n, entry.model.phase_m, entry.model.amplitude_n,
                   entry.model.amplitude_m);
     text_at(cr, kMargin, 46, optics);
+}
 
-    double y = kHeaderHeight;
-    for (const band& b : bands) {
-        set_font(cr, 15.0, true);
-        cairo_set_source_rgb(cr, 0.1, 0.1, 0.1);
-        text_at(cr, kMargin, y + 24, b.heading);
-        y += kBandHeading;
-        std::size_t columns = 0;
-        for (const auto& row : b.rows) columns = std::max(columns, row.size());
-        bool noted = false;
-        for (const auto& row : b.rows) {
-            for (std::size_t k = 0; k < row.size(); ++k)
-                draw_panel(cr, b, row[k], kMargin + double(k) * kPanelWidth, y);
-            if (!noted && row.size() < columns) {
-                draw_notes(cr, b, kMargin + double(row.size()) * kPanelWidth, y);
-                noted = true;
-            }
-            y += kPanelHeight;
+// Draws band b from height *y down, and moves *y below it.
+void draw_band(cairo_t* cr, const band& b, double* y) {
+    set_font(cr, 15.0, true);
+    cairo_set_source_rgb(cr, 0.1, 0.1, 0.1);
+    text_at(cr, kMargin, *y + 24, b.heading);
+    *y += kBandHeading;
+    std::size_t columns = 0;
+    for (const auto& row : b.rows) columns = std::max(columns, row.size());
+    bool noted = false;
+    for (const auto& row : b.rows) {
+        for (std::size_t k = 0; k < row.size(); ++k)
+            draw_panel(cr, b, row[k], kMargin + double(k) * kPanelWidth, *y);
+        if (!noted && row.size() < columns) {
+            draw_notes(cr, b, kMargin + double(row.size()) * kPanelWidth, *y);
+            noted = true;
         }
+        *y += kPanelHeight;
     }
+}
+
+void draw_footer(cairo_t* cr, const figure_size& size, bool residual) {
     set_font(cr, 12.0, false);
     cairo_set_source_rgb(cr, 0.3, 0.3, 0.3);
     text_at(cr, kMargin, size.height - 28,
@@ -534,18 +541,41 @@ int write_report_figure(const char* png_name, const report_entry& entry, const c
         status = check_same_pixels(image_name, measured.geometry, residual_name, residual.geometry);
     if (status != 0) return 1;
 
-    std::vector<band> bands;
-    for (int w = 0; w < int(entry.model.waves.size()); ++w) {
-        bands.push_back(make_band(entry, w, image_name ? &measured : nullptr,
-                                  residual_name ? &residual : nullptr));
+    // One band at a time, each made just before it is drawn: memory holds
+    // one wavelength's panels whatever the fit file's count.
+    const measured_pupil* measured_used = image_name ? &measured : nullptr;
+    const residual_image* residual_used = residual_name ? &residual : nullptr;
+    const std::size_t count = entry.model.waves.size();
+    band current = make_band(entry, 0, measured_used, residual_used);
+    const figure_size size = size_of(current, count);
+    if (size.height > kMaxFigureSide) {
+        std::fprintf(stderr,
+                     "torvel-report: %s: a figure of %zu wavelengths would be %d pixels high, "
+                     "more than the %d a PNG is drawn with\n",
+                     png_name, count, size.height, kMaxFigureSide);
+        return 1;
     }
-    const figure_size size = size_of(bands);
     cairo_surface_t* surface =
         cairo_image_surface_create(CAIRO_FORMAT_RGB24, size.width, size.height);
     cairo_t* cr = cairo_create(surface);
-    draw_figure(cr, entry, bands, size, residual_name != nullptr);
+    draw_header(cr, entry);
+    double y = kHeaderHeight;
+    for (std::size_t w = 0; w < count; ++w) {
+        if (w > 0) current = make_band(entry, int(w), measured_used, residual_used);
+        draw_band(cr, current, &y);
+    }
+    draw_footer(cr, size, residual_name != nullptr);
+    // cairo records its first failure and then draws nothing more: a
+    // figure it failed to draw must not be written as if it were whole.
+    const cairo_status_t drawn = cairo_status(cr);
     cairo_destroy(cr);
-    const int result = write_png(surface, png_name);
+    int result = 1;
+    if (drawn != CAIRO_STATUS_SUCCESS) {
+        std::fprintf(stderr, "torvel-report: %s: the figure could not be drawn: %s\n", png_name,
+                     cairo_status_to_string(drawn));
+    } else {
+        result = write_png(surface, png_name);
+    }
     cairo_surface_destroy(surface);
     // Nothing of cairo's is in use any more: let it release its font caches,
     // so that a leak checker sees only what is really lost.

@@ -8,6 +8,7 @@
 #include <limits>
 #include <memory>
 #include <numbers>
+#include <utility>
 
 #include <torvel/pupil.hpp>
 #include <torvel/report.hpp>
@@ -194,6 +195,11 @@ int load_report_model(const char* file, report_model* model) {
         return 1;
     }
     ParametricPupil* p = pupil.get();
+    char unusable[200];
+    if (find_unusable_pupil_value(p, unusable, sizeof unusable) != 0) {
+        std::fprintf(stderr, "torvel-report: %s: %s\n", file, unusable);
+        return 1;
+    }
     model->file = file;
     model->na = get_parametric_pupil_numerical_aperture(p);
     model->n_imm = get_parametric_pupil_immersion_refractive_index(p);
@@ -210,6 +216,27 @@ int load_report_model(const char* file, report_model* model) {
              copy_coefficients(get_parametric_pupil_phase_zernike_coeff(p, w), phase_count)});
     }
     return check_model(*model);
+}
+
+int check_wavelength_metrics(const report_model& model, const wavelength_metrics& w) {
+    const std::pair<const char*, double> figures[] = {
+        {"rms", w.rms_rad},
+        {"rms without defocus", w.rms_nodefocus_rad},
+        {"peak to valley", w.pv_rad},
+        {"peak to valley without defocus", w.pv_nodefocus_rad},
+        {"mean amplitude", w.mean_amplitude},
+        {"relative amplitude rms", w.amplitude_relative_rms},
+        {"defocus", w.defocus_nm},
+        {"spherical aberration", w.spherical_nm},
+    };
+    for (const auto& [name, value] : figures) {
+        if (std::isfinite(value)) continue;
+        std::fprintf(stderr, "torvel-report: %s: the %s at %g nm is %g%s\n", model.file.c_str(),
+                     name, w.wavelength_nm, value,
+                     w.mean_amplitude == 0.0 ? " (the mean amplitude is 0)" : "");
+        return 1;
+    }
+    return 0;
 }
 
 wavelength_metrics compute_wavelength_metrics(const report_model& model, int wave) {

@@ -220,14 +220,17 @@ double* get_parametric_pupil_phase_polarf_coeff(ParametricPupil* pupil, std::int
 
 // ---- checks for the programs that use a model ------------------------------
 
-// The reader stores numbers as the file gives them, "nan" and "inf"
-// included, and a model in which one of them stands evaluates to NaN
-// everywhere. Writes to text (size bytes, NUL terminated) what the first
-// value of pupil that is not a finite number is, e.g. "the phase Zernike
-// coefficient of slot 3 at wavelength 1 is nan", and returns 1; returns 0
-// when the aperture, the immersion index, every wavelength and every
-// Zernike and polar Fourier coefficient are finite.
-int describe_non_finite_pupil_value(const ParametricPupil* pupil, char* text, std::size_t size);
+// The reader stores numbers as the file gives them, "nan", "inf" and 1e308
+// included, and a model holding one evaluates to NaN or overflows the
+// floats of an image. Writes to text (size bytes, NUL terminated) what the
+// first such value of pupil is, e.g. "the phase Zernike coefficient of slot
+// 3 at wavelength 1 is nan", and returns 1. Returns 0 when the aperture,
+// the immersion index, every wavelength and every coefficient are finite
+// and, at every wavelength, the magnitudes of each Zernike series'
+// coefficients add up to less than the largest float: as no basis function
+// exceeds 1 in magnitude, the series' values then fit in a float
+// everywhere on the disc.
+int find_unusable_pupil_value(const ParametricPupil* pupil, char* text, std::size_t size);
 
 // ---- text file -------------------------------------------------------------
 
