@@ -429,6 +429,22 @@ bool check_block(const char* name, const Header& h) {
     return true;
 }
 
+// A file shorter than its header promises: one cut short, or the image of
+// a run that failed before writing every section. Named by the sections it
+// lacks, so that nobody takes it for a whole image.
+void report_missing_sections(const char* name, std::uint64_t promised, std::uint64_t each,
+                             std::uint64_t whole) {
+    const auto ull = [](std::uint64_t v) { return static_cast<unsigned long long>(v); };
+    char missing[64];
+    if (whole + 1 == promised)
+        std::snprintf(missing, sizeof missing, "section %llu is missing", ull(whole));
+    else
+        std::snprintf(missing, sizeof missing, "sections %llu to %llu are missing", ull(whole),
+                      ull(promised - 1));
+    report(name, "holds %llu of the %llu sections its header promises (%llu bytes each): %s",
+           ull(whole), ull(promised), ull(each), missing);
+}
+
 // Checks a header (already little-endian) against a file of file_size bytes.
 bool check_header(const char* name, const Header& h, std::uint64_t file_size) {
     const std::int32_t nx = get_i32(h, kNx), ny = get_i32(h, kNx + 4), nz = get_i32(h, kNx + 8);
@@ -453,11 +469,11 @@ bool check_header(const char* name, const Header& h, std::uint64_t file_size) {
                static_cast<unsigned long long>(after_header));
         return false;
     }
-    const std::uint64_t promised = saturating_product(section_bytes(h), std::uint64_t(nz));
+    const std::uint64_t each = section_bytes(h);
+    const std::uint64_t promised = saturating_product(each, std::uint64_t(nz));
     const std::uint64_t held = after_header - std::uint64_t(nsymbt);
     if (promised > held) {
-        report(name, "header promises %llu bytes of sections, file holds %llu",
-               static_cast<unsigned long long>(promised), static_cast<unsigned long long>(held));
+        report_missing_sections(name, std::uint64_t(nz), each, held / each);
         return false;
     }
     return true;
@@ -694,7 +710,11 @@ int image_open(int stream, const char* name, const char* access) noexcept {
     return 1;
 }
 
-int image_close(int stream) noexcept {
+namespace {
+
+// image_close and image_close_unfinished: keep_over_file says whether the
+// image may replace a file at its name.
+int close_stream(int stream, bool keep_over_file) {
     if (!in_range(stream) || !g_streams[stream]) return 0;
     Stream& s = *g_streams[stream];
     if (s.writable && s.header_dirty && !s.write_failed) write_header_to_file(s);
@@ -704,13 +724,33 @@ int image_close(int stream) noexcept {
         g_streams[stream].reset();
         return 1;
     }
+    if (!s.writable) {
+        std::fclose(s.file.release());
+        g_streams[stream].reset();
+        return 0;
+    }
     int status = 0;
-    if (s.writable ? safe_output_commit(&s.output) != 0 : std::fclose(s.file.release()) != 0) {
-        report(s.name.get(), "cannot finish writing: %s", std::strerror(errno));
-        status = s.writable ? 1 : 0;
+    if (keep_over_file) {
+        if (safe_output_commit(&s.output) != 0) {
+            report(s.name.get(), "cannot finish writing: %s", std::strerror(errno));
+            status = 1;
+        }
+    } else if (safe_output_commit_if_free(&s.output) != 0 && errno != EEXIST) {
+        report(s.name.get(), "cannot keep what was written: %s", std::strerror(errno));
+        status = 1;
     }
     g_streams[stream].reset();
     return status;
+}
+
+}  // namespace
+
+int image_close(int stream) noexcept {
+    return close_stream(stream, true);
+}
+
+int image_close_unfinished(int stream) noexcept {
+    return close_stream(stream, false);
 }
 
 void image_set_program_name(const char* name) noexcept {
