@@ -55,12 +55,13 @@ std::vector<std::string> split_words(const std::uint8_t* data, std::size_t size)
 }
 
 // A file name in the scratch folder made of the word's bytes, any byte but
-// '/' kept (names that are not UTF-8 included).
+// '/' kept (names that are not UTF-8 included) after "fit-", which keeps it
+// apart from the temporary files, whose names begin with '.'.
 std::string fit_name(std::string word) {
     for (char& ch : word)
         if (ch == '/') ch = '_';
-    if (word.empty() || word == "." || word == ".." || word.size() > 100) word = "fit.txt";
-    return word;
+    if (word.size() > 100) word.resize(100);
+    return "fit-" + word;
 }
 
 bool too_much_work(const std::string& path) {

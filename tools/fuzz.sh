@@ -31,9 +31,14 @@ for t in "${targets[@]}"; do
     log=build/fuzz/logs/$t.log
     echo "fuzzing $t for $seconds s (log: $log)"
     status=0
+    # One input of companions is a whole run of torvel-render and
+    # torvel-report (the report's peak-to-valley grid alone is 185,000
+    # points), a second or more under the sanitizers on a busy machine.
+    timeout=10
+    [[ $t == companions ]] && timeout=120
     ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
         "build/fuzz/fuzz/fuzz_$t" "$work" "fuzz/corpus/$t" -max_total_time="$seconds" \
-        -max_len=8192 -timeout=10 -rss_limit_mb=2048 -close_fd_mask=3 -print_final_stats=1 \
+        -max_len=8192 -timeout=$timeout -rss_limit_mb=2048 -close_fd_mask=3 -print_final_stats=1 \
         -artifact_prefix="$crashes/" >"$log" 2>&1 || status=$?
     grep -E '^stat::number_of_executed_units' "$log" || true
     if ((status != 0)); then
