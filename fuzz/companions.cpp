@@ -39,21 +39,6 @@ namespace fs = std::filesystem;
 constexpr std::int64_t kMaxPixels = 48 * 48;
 constexpr int kMaxOrder = 120;
 
-std::vector<std::string> split_words(const std::uint8_t* data, std::size_t size) {
-    std::vector<std::string> words;
-    std::string word;
-    for (std::size_t i = 0; i < size; ++i) {
-        if (data[i] == 0) {
-            words.push_back(word);
-            word.clear();
-        } else {
-            word += char(data[i]);
-        }
-    }
-    words.push_back(word);
-    return words;
-}
-
 // A file name in the scratch folder made of the word's bytes, any byte but
 // '/' kept (names that are not UTF-8 included) after "fit-", which keeps it
 // apart from the temporary files, whose names begin with '.'.
@@ -164,7 +149,8 @@ int run_report(std::vector<std::string> args) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const bool named = (image_set_program_name("torvel-fuzz"), true);
     (void)named;
-    std::vector<std::string> words = split_words(data, size);
+    std::vector<std::string> words = fuzz::split_at_zero_bytes(data, size);
+    if (words.empty()) words.push_back("");
     const std::string fit = fuzz::scratch_path(fit_name(words.size() > 1 ? words[1] : "").c_str());
     const std::string image = fuzz::scratch_path("image.mrc");
     const std::string json = fuzz::scratch_path("report.json");
