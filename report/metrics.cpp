@@ -171,11 +171,13 @@ int check_model(const report_model& model) {
         return 1;
     }
     for (std::size_t w = 0; w < model.waves.size(); ++w) {
+        // Figures are given for the wavelength as the fit file writes it, to
+        // six decimals of a micrometre; one that rounds to 0 has none.
         const float um = model.waves[w].wavelength_um;
-        if (!(um > 0.0f) || !std::isfinite(um)) {
+        if (!(std::round(double(um) * 1e6) > 0.0) || !std::isfinite(um)) {
             std::fprintf(stderr,
                          "torvel-report: %s: wavelength %zu is %g um; a wavelength must be "
-                         "positive\n",
+                         "positive (at least 0.000001 um as fit files write it)\n",
                          model.file.c_str(), w, double(um));
             return 1;
         }
