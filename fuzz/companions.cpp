@@ -41,10 +41,11 @@ constexpr int kMaxOrder = 120;
 
 // A file name in the scratch folder made of the word's bytes, any byte but
 // '/' kept (names that are not UTF-8 included) after "fit-", which keeps it
-// apart from the temporary files, whose names begin with '.'.
+// apart from the temporary files, whose names begin with '.'. Commas go
+// too, so that ",nan" in the CSV can only be a number.
 std::string fit_name(std::string word) {
     for (char& ch : word)
-        if (ch == '/') ch = '_';
+        if (ch == '/' || ch == ',') ch = '_';
     if (word.size() > 100) word.resize(100);
     return "fit-" + word;
 }

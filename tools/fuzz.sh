@@ -30,16 +30,16 @@ for t in "${targets[@]}"; do
     mkdir -p "$work" "$crashes"
     log=build/fuzz/logs/$t.log
     echo "fuzzing $t for $seconds s (log: $log)"
+    # cairo's fonts load fontconfig's configuration once for the process;
+    # LeakSanitizer is told so, as the report's test tells it.
+    export LSAN_OPTIONS=suppressions=$PWD/tests/report/lsan.supp:print_suppressions=0
     status=0
     # One input of companions is a whole run of torvel-render and
     # torvel-report (the report's peak-to-valley grid alone is 185,000
     # points), a second or more under the sanitizers on a busy machine.
     timeout=10
     [[ $t == companions ]] && timeout=120
-    # cairo's fonts load fontconfig's configuration once for the process;
-    # LeakSanitizer is told so, as the report's test tells it.
     ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
-        LSAN_OPTIONS=suppressions=$PWD/tests/report/lsan.supp:print_suppressions=0 \
         "build/fuzz/fuzz/fuzz_$t" "$work" "fuzz/corpus/$t" -max_total_time="$seconds" \
         -max_len=8192 -timeout=$timeout -rss_limit_mb=2048 -close_fd_mask=3 -print_final_stats=1 \
         -artifact_prefix="$crashes/" >"$log" 2>&1 || status=$?
