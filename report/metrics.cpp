@@ -427,15 +427,17 @@ wavelength_metrics compute_wavelength_metrics(const report_model& model, int wav
 int check_wavelength_metrics(const report_model& model, const wavelength_metrics& w) {
     const std::pair<const char*, double> figures[] = {
         {"rms", w.rms_rad},
-        {"rms without defocus", w.rms_nodefocus_rad},
         {"peak to valley", w.pv_rad},
-        {"peak to valley without defocus", w.pv_nodefocus_rad},
+        {"focus shift", w.focus_shift_um},
+        {"rms at best focus", w.rms_best_focus_rad},
+        {"peak to valley at best focus", w.pv_best_focus_rad},
+        {"paraxial focus shift", w.focus_shift_paraxial_um},
+        {"paraxial rms", w.rms_paraxial_rad},
+        {"paraxial peak to valley", w.pv_paraxial_rad},
         {"mean amplitude", w.mean_amplitude},
         {"relative amplitude rms", w.amplitude_relative_rms},
         {"defocus", w.defocus_nm},
         {"spherical aberration", w.spherical_nm},
-        {"focus shift", w.focus_shift_um},
-        {"rms at best focus", w.rms_best_focus_rad},
     };
     for (const auto& [name, value] : figures) {
         if (std::isfinite(value)) continue;
