@@ -2,8 +2,8 @@
 #   torvel        the programs, their manual pages and the sample image;
 #   libtorvel-dev the static library, its headers, CMake package and torvel.pc.
 # dpkg-shlibdeps names the shared libraries the programs need (libc, libstdc++,
-# the LAPACK they were linked with); the dev package asks for the LAPACK
-# development package that its users link.
+# the LAPACK they were linked with); the dev package asks for the LAPACK and
+# libtiff development packages that its users link.
 set(CPACK_PACKAGE_NAME torvel)
 set(CPACK_PACKAGE_VENDOR "torvel developers")
 set(CPACK_PACKAGE_CONTACT "torvel developers <torvel@localhost>")
@@ -27,15 +27,16 @@ string(JOIN "\n" CPACK_DEBIAN_DEV_DESCRIPTION
   "torvel's pupil fitting library (development files)"
   "The static library libtorvel with its headers <torvel/NAME.hpp>, a CMake"
   "package (find_package(torvel)) and a pkg-config file (torvel.pc): Zernike"
-  "series, pupil fits, the parametric pupil file and the MRC2014 image layer.")
+  "series, pupil fits, the parametric pupil file and the image layer (MRC2014,"
+  "and TIFF stacks).")
 # The programs look for OpenBLAS first in the directory of the build they
 # were linked with; dpkg-shlibdeps names only OpenBLAS as such.
 if(LAPACK_LIBRARIES MATCHES "openblas-([a-z]+)/")
   set(CPACK_DEBIAN_TORVEL_PACKAGE_DEPENDS "libopenblas0-${CMAKE_MATCH_1}")
 endif()
 if(LAPACK_LIBRARIES MATCHES "openblas")
-  set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libopenblas-dev")
+  set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libopenblas-dev, libtiff-dev")
 else()
-  set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "liblapack-dev")
+  set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "liblapack-dev, libtiff-dev")
 endif()
 include(CPack)
