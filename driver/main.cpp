@@ -39,5 +39,6 @@ int main(int argc, char** argv) {
         if (const int status = fit_wavelength(inputs, header, slot, &run); status != 0)
             return status;
     }
-    return write_fit_file(run.pupil.get(), inputs.output_name);
+    if (write_fit_file(run.pupil.get(), inputs.output_name) != 0) return 1;
+    return finish_run(&run);
 }

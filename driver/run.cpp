@@ -109,10 +109,23 @@ int check_finite_planes(const fit_inputs& inputs, const input_header& h, int slo
 fit_run::~fit_run() {
     if (input_open) image_close(kInput);
     if (residual_open) {
+        // A run that failed keeps the sections it wrote only where no file
+        // was: an earlier residual image under the name is never replaced
+        // by a part of a new one.
         image_write_header(kResidual, nullptr, -1, residual_stats[0], residual_stats[1],
                            residual_stats[2]);
-        image_close(kResidual);
+        image_close_unfinished(kResidual);
     }
+}
+
+int finish_run(fit_run* run) {
+    if (run->input_open) image_close(kInput);
+    run->input_open = false;
+    if (!run->residual_open) return 0;
+    run->residual_open = false;
+    image_write_header(kResidual, nullptr, -1, run->residual_stats[0], run->residual_stats[1],
+                       run->residual_stats[2]);
+    return image_close(kResidual) != 0 ? 1 : 0;
 }
 
 int open_input_image(const char* name, fit_run* run, input_header* header) {

@@ -99,16 +99,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     (void)quiet;
 
     std::vector<std::string> words{"torvel", input};
-    std::string word;
-    for (std::size_t i = 0; i < size; ++i) {
-        if (data[i] == 0) {
-            words.push_back(word);
-            word.clear();
-        } else {
-            word += char(data[i]);
-        }
-    }
-    if (size > 0) words.push_back(word);
+    for (std::string& word : fuzz::split_at_zero_bytes(data, size)) words.push_back(word);
     std::vector<char*> argv;
     for (std::string& w : words) argv.push_back(w.data());
     argv.push_back(nullptr);

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <vector>
 
 #include <unistd.h>
 
@@ -44,6 +45,23 @@ inline void write_bytes(const std::string& path, const std::uint8_t* data, std::
     if (f == nullptr) std::abort();
     if (size > 0 && std::fwrite(data, 1, size, f) != size) std::abort();
     if (std::fclose(f) != 0) std::abort();
+}
+
+// The bytes split at each zero byte into words; none for no bytes.
+inline std::vector<std::string> split_at_zero_bytes(const std::uint8_t* data, std::size_t size) {
+    std::vector<std::string> words;
+    if (size == 0) return words;
+    std::string word;
+    for (std::size_t i = 0; i < size; ++i) {
+        if (data[i] == 0) {
+            words.push_back(word);
+            word.clear();
+        } else {
+            word += char(data[i]);
+        }
+    }
+    words.push_back(word);
+    return words;
 }
 
 }  // namespace torvel::fuzz

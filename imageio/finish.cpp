@@ -53,7 +53,11 @@ namespace torvel {
 
 using namespace mrc;
 
-int image_close(int stream) noexcept {
+namespace {
+
+// image_close and image_close_unfinished: keep_over_file says whether the
+// image may replace a file at its name.
+int close_stream(int stream, bool keep_over_file) {
     if (!in_range(stream) || !g_streams[stream]) return 0;
     Stream& s = *g_streams[stream];
     if (s.writable && s.header_dirty && !s.write_failed) write_header_to_file(s);
@@ -63,13 +67,33 @@ int image_close(int stream) noexcept {
         g_streams[stream].reset();
         return 1;
     }
+    if (!s.writable) {
+        std::fclose(s.file.release());
+        g_streams[stream].reset();
+        return 0;
+    }
     int status = 0;
-    if (s.writable ? safe_output_commit(&s.output) != 0 : std::fclose(s.file.release()) != 0) {
-        report(s.name.get(), "cannot finish writing: %s", std::strerror(errno));
-        status = s.writable ? 1 : 0;
+    if (keep_over_file) {
+        if (safe_output_commit(&s.output) != 0) {
+            report(s.name.get(), "cannot finish writing: %s", std::strerror(errno));
+            status = 1;
+        }
+    } else if (safe_output_commit_if_free(&s.output) != 0 && errno != EEXIST) {
+        report(s.name.get(), "cannot keep what was written: %s", std::strerror(errno));
+        status = 1;
     }
     g_streams[stream].reset();
     return status;
+}
+
+}  // namespace
+
+int image_close(int stream) noexcept {
+    return close_stream(stream, true);
+}
+
+int image_close_unfinished(int stream) noexcept {
+    return close_stream(stream, false);
 }
 
 void image_discard(int stream) noexcept {

@@ -53,6 +53,22 @@ bool check_block(const char* name, const Header& h) {
     return true;
 }
 
+// A file shorter than its header promises: one cut short, or the image of
+// a run that failed before writing every section. Named by the sections it
+// lacks, so that nobody takes it for a whole image.
+void report_missing_sections(const char* name, std::uint64_t promised, std::uint64_t each,
+                             std::uint64_t whole) {
+    const auto ull = [](std::uint64_t v) { return static_cast<unsigned long long>(v); };
+    char missing[64];
+    if (whole + 1 == promised)
+        std::snprintf(missing, sizeof missing, "section %llu is missing", ull(whole));
+    else
+        std::snprintf(missing, sizeof missing, "sections %llu to %llu are missing", ull(whole),
+                      ull(promised - 1));
+    report(name, "holds %llu of the %llu sections its header promises (%llu bytes each): %s",
+           ull(whole), ull(promised), ull(each), missing);
+}
+
 // Checks a header (already little-endian) against a file of file_size bytes.
 bool check_header(const char* name, const Header& h, std::uint64_t file_size) {
     const std::int32_t nx = get_i32(h, kNx), ny = get_i32(h, kNx + 4), nz = get_i32(h, kNx + 8);
@@ -77,11 +93,11 @@ bool check_header(const char* name, const Header& h, std::uint64_t file_size) {
                static_cast<unsigned long long>(after_header));
         return false;
     }
-    const std::uint64_t promised = saturating_product(section_bytes(h), std::uint64_t(nz));
+    const std::uint64_t each = section_bytes(h);
+    const std::uint64_t promised = saturating_product(each, std::uint64_t(nz));
     const std::uint64_t held = after_header - std::uint64_t(nsymbt);
     if (promised > held) {
-        report(name, "header promises %llu bytes of sections, file holds %llu",
-               static_cast<unsigned long long>(promised), static_cast<unsigned long long>(held));
+        report_missing_sections(name, std::uint64_t(nz), each, held / each);
         return false;
     }
     return true;

@@ -1,6 +1,8 @@
 // The command line and usage text of torvel-render, and the reading of the
 // model it renders.
 
+#include <cfloat>
+#include <climits>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -82,12 +84,13 @@ struct option_args {
 
 int parse_size(const option_args& args, render_inputs* inputs) {
     int values[2] = {0, 0};
-    const int count = get_intswitchc(kSizeOption, args.argv, args.argc, 2, values);
+    const int count =
+        get_intswitch_within(kSizeOption, args.argv, args.argc, 2, 1, INT_MAX, values);
     if (count == -1) return 0;
     if (count == 1) values[1] = values[0];
-    if ((count != 1 && count != 2) || values[0] < 1 || values[1] < 1) {
-        std::fprintf(stderr, "%s: %s expects one or two positive integers, nx[:ny]\n", kProgram,
-                     kSizeOption);
+    if (count != 1 && count != 2) {
+        std::fprintf(stderr, "%s: %s expects one or two integers from 1 to %d, nx[:ny]\n",
+                     kProgram, kSizeOption, INT_MAX);
         return 1;
     }
     inputs->nx = values[0];
@@ -97,9 +100,10 @@ int parse_size(const option_args& args, render_inputs* inputs) {
 
 int parse_spacing(const option_args& args, render_inputs* inputs) {
     float value = 0.0f;
-    const int count = get_floatswitch(kSpacingOption, args.argv, args.argc, 1, &value);
+    const int count =
+        get_floatswitch_within(kSpacingOption, args.argv, args.argc, 1, 0.0, FLT_MAX, &value);
     if (count == -1) return 0;
-    if (count != 1 || !(value > 0.0f) || !std::isfinite(value)) {
+    if (count != 1 || !(value > 0.0f)) {
         std::fprintf(stderr, "%s: %s expects one positive number\n", kProgram, kSpacingOption);
         return 1;
     }
@@ -109,9 +113,10 @@ int parse_spacing(const option_args& args, render_inputs* inputs) {
 
 int parse_centre(const option_args& args, render_inputs* inputs) {
     float values[2] = {0.0f, 0.0f};
-    const int count = get_floatswitch(kCentreOption, args.argv, args.argc, 2, values);
+    const int count =
+        get_floatswitch_within(kCentreOption, args.argv, args.argc, 2, -FLT_MAX, FLT_MAX, values);
     if (count == -1) return 0;
-    if (count != 2 || !std::isfinite(values[0]) || !std::isfinite(values[1])) {
+    if (count != 2) {
         std::fprintf(stderr, "%s: %s expects two numbers, x0:y0\n", kProgram, kCentreOption);
         return 1;
     }
@@ -133,9 +138,9 @@ bool parse_drop_item(const char* item, std::size_t length, zernike_term* term) {
         return true;
     }
     int values[2] = {0, 0};
-    if (extract_switch_ints(text, 2, values) != 2) return false;
+    if (extract_switch_ints_within(text, 2, 0, kMaxZernikeOrder, values) != 2) return false;
     const int n = values[0], m = values[1];
-    if (m < 0 || m > n || n > kMaxZernikeOrder || (n - m) % 2 != 0) return false;
+    if (m > n || (n - m) % 2 != 0) return false;
     *term = {n, m};
     return true;
 }
@@ -184,6 +189,14 @@ int select_wavelengths(const char* program, const char* value, const char* model
         choice->wavelength_count = count;
         return 0;
     }
+    // The selection helper reads its numbers as torvel does, where a number
+    // too large for an int wraps to another; here one is refused first.
+    int ignored = 0;
+    if (extract_switch_ints_within(value, 0, INT_MIN, INT_MAX, &ignored) == 0) {
+        std::fprintf(stderr, "%s: %s expects indices or wavelengths in nm separated by \":\"\n",
+                     kProgram, kWaveOption);
+        return 1;
+    }
     std::unique_ptr<float[]> nm(new (std::nothrow) float[std::size_t(count)]);
     if (!nm) {
         std::fprintf(stderr, "%s: insufficient memory\n", program);
@@ -196,18 +209,6 @@ int select_wavelengths(const char* program, const char* value, const char* model
     choice->wavelength_count = 0;
     while (choice->wavelength_index[choice->wavelength_count] >= 0) ++choice->wavelength_count;
     return 0;
-}
-
-// Whether every coefficient of one series of the selected wavelengths is finite.
-bool finite_series(double* (*coeff_of)(ParametricPupil*, std::int32_t), std::int32_t count,
-                   const ParametricPupil& model, const model_choice& choice) {
-    auto* record = const_cast<ParametricPupil*>(&model);  // the getters take it writable
-    for (int k = 0; k < choice.wavelength_count; ++k) {
-        const double* coeff = coeff_of(record, choice.wavelength_index[k]);
-        for (std::int32_t t = 0; coeff != nullptr && t < count; ++t)
-            if (!std::isfinite(coeff[t])) return false;
-    }
-    return true;
 }
 
 // What the model must be for a companion program to evaluate it and for
@@ -225,6 +226,11 @@ int check_model(const char* program, const char* model_name, const ParametricPup
             error = 1;
         }
     }
+    char what[160];
+    if (find_unusable_pupil_value(&model, what, sizeof what) != 0) {
+        std::fprintf(stderr, "%s: %s: %s\n", program, model_name, what);
+        error = 1;
+    }
     const float na = get_parametric_pupil_numerical_aperture(&model);
     const float n_imm = get_parametric_pupil_immersion_refractive_index(&model);
     if (!(na / n_imm <= 1.0f)) {
@@ -232,14 +238,6 @@ int check_model(const char* program, const char* model_name, const ParametricPup
                      "%s: %s: numerical aperture %g above the immersion index %g; torvel would "
                      "refuse the image\n",
                      program, model_name, double(na), double(n_imm));
-        error = 1;
-    }
-    if (!finite_series(get_parametric_pupil_amplitude_zernike_coeff,
-                       get_parametric_pupil_amplitude_zernike_count(&model), model, choice) ||
-        !finite_series(get_parametric_pupil_phase_zernike_coeff,
-                       get_parametric_pupil_phase_zernike_count(&model), model, choice)) {
-        std::fprintf(stderr, "%s: %s: a coefficient is not a finite number\n", program,
-                     model_name);
         error = 1;
     }
     if (get_parametric_pupil_amplitude_polarf_count(&model) > 0 ||

@@ -101,6 +101,24 @@ int write_slot(bool complex_form, int slot, const float* plane, std::int64_t pix
     return 0;
 }
 
+// A model whose values overflow a float, or a geometry that makes no sense
+// of it, must not pass off NaNs and infinities as a pupil image.
+int check_finite(const render_inputs& inputs, const pupil_grid& grid, float wavelength_nm,
+                 const float* plane) {
+    const std::int64_t pixels = std::int64_t(grid.nx) * grid.ny;
+    const float* end = plane + 2 * pixels;
+    const float* bad = std::find_if(plane, end, [](float v) { return !std::isfinite(v); });
+    if (bad == end) return 0;
+    const std::int64_t at = bad - plane;
+    const std::int64_t pixel = inputs.complex_form ? at / 2 : at % pixels;
+    std::fprintf(stderr,
+                 "torvel-render: %s: the pupil at %g nm evaluates to %g at pixel (%lld, %lld): a "
+                 "coefficient or the wavelength is out of range\n",
+                 inputs.model_name, double(wavelength_nm), double(*bad),
+                 static_cast<long long>(pixel % grid.nx), static_cast<long long>(pixel / grid.nx));
+    return 1;
+}
+
 // The stream of the image being written, discarded unless it was closed
 // with everything in it.
 struct image_output {
@@ -143,8 +161,8 @@ int plan_render(const render_inputs& inputs, const ParametricPupil& model, rende
     return 0;
 }
 
-void render_wavelength(const render_inputs& inputs, ParametricPupil* model, int w,
-                       const pupil_grid& grid, float* plane) {
+int render_wavelength(const render_inputs& inputs, ParametricPupil* model, int w,
+                      const pupil_grid& grid, float* plane) {
     series amplitude{-1, -1, nullptr};
     if (!inputs.model.uniform_amplitude) {
         get_parametric_pupil_amplitude_zernike_orders(model, &amplitude.n, &amplitude.m);
@@ -153,6 +171,18 @@ void render_wavelength(const render_inputs& inputs, ParametricPupil* model, int 
     series phase{-1, -1, nullptr};
     get_parametric_pupil_phase_zernike_orders(model, &phase.n, &phase.m);
     phase.coeff = get_parametric_pupil_phase_zernike_coeff(model, w);
+    // A series is evaluated up to its last term that is not zero: a model
+    // may declare far more terms than it fills.
+    const bool amplitude_one = amplitude.n < 0;
+    series* both[2] = {&amplitude, &phase};
+    for (series* s : both)
+        if (s->n >= 0) zernike_set_in_use(s->n, s->m, s->coeff, &s->n, &s->m);
+    std::unique_ptr<double[]> scratch(new (std::nothrow) double[std::size_t(
+        zernike_recurrent_scratch_size(std::max({amplitude.n, phase.n, 0})))]);
+    if (!scratch) {
+        std::fprintf(stderr, "torvel-render: insufficient memory\n");
+        return 1;
+    }
 
     // The rim keeps the fit, and the unwrapping next to the edge, from seeing
     // a cliff where the disc ends.
@@ -166,12 +196,12 @@ void render_wavelength(const render_inputs& inputs, ParametricPupil* model, int 
             double a = 0.0;
             double phi = 0.0;
             if (p.sampled || p.rho <= rim) {
-                a = amplitude.n < 0 ? 1.0
-                                    : evaluate_zernike_series(p.rho, p.theta, amplitude.n,
-                                                              amplitude.m, amplitude.coeff);
-                phi = phase.n < 0
-                          ? 0.0
-                          : evaluate_zernike_series(p.rho, p.theta, phase.n, phase.m, phase.coeff);
+                a = amplitude_one ? 1.0
+                                  : evaluate_zernike_series_recurrent(
+                                        p.rho, p.theta, amplitude.n, amplitude.m, amplitude.coeff,
+                                        scratch.get());
+                phi = evaluate_zernike_series_recurrent(p.rho, p.theta, phase.n, phase.m,
+                                                        phase.coeff, scratch.get());
             }
             if (inputs.complex_form) {
                 plane[2 * k] = static_cast<float>(a * std::cos(phi));
@@ -182,6 +212,7 @@ void render_wavelength(const render_inputs& inputs, ParametricPupil* model, int 
             }
         }
     }
+    return 0;
 }
 
 int write_pupil_image(const char* program, const char* name, const render_plan& plan,
@@ -206,8 +237,9 @@ int write_pupil_image(const char* program, const char* name, const render_plan& 
         const pupil_grid grid{
             seen.x0, seen.y0, seen.dx, seen.dy, pupil_cutoff(seen.na, plan.wavelength_nm[slot]),
             plan.nx, plan.ny};
-        fill(context, slot, grid, plane.get());
-        if (write_slot(complex_form, slot, plane.get(), pixels) != 0) return 1;
+        if (fill(context, slot, grid, plane.get()) != 0 ||
+            write_slot(complex_form, slot, plane.get(), pixels) != 0)
+            return 1;
         if (complex_form) continue;
         value_range own;
         own.add(plane.get(), 2 * pixels);
@@ -235,9 +267,14 @@ struct render_context {
     ParametricPupil* model;
 };
 
-void render_slot(void* context, int slot, const pupil_grid& grid, float* plane) {
+int render_slot(void* context, int slot, const pupil_grid& grid, float* plane) {
     const auto* c = static_cast<const render_context*>(context);
-    render_wavelength(*c->inputs, c->model, c->inputs->model.wavelength_index[slot], grid, plane);
+    const render_inputs& inputs = *c->inputs;
+    if (render_wavelength(inputs, c->model, inputs.model.wavelength_index[slot], grid, plane) != 0)
+        return 1;
+    const float wavelength_nm =
+        get_parametric_pupil_wavelength(c->model, inputs.model.wavelength_index[slot]) * 1000.0f;
+    return check_finite(inputs, grid, wavelength_nm, plane);
 }
 
 }  // namespace

@@ -157,7 +157,7 @@ json coefficients_json(const std::vector<double>& c, int n, int m, bool phase,
 json fit_json(const report_entry& e) {
     const report_model& model = e.model;
     json fit;
-    fit["file"] = model.file;
+    fit["file"] = utf8_name(model.file);
     fit["numerical_aperture"] = model_aperture(model);
     fit["immersion_refractive_index"] = model_immersion_index(model);
     fit["lens_id"] = model.lens_id;
@@ -225,10 +225,10 @@ void append_csv_head(std::string* csv, std::span<const report_entry> entries) {
         std::snprintf(optics, sizeof optics,
                       ": numerical aperture %g, immersion refractive index %g, lens id %d\n",
                       double(e.model.na), double(e.model.n_imm), e.model.lens_id);
-        *csv += "# fit " + e.model.file + optics;
+        *csv += "# fit " + utf8_name(e.model.file) + optics;
         for (const wavelength_metrics& w : e.metrics) {
             const double nm = w.wavelength_nm;
-            *csv += "# fit " + e.model.file + ", " + number(nm) + " nm: focus_shift_um " +
+            *csv += "# fit " + utf8_name(e.model.file) + ", " + number(nm) + " nm: focus_shift_um " +
                     number(w.focus_shift_um) + ", rms_best_focus_nm " +
                     number(radians_to_nm(w.rms_best_focus_rad, nm)) +
                     "; paraxial: focus_shift_paraxial_um " + number(w.focus_shift_paraxial_um) +
@@ -244,7 +244,7 @@ void append_csv_head(std::string* csv, std::span<const report_entry> entries) {
 void append_csv_series(std::string* csv, const report_entry& e, std::size_t w, bool phase) {
     const report_model& model = e.model;
     const double nm = e.metrics[w].wavelength_nm;
-    const std::string head = csv_field(model.file) + "," + std::to_string(w) + "," + number(nm) +
+    const std::string head = csv_field(utf8_name(model.file)) + "," + std::to_string(w) + "," + number(nm) +
                              (phase ? ",phase," : ",amplitude,");
     const std::vector<double>& c = phase ? model.waves[w].phase : model.waves[w].amplitude;
     const int n = phase ? model.phase_n : model.amplitude_n;

@@ -39,6 +39,8 @@ constexpr int kHeaderHeight = 58;
 constexpr int kBandHeading = 34;
 constexpr int kFooterHeight = 48;
 constexpr int kMinimumWidth = 700;
+// The largest side of an image surface cairo makes.
+constexpr int kMaxFigureSide = 32767;
 // Pixels across the disc of a fitted panel drawn without an image.
 constexpr int kModelGridRadius = kDisc / 2;
 
@@ -109,20 +111,36 @@ panel empty_panel(const band& b, std::string title, std::string unit, bool diver
     return p;
 }
 
-// Value of a series at one point; the neutral value when there is none.
-double series_value(const std::vector<double>& c, int n, int m, double rho, double theta,
-                    double neutral) {
-    return c.empty() ? neutral : evaluate_zernike_series(rho, theta, n, m, c.data());
-}
+// One series of a fit, ready to be evaluated point after point: up to its
+// last term that is not zero, with the radial recurrence (O(n^2) a point at
+// any order) and its own scratch; the neutral value (1 for an amplitude, 0
+// for a phase) when there is no series.
+struct series_values {
+    const std::vector<double>& c;
+    int n, m;
+    double neutral;
+    std::vector<double> scratch;
+
+    series_values(const std::vector<double>& coeffs, int set_n, int set_m, double neutral_value)
+        : c(coeffs), n(-1), m(-1), neutral(neutral_value) {
+        if (!c.empty()) zernike_set_in_use(set_n, set_m, c.data(), &n, &m);
+        scratch.resize(std::size_t(zernike_recurrent_scratch_size(n)));
+    }
+
+    double at(double rho, double theta) {
+        if (c.empty()) return neutral;
+        return evaluate_zernike_series_recurrent(rho, theta, n, m, c.data(), scratch.data());
+    }
+};
 
 // The fitted amplitude and phase of wavelength w over the band's pixels.
 void add_fitted(const report_model& model, int w, const band& b, panel* amplitude, panel* phase) {
     const report_wavelength& fit = model.waves[std::size_t(w)];
+    series_values fitted_amplitude(fit.amplitude, model.amplitude_n, model.amplitude_m, 1.0);
+    series_values fitted_phase(fit.phase, model.phase_n, model.phase_m, 0.0);
     for_each_disc_pixel(b, [&](std::size_t k, std::size_t, double rho, double theta) {
-        amplitude->values[k] = float(
-            series_value(fit.amplitude, model.amplitude_n, model.amplitude_m, rho, theta, 1.0));
-        phase->values[k] =
-            float(series_value(fit.phase, model.phase_n, model.phase_m, rho, theta, 0.0));
+        amplitude->values[k] = float(fitted_amplitude.at(rho, theta));
+        phase->values[k] = float(fitted_phase.at(rho, theta));
     });
 }
 
@@ -133,8 +151,9 @@ void add_best_focus(const report_model& model, int w, const wavelength_metrics& 
     std::vector<double> c = model.waves[std::size_t(w)].phase;
     const int last = std::min(int(c.size()) - 1, zernike_term_index(1, 1) + 1);
     for (int slot = 0; slot <= last; ++slot) c[std::size_t(slot)] = 0.0;
+    series_values rest(c, model.phase_n, model.phase_m, 0.0);
     for_each_disc_pixel(b, [&](std::size_t k, std::size_t, double rho, double theta) {
-        const double phase = series_value(c, model.phase_n, model.phase_m, rho, theta, 0.0) -
+        const double phase = rest.at(rho, theta) -
                              focus_shift_phase(model, metrics.wavelength_nm, metrics.focus_shift_um,
                                                metrics.focus_mean_path, rho);
         waves->values[k] = float(phase / (2.0 * std::numbers::pi));
@@ -154,10 +173,11 @@ void add_measured(const measured_wavelength& m, const band& b, panel* amplitude,
 void add_residual(const report_model& model, int w, const float* r, const band& b, panel* amplitude,
                   panel* phase) {
     const report_wavelength& fit = model.waves[std::size_t(w)];
+    series_values fitted_amplitude(fit.amplitude, model.amplitude_n, model.amplitude_m, 1.0);
+    series_values fitted_phase(fit.phase, model.phase_n, model.phase_m, 0.0);
     for_each_disc_pixel(b, [&](std::size_t k, std::size_t pixel, double rho, double theta) {
-        const double a =
-            series_value(fit.amplitude, model.amplitude_n, model.amplitude_m, rho, theta, 1.0);
-        const double p = series_value(fit.phase, model.phase_n, model.phase_m, rho, theta, 0.0);
+        const double a = fitted_amplitude.at(rho, theta);
+        const double p = fitted_phase.at(rho, theta);
         const std::complex<double> fitted = std::polar(a, p);
         const std::complex<double> measured =
             fitted + std::complex<double>(r[2 * pixel], r[2 * pixel + 1]);
@@ -245,7 +265,7 @@ band make_band(const report_entry& entry, int w, const measured_pupil* measured,
     b.notes = aberration_notes(entry.metrics[std::size_t(w)]);
     if (measured != nullptr) {
         b.g = measured->geometry;
-        b.cutoff = measured->waves[std::size_t(w)].cutoff;
+        b.cutoff = measured->of(w).cutoff;
     } else if (residual != nullptr) {
         b.g = residual->geometry;
         b.cutoff = residual->cutoff[std::size_t(w)];
@@ -258,7 +278,7 @@ band make_band(const report_entry& entry, int w, const measured_pupil* measured,
     if (measured != nullptr) {
         amplitude.push_back(empty_panel(b, "measured amplitude", "a.u.", false));
         phase.push_back(empty_panel(b, "measured phase, unwrapped", "rad", false));
-        add_measured(measured->waves[std::size_t(w)], b, &amplitude.back(), &phase.back());
+        add_measured(measured->of(w), b, &amplitude.back(), &phase.back());
     }
     amplitude.push_back(empty_panel(b, "fitted amplitude", "a.u.", false));
     phase.push_back(empty_panel(b, "fitted phase", "rad", false));
@@ -592,7 +612,7 @@ void draw_figure(cairo_t* cr, const report_entry& entry, const std::vector<band>
     cairo_paint(cr);
     cairo_set_source_rgb(cr, 0.1, 0.1, 0.1);
     set_font(cr, 17.0, true);
-    text_at(cr, kMargin, 26, entry.model.file);
+    text_at(cr, kMargin, 26, utf8_name(entry.model.file));
     set_font(cr, 13.0, false);
     char optics[200];
     std::snprintf(optics, sizeof optics,
@@ -689,12 +709,28 @@ int write_report_figure(const char* png_name, const report_entry& entry, const c
                                   residual_name ? &residual : nullptr));
     }
     const figure_size size = size_of(bands);
+    if (size.height > kMaxFigureSide) {
+        std::fprintf(stderr,
+                     "torvel-report: %s: a figure of %zu wavelengths would be %d pixels high, "
+                     "more than the %d a PNG is drawn with\n",
+                     png_name, bands.size(), size.height, kMaxFigureSide);
+        return 1;
+    }
     cairo_surface_t* surface =
         cairo_image_surface_create(CAIRO_FORMAT_RGB24, size.width, size.height);
     cairo_t* cr = cairo_create(surface);
     draw_figure(cr, entry, bands, size, residual_name != nullptr);
+    // cairo records its first failure and then draws nothing more: a
+    // figure it failed to draw must not be written as if it were whole.
+    const cairo_status_t drawn = cairo_status(cr);
     cairo_destroy(cr);
-    const int result = write_png(surface, png_name);
+    int result = 1;
+    if (drawn != CAIRO_STATUS_SUCCESS) {
+        std::fprintf(stderr, "torvel-report: %s: the figure could not be drawn: %s\n", png_name,
+                     cairo_status_to_string(drawn));
+    } else {
+        result = write_png(surface, png_name);
+    }
     cairo_surface_destroy(surface);
     // Nothing of cairo's is in use any more: let it release its font caches,
     // so that a leak checker sees only what is really lost.

@@ -34,15 +34,22 @@ struct measured_wavelength {
     float cutoff;  // NA / wavelength, in the units of the spacing
 };
 
+// The measured wavelengths the model's match, each read once however many
+// of the model's wavelengths match it: memory follows the image, not the
+// fit file's count.
 struct measured_pupil {
     image_geometry geometry;
-    std::vector<measured_wavelength> waves;  // one per wavelength of the model
+    std::vector<measured_wavelength> waves;  // at most one per image wavelength
+    std::vector<int> of_model;               // model wavelength w is waves[of_model[w]]
+
+    const measured_wavelength& of(int w) const { return waves[std::size_t(of_model[w])]; }
 };
 
 // Reads the pupil image name for every wavelength of model (matched by
 // wavelength within 0.5 nm) and unwraps its phase. Returns 0, or 1 after a
 // message per problem: unreadable image, not a pupil function image,
-// wavelengths or aperture that do not match the model.
+// wavelengths or aperture that do not match the model, pixels inside the
+// pupil that are not finite.
 int read_measured_pupil(const char* name, const report_model& model, measured_pupil* out);
 
 // The residual image of the model: one complex plane (nx * ny (real,
@@ -55,7 +62,7 @@ struct residual_image {
 
 // Reads the residual image torvel wrote for model. Returns 0, or 1 after a
 // message per problem (unreadable, not complex, wavelengths that differ from
-// the model's).
+// the model's, pixels inside the pupil that are not finite).
 int read_residual_image(const char* name, const report_model& model, residual_image* out);
 
 }  // namespace torvel::report_detail

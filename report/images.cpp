@@ -2,6 +2,7 @@
 // image layer, checked against the model, the phase unwrapped as torvel
 // unwraps it before fitting.
 
+#include <algorithm>
 #include <climits>
 #include <cmath>
 #include <cstdint>
@@ -152,6 +153,31 @@ int read_section(int stream, const char* name, int z, int w, float* buffer) {
     return image_read_section(stream, buffer) != 0 ? 1 : 0;
 }
 
+// The figure draws what torvel fits, the pixels of the disc; a NaN or an
+// infinity there would leave a blank panel that looks like a flat one. A
+// complex plane is checked as its real and imaginary halves would be.
+int check_finite(const char* name, const image_geometry& g, float cutoff, float wavelength_nm,
+                 const float* values, const char* what, bool interleaved = false) {
+    bool finite = true;
+    if (interleaved) {
+        for (int iy = 0; finite && iy < g.ny; ++iy) {
+            for (int ix = 0; finite && ix < g.nx; ++ix) {
+                const std::int64_t k = 2 * (std::int64_t(iy) * g.nx + ix);
+                finite = !locate_pupil_pixel(g.x0, g.y0, g.dx, g.dy, cutoff, g.nx, g.ny, ix, iy)
+                              .sampled ||
+                         (std::isfinite(values[k]) && std::isfinite(values[k + 1]));
+            }
+        }
+    } else {
+        finite = disc_is_finite(g.x0, g.y0, g.dx, g.dy, cutoff, g.nx, g.ny, values);
+    }
+    if (finite) return 0;
+    std::fprintf(stderr,
+                 "torvel-report: %s: the %s at wavelength %g nm is not finite inside the pupil\n",
+                 name, what, double(wavelength_nm));
+    return 1;
+}
+
 }  // namespace
 
 int read_measured_pupil(const char* name, const report_model& model, measured_pupil* out) {
@@ -164,7 +190,11 @@ int read_measured_pupil(const char* name, const report_model& model, measured_pu
     const image_geometry& g = out->geometry;
     const std::int64_t pixels = std::int64_t(g.nx) * g.ny;
     const bool complex_pixels = h.torvel.complex_pixels;
+    std::vector<int> read_from;  // the image wavelength of each of out->waves
     for (int w : index) {
+        const auto known = std::find(read_from.begin(), read_from.end(), w);
+        out->of_model.push_back(int(known - read_from.begin()));
+        if (known != read_from.end()) continue;
         measured_wavelength m{allocate_plane(complex_pixels ? 2 * pixels : pixels),
                               allocate_plane(pixels), pupil_cutoff(g.na, h.waves[w])};
         if (!m.amplitude || !m.phase) return report_no_memory();
@@ -174,8 +204,12 @@ int read_measured_pupil(const char* name, const report_model& model, measured_pu
         } else if (read_section(kPupilStream, name, 1, w, m.phase.get()) != 0) {
             return 1;
         }
+        if (check_finite(name, g, m.cutoff, h.waves[w], m.amplitude.get(), "amplitude") != 0 ||
+            check_finite(name, g, m.cutoff, h.waves[w], m.phase.get(), "phase") != 0)
+            return 1;
         phunwrap(g.x0, g.y0, g.dx, g.dy, m.cutoff, g.nx, g.ny, m.phase.get());
         out->waves.push_back(std::move(m));
+        read_from.push_back(w);
     }
     return 0;
 }
@@ -192,8 +226,12 @@ int read_residual_image(const char* name, const report_model& model, residual_im
         plane section = allocate_plane(2 * pixels);
         if (!section) return report_no_memory();
         if (read_section(kResidualStream, name, 0, w, section.get()) != 0) return 1;
+        const float cutoff = pupil_cutoff(out->geometry.na, h.waves[w]);
+        if (check_finite(name, out->geometry, cutoff, h.waves[w], section.get(), "residual",
+                         true) != 0)
+            return 1;
         out->waves.push_back(std::move(section));
-        out->cutoff.push_back(pupil_cutoff(out->geometry.na, h.waves[w]));
+        out->cutoff.push_back(cutoff);
     }
     return 0;
 }

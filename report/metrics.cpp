@@ -9,6 +9,7 @@
 #include <memory>
 #include <numbers>
 #include <span>
+#include <utility>
 
 #include <torvel/pupil.hpp>
 #include <torvel/report.hpp>
@@ -57,12 +58,6 @@ struct value_range {
     }
 };
 
-double dot(const std::vector<double>& c, const std::vector<double>& basis) {
-    double sum = 0.0;
-    for (std::size_t k = 0; k < c.size(); ++k) sum += c[k] * basis[k];
-    return sum;
-}
-
 // One series whose peak to valley is searched on the polar grid: its
 // coefficients for the set, and a value added at each radius of the grid
 // (none when empty).
@@ -77,32 +72,76 @@ double rho_of_pv_radius(int i) {
     return double(i) / (kPeakToValleyRadii - 1);
 }
 
-// Searches the largest and smallest value of every series of the set (n, m)
-// over the polar grid. The radial values of a radius are shared by every
-// angle and the basis of a point by every series; orders beyond the tables
-// are summed point by point.
-void search_peaks_to_valleys(std::span<pv_search> searches, int n, int m) {
-    const ZernikeTableSize size = zernike_table_size(n, m);
-    const bool tabled = size.order <= zernike_table_max_order;
-    const std::size_t per_radius = tabled ? std::size_t(zernike_radial_count(n, m)) : 0;
-    std::vector<double> radials(per_radius * kPeakToValleyRadii);
-    std::vector<double> basis(std::size_t(zernike_term_count(n, m)));
-    ZernikeTables tables;
-    for (int i = 0; tabled && i < kPeakToValleyRadii; ++i) {
-        fill_zernike_powers(rho_of_pv_radius(i), size.order, &tables);
-        evaluate_zernike_radials(tables, n, m, &radials[std::size_t(i) * per_radius]);
+// At one radius a series is a trigonometric polynomial in theta: the sum
+// over l of cos_part[l] cos(l theta) + sin_part[l] sin(l theta), each part
+// a sum over the terms of frequency l of coefficient times R_k^l(rho).
+struct ring_series {
+    std::vector<double> cos_part, sin_part;
+
+    // Sets the parts of series c of the set (n, m) from the radial values of
+    // one radius, in visiting order.
+    void set(const std::vector<double>& c, int n, int m, const std::vector<double>& radials) {
+        std::fill(cos_part.begin(), cos_part.end(), 0.0);
+        std::fill(sin_part.begin(), sin_part.end(), 0.0);
+        int r = 0;
+        for_each_zernike_term(n, m, [&](int k, int l) {
+            const int slot = zernike_term_index(k, l);
+            const double radial = radials[std::size_t(r++)];
+            cos_part[std::size_t(l)] += c[std::size_t(slot)] * radial;
+            if (l > 0) sin_part[std::size_t(l)] += c[std::size_t(slot) + 1] * radial;
+        });
     }
+
+    // The value at the angle whose cos(l theta), sin(l theta) pairs are
+    // cos_sin[2l], cos_sin[2l + 1].
+    double at(const double* cos_sin) const {
+        double sum = 0.0;
+        for (std::size_t l = 0; l < cos_part.size(); ++l)
+            sum += cos_part[l] * cos_sin[2 * l] + sin_part[l] * cos_sin[2 * l + 1];
+        return sum;
+    }
+};
+
+// Searches the largest and smallest value of every series of the set (n, m)
+// over the polar grid, each series up to the last term that any of them
+// uses. The radial values of a radius come from the recurrence and are
+// folded into a polynomial in theta per series, so a point costs O(n) and a
+// radius O(n^2), at any order.
+void search_peaks_to_valleys(std::span<pv_search> searches, int n, int m) {
+    int used_n = -1, used_m = -1;
+    for (const pv_search& s : searches) {
+        if (s.c.empty()) continue;
+        int sn = -1, sm = -1;
+        zernike_set_in_use(n, m, s.c.data(), &sn, &sm);
+        if (sn >= 0 && zernike_term_count(sn, sm) > zernike_term_count(used_n, used_m)) {
+            used_n = sn;
+            used_m = sm;
+        }
+    }
+    n = std::max(used_n, 0);
+    m = used_n < 0 ? 0 : used_m;
+    const std::size_t frequency = std::size_t(std::max({n - 1, m, 0}));
+    std::vector<double> cos_sin(2 * (frequency + 1) * kPeakToValleyAngles);
     for (int j = 0; j < kPeakToValleyAngles; ++j) {
         const double theta = 2.0 * std::numbers::pi * j / kPeakToValleyAngles;
-        if (tabled) fill_zernike_angles(theta, size.frequency, &tables);
-        for (int i = 0; i < kPeakToValleyRadii; ++i) {
-            if (tabled)
-                combine_zernike_basis(&radials[std::size_t(i) * per_radius], tables, n, m,
-                                      basis.data());
-            for (pv_search& s : searches) {
-                double v =
-                    tabled ? dot(s.c, basis)
-                           : evaluate_zernike_series(rho_of_pv_radius(i), theta, n, m, s.c.data());
+        double* row = &cos_sin[2 * (frequency + 1) * std::size_t(j)];
+        for (std::size_t l = 0; l <= frequency; ++l)
+            ::sincos(double(l) * theta, &row[2 * l + 1], &row[2 * l]);
+    }
+    std::vector<double> radials(std::size_t(zernike_radial_count(n, m)));
+    std::vector<double> scratch(std::size_t(zernike_recurrent_scratch_size(n)));
+    std::vector<ring_series> rings(
+        searches.size(), {std::vector<double>(frequency + 1), std::vector<double>(frequency + 1)});
+    for (int i = 0; i < kPeakToValleyRadii; ++i) {
+        evaluate_zernike_radials_recurrent(rho_of_pv_radius(i), n, m, radials.data(),
+                                           scratch.data());
+        for (std::size_t k = 0; k < searches.size(); ++k)
+            if (!searches[k].c.empty()) rings[k].set(searches[k].c, n, m, radials);
+        for (int j = 0; j < kPeakToValleyAngles; ++j) {
+            const double* angle = &cos_sin[2 * (frequency + 1) * std::size_t(j)];
+            for (std::size_t k = 0; k < searches.size(); ++k) {
+                pv_search& s = searches[k];
+                double v = rings[k].at(angle);
                 if (!s.added.empty()) v += s.added[std::size_t(i)];
                 s.range.add(v);
             }
@@ -254,11 +293,13 @@ int check_model(const report_model& model) {
         return 1;
     }
     for (std::size_t w = 0; w < model.waves.size(); ++w) {
+        // Figures are given for the wavelength as the fit file writes it, to
+        // six decimals of a micrometre; one that rounds to 0 has none.
         const float um = model.waves[w].wavelength_um;
-        if (!(um > 0.0f) || !std::isfinite(um)) {
+        if (!(std::round(double(um) * 1e6) > 0.0) || !std::isfinite(um)) {
             std::fprintf(stderr,
                          "torvel-report: %s: wavelength %zu is %g um; a wavelength must be "
-                         "positive\n",
+                         "positive (at least 0.000001 um as fit files write it)\n",
                          model.file.c_str(), w, double(um));
             return 1;
         }
@@ -285,6 +326,11 @@ int load_report_model(const char* file, report_model* model) {
         return 1;
     }
     ParametricPupil* p = pupil.get();
+    char unusable[200];
+    if (find_unusable_pupil_value(p, unusable, sizeof unusable) != 0) {
+        std::fprintf(stderr, "torvel-report: %s: %s\n", file, unusable);
+        return 1;
+    }
     model->file = file;
     model->na = get_parametric_pupil_numerical_aperture(p);
     model->n_imm = get_parametric_pupil_immersion_refractive_index(p);
@@ -376,6 +422,31 @@ wavelength_metrics compute_wavelength_metrics(const report_model& model, int wav
         radians_to_nm(coefficient(best.coefficients, slot_40) * rms_40, out.wavelength_nm);
     out.largest = rank_aberrations(best.coefficients, n, m, out.wavelength_nm);
     return out;
+}
+
+int check_wavelength_metrics(const report_model& model, const wavelength_metrics& w) {
+    const std::pair<const char*, double> figures[] = {
+        {"rms", w.rms_rad},
+        {"peak to valley", w.pv_rad},
+        {"focus shift", w.focus_shift_um},
+        {"rms at best focus", w.rms_best_focus_rad},
+        {"peak to valley at best focus", w.pv_best_focus_rad},
+        {"paraxial focus shift", w.focus_shift_paraxial_um},
+        {"paraxial rms", w.rms_paraxial_rad},
+        {"paraxial peak to valley", w.pv_paraxial_rad},
+        {"mean amplitude", w.mean_amplitude},
+        {"relative amplitude rms", w.amplitude_relative_rms},
+        {"defocus", w.defocus_nm},
+        {"spherical aberration", w.spherical_nm},
+    };
+    for (const auto& [name, value] : figures) {
+        if (std::isfinite(value)) continue;
+        std::fprintf(stderr, "torvel-report: %s: the %s at %g nm is %g%s\n", model.file.c_str(),
+                     name, w.wavelength_nm, value,
+                     w.mean_amplitude == 0.0 ? " (the mean amplitude is 0)" : "");
+        return 1;
+    }
+    return 0;
 }
 
 }  // namespace torvel

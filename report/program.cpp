@@ -155,8 +155,15 @@ int load_report_entries(const report_inputs& inputs, std::vector<report_entry>* 
             status = 1;
             continue;
         }
-        for (int w = 0; w < int(entry.model.waves.size()); ++w)
+        int usable = 0;
+        for (int w = 0; w < int(entry.model.waves.size()) && usable == 0; ++w) {
             entry.metrics.push_back(compute_wavelength_metrics(entry.model, w));
+            usable = check_wavelength_metrics(entry.model, entry.metrics.back());
+        }
+        if (usable != 0) {
+            status = 1;
+            continue;
+        }
         entries->push_back(std::move(entry));
     }
     return status;

@@ -2,6 +2,7 @@
 // indices, aberration names, the norms of torvel's unnormalised basis.
 
 #include <cmath>
+#include <cstdio>
 #include <numbers>
 #include <string>
 
@@ -65,6 +66,47 @@ std::string aberration_name(int n, int m) {
     int lowest = 0;
     const std::string shape = shape_name(m, &lowest);
     return level_word((n - lowest) / 2 + 1) + shape;
+}
+
+std::string utf8_name(const std::string& name) {
+    std::string out;
+    const auto byte = [&](std::size_t i) { return static_cast<unsigned char>(name[i]); };
+    for (std::size_t i = 0; i < name.size();) {
+        const unsigned char lead = byte(i);
+        // Length of the sequence lead starts, and the range its second byte
+        // must lie in (overlong forms, surrogates and values past U+10FFFF
+        // are refused there).
+        std::size_t length = 0;
+        unsigned char lo = 0x80, hi = 0xBF;
+        if (lead < 0x80) {
+            length = 1;
+        } else if (lead >= 0xC2 && lead <= 0xDF) {
+            length = 2;
+        } else if (lead >= 0xE0 && lead <= 0xEF) {
+            length = 3;
+            if (lead == 0xE0) lo = 0xA0;
+            if (lead == 0xED) hi = 0x9F;
+        } else if (lead >= 0xF0 && lead <= 0xF4) {
+            length = 4;
+            if (lead == 0xF0) lo = 0x90;
+            if (lead == 0xF4) hi = 0x8F;
+        }
+        bool valid = length > 0 && i + length <= name.size();
+        for (std::size_t k = 1; valid && k < length; ++k) {
+            const unsigned char next = byte(i + k);
+            valid = k == 1 ? (next >= lo && next <= hi) : (next >= 0x80 && next <= 0xBF);
+        }
+        if (valid) {
+            out.append(name, i, length);
+            i += length;
+        } else {
+            char escaped[8];
+            std::snprintf(escaped, sizeof escaped, "\\x%02X", unsigned(lead));
+            out += escaped;
+            i += 1;
+        }
+    }
+    return out;
 }
 
 double zernike_mean_square(int n, int m) {

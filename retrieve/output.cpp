@@ -67,7 +67,7 @@ struct pupil_images {
     int size;
 };
 
-void fill_slot(void* context, int slot, const pupil_grid& grid, float* plane) {
+int fill_slot(void* context, int slot, const pupil_grid& grid, float* plane) {
     const auto* c = static_cast<const pupil_images*>(context);
     const std::size_t pixels = std::size_t(grid.nx) * grid.ny;
     const std::complex<float>* image = c->images.data() + std::size_t(slot) * pixels;
@@ -75,6 +75,7 @@ void fill_slot(void* context, int slot, const pupil_grid& grid, float* plane) {
         plane[2 * k] = image[k].real();
         plane[2 * k + 1] = image[k].imag();
     }
+    return 0;
 }
 
 // Writes text to name through a safe output. Returns 0, or 1 after a message.

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <climits>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
@@ -16,6 +17,27 @@ namespace {
 
 bool starts_with(const std::string& path, const char* prefix) {
     return path.rfind(prefix, 0) == 0;
+}
+
+bool all_digits(const std::string& text) {
+    return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+}
+
+// Whether path names an open descriptor or a standard stream through the
+// kernel's views of them: /dev/stdin, /dev/stdout, /dev/stderr, /dev/fd/N
+// and /proc/{self,thread-self,PID,PID/task/TID}/fd/N. Any other name under
+// /proc or /dev (/proc/self/cwd/out.mrc) leads to an ordinary place.
+bool is_descriptor_view(const std::string& path) {
+    if (path == "/dev/stdin" || path == "/dev/stdout" || path == "/dev/stderr") return true;
+    if (starts_with(path, "/dev/fd/")) return all_digits(path.substr(8));
+    if (!starts_with(path, "/proc/")) return false;
+    const std::size_t fd = path.rfind("/fd/");
+    if (fd == std::string::npos || !all_digits(path.substr(fd + 4))) return false;
+    const std::string owner = path.substr(6, fd - 6);  // self, PID, PID/task/TID, ...
+    const std::size_t task = owner.find("/task/");
+    if (task != std::string::npos)
+        return all_digits(owner.substr(0, task)) && all_digits(owner.substr(task + 6));
+    return owner == "self" || owner == "thread-self" || all_digits(owner);
 }
 
 // Where a name leads: the file that replacing it would replace, and whether
@@ -32,7 +54,7 @@ Resolved resolve(const char* name) {
     Resolved r;
     std::string path = name;
     for (int hops = 0; hops < 40; ++hops) {
-        if (starts_with(path, "/proc/") || starts_with(path, "/dev/fd/")) r.kernel_view = true;
+        if (is_descriptor_view(path)) r.kernel_view = true;
         char target[PATH_MAX];
         const ssize_t n = readlink(path.c_str(), target, sizeof target - 1);
         if (n < 0) break;
@@ -54,9 +76,9 @@ Resolved resolve(const char* name) {
         return r;
     }
     r.path = real;
-    if (starts_with(r.path, "/proc/")) r.kernel_view = true;
     if (r.path != "/") r.path += '/';
     r.path += base;
+    if (is_descriptor_view(r.path)) r.kernel_view = true;
     return r;
 }
 
@@ -85,28 +107,63 @@ mode_t default_mode() {
 // has at most a few outputs open at once.
 constexpr int kMaxLiveTemps = 16;
 char g_live_temps[kMaxLiveTemps][PATH_MAX];
-constexpr int kCleanupSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGABRT};
+// Signals that end the process as the user asked (INT, TERM, HUP, QUIT) or
+// by its own abort, and those an output brings about: a reader that went
+// away (PIPE, `| head -3`) and the file size limit (XFSZ, `ulimit -f`).
+constexpr int kCleanupSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGABRT, SIGPIPE, SIGXFSZ};
 
-extern "C" void remove_temps_and_reraise(int signal_number) {
+void remove_live_temps() {
     for (char* temp : g_live_temps) {
         if (temp[0] != '\0') unlink(temp);
     }
+}
+
+extern "C" void remove_temps_and_reraise(int signal_number) {
+    remove_live_temps();
     std::signal(signal_number, SIG_DFL);
     std::raise(signal_number);
 }
 
-// Installs the handler for the signals still at their default action; a
-// program that handles a signal itself keeps its handler.
+// The one line each output signal ends the run with, made before any
+// signal can come, as a handler may only write it.
+char g_pipe_message[160];
+char g_size_message[160];
+
+extern "C" void remove_temps_and_fail(int signal_number) {
+    remove_live_temps();
+    const char* message = signal_number == SIGPIPE ? g_pipe_message : g_size_message;
+    const ssize_t ignored = write(STDERR_FILENO, message, std::strlen(message));
+    (void)ignored;
+    _exit(1);
+}
+
+void prepare_messages() {
+    const char* program = program_invocation_short_name;
+    std::snprintf(g_pipe_message, sizeof g_pipe_message,
+                  "%s: stopped: the program reading the output has gone (broken pipe); files "
+                  "being written were removed\n",
+                  program);
+    std::snprintf(g_size_message, sizeof g_size_message,
+                  "%s: stopped: an output outgrew the file size limit (ulimit -f); files being "
+                  "written were removed\n",
+                  program);
+}
+
+// Installs the handlers for the signals still at their default action; a
+// program that handles or ignores a signal itself keeps its choice (an
+// ignored XFSZ makes the write fail instead, which the writer reports).
 void install_cleanup_handlers() {
     static bool installed = false;
     if (installed) return;
     installed = true;
+    prepare_messages();
     for (int signal_number : kCleanupSignals) {
         struct sigaction current {};
         if (sigaction(signal_number, nullptr, &current) != 0 || current.sa_handler != SIG_DFL)
             continue;
         struct sigaction action {};
-        action.sa_handler = remove_temps_and_reraise;
+        const bool output_signal = signal_number == SIGPIPE || signal_number == SIGXFSZ;
+        action.sa_handler = output_signal ? remove_temps_and_fail : remove_temps_and_reraise;
         sigemptyset(&action.sa_mask);
         sigaction(signal_number, &action, nullptr);
     }
@@ -241,7 +298,22 @@ int safe_output_open(const char* name, const char* mode, safe_output* out) {
     return open_temporary(out->final_path, exists ? &info : nullptr, mode, out);
 }
 
-int safe_output_commit(safe_output* out) {
+namespace {
+
+// Gives the temporary file the final name only while nothing is there:
+// atomically where the file system can (renameat2), else by a hard link,
+// which fails just the same when the name is taken. errno is EEXIST then.
+int rename_if_free(const char* from, const char* to) {
+    if (renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE) == 0) return 0;
+    if (errno != EINVAL && errno != ENOSYS) return -1;
+    if (link(from, to) != 0) return -1;
+    unlink(from);
+    return 0;
+}
+
+// safe_output_commit and safe_output_commit_if_free: replace says whether
+// a file at the final name may be replaced.
+int commit(safe_output* out, bool replace) {
     if (out->stream == nullptr) return 1;
     bool failed = std::fflush(out->stream) != 0 || std::ferror(out->stream) != 0;
     // On disk before it takes the name of an earlier file, so that a crash
@@ -254,7 +326,11 @@ int safe_output_commit(safe_output* out) {
     if (std::fclose(out->stream) != 0) failed = true;
     out->stream = nullptr;
     if (out->direct) return failed ? 1 : 0;
-    if (!failed && std::rename(out->temp_path.c_str(), out->final_path.c_str()) != 0) failed = true;
+    if (!failed) {
+        const char* from = out->temp_path.c_str();
+        const char* to = out->final_path.c_str();
+        if ((replace ? std::rename(from, to) : rename_if_free(from, to)) != 0) failed = true;
+    }
     if (failed) {
         remove_temp(out);
     } else {
@@ -262,6 +338,16 @@ int safe_output_commit(safe_output* out) {
         out->temp_path.clear();
     }
     return failed ? 1 : 0;
+}
+
+}  // namespace
+
+int safe_output_commit(safe_output* out) {
+    return commit(out, true);
+}
+
+int safe_output_commit_if_free(safe_output* out) {
+    return commit(out, false);
 }
 
 void safe_output_discard(safe_output* out) {

@@ -1,7 +1,9 @@
 #include <torvel/switches.hpp>
 
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <new>
@@ -16,19 +18,20 @@ constexpr int kWavelengthLimit = 2000;
 // How far a file wavelength may lie from the one asked for and still match.
 constexpr double kWavelengthMatch = 0.5;
 
-// The shared scanner behind extract_switch_ints and extract_switch_floats.
-// The standard scan does the number syntax; only ":" is stepped over here,
-// so any other character is left for the next scan to accept (a sign) or
-// reject (everything else). Values beyond room go to a scratch cell so that
-// the count still tells the caller how many were given.
-template <typename T>
-int extract_values(const char* text, int room, T* values, const char* format) {
+// The shared scanner behind the extract_switch_ functions. read(cursor,
+// &value, &used) takes one number, with its leading white space, from
+// cursor; only ":" is stepped over here, so any other character is left for
+// the next read to accept (a sign) or reject (everything else). Values
+// beyond room go to a scratch cell so that the count still tells the caller
+// how many were given.
+template <typename T, typename Read>
+int extract_values(const char* text, int room, T* values, Read read) {
     int count = 0;
     const char* cursor = text;
     for (;;) {
         T value{};
         int used = 0;
-        if (std::sscanf(cursor, format, &value, &used) != 1) {
+        if (!read(cursor, &value, &used)) {
             return 0;
         }
         if (count < room) {
@@ -43,6 +46,37 @@ int extract_values(const char* text, int room, T* values, const char* format) {
             ++cursor;
         }
     }
+}
+
+// One number by the standard scan, as torvel's own switches read them.
+template <typename T>
+auto scan_with(const char* format) {
+    return [format](const char* cursor, T* value, int* used) {
+        return std::sscanf(cursor, format, value, used) == 1;
+    };
+}
+
+// One number read whole by strto*, the same syntax as the scan: white space,
+// a sign, the digits; false when there is none or it lies outside [lo, hi].
+bool read_int_within(const char* cursor, long long lo, long long hi, int* value, int* used) {
+    char* end = nullptr;
+    errno = 0;
+    const long long v = std::strtoll(cursor, &end, 10);
+    if (end == cursor || errno == ERANGE || v < lo || v > hi) return false;
+    *value = static_cast<int>(v);
+    *used = static_cast<int>(end - cursor);
+    return true;
+}
+
+bool read_float_within(const char* cursor, double lo, double hi, float* value, int* used) {
+    char* end = nullptr;
+    const double v = std::strtod(cursor, &end);
+    if (end == cursor || !std::isfinite(v) || !(v >= lo && v <= hi)) return false;
+    const float f = static_cast<float>(v);
+    if (!std::isfinite(f)) return false;
+    *value = f;
+    *used = static_cast<int>(end - cursor);
+    return true;
 }
 
 // The text after prefix in the first of argv[1..argc-1] that begins with it,
@@ -147,11 +181,36 @@ int resolve_wave_value(const char* program, const char* name, int value, const f
 }  // namespace
 
 int extract_switch_ints(const char* text, int room, int* values) {
-    return extract_values(text, room, values, "%d%n");
+    return extract_values(text, room, values, scan_with<int>("%d%n"));
 }
 
 int extract_switch_floats(const char* text, int room, float* values) {
-    return extract_values(text, room, values, "%f%n");
+    return extract_values(text, room, values, scan_with<float>("%f%n"));
+}
+
+int extract_switch_ints_within(const char* text, int room, int lo, int hi, int* values) {
+    return extract_values(text, room, values, [&](const char* cursor, int* value, int* used) {
+        return read_int_within(cursor, lo, hi, value, used);
+    });
+}
+
+int extract_switch_floats_within(const char* text, int room, double lo, double hi,
+                                 float* values) {
+    return extract_values(text, room, values, [&](const char* cursor, float* value, int* used) {
+        return read_float_within(cursor, lo, hi, value, used);
+    });
+}
+
+int get_intswitch_within(const char* prefix, const char* const* argv, int argc, int room, int lo,
+                         int hi, int* values) {
+    const char* text = find_switch_value(prefix, argv, argc);
+    return text == nullptr ? -1 : extract_switch_ints_within(text, room, lo, hi, values);
+}
+
+int get_floatswitch_within(const char* prefix, const char* const* argv, int argc, int room,
+                           double lo, double hi, float* values) {
+    const char* text = find_switch_value(prefix, argv, argc);
+    return text == nullptr ? -1 : extract_switch_floats_within(text, room, lo, hi, values);
 }
 
 int get_charswitchc(const char* prefix, const char* const* argv, int argc, int size, char* out) {

@@ -267,4 +267,95 @@ double evaluate_zernike_series(double rho, double theta, int n, int m, const dou
     return evaluate_zernike_series_direct(rho, theta, n, m, coeffs);
 }
 
+// ---- the recurrence -----------------------------------------------------------
+
+namespace {
+
+// R_k^l(rho) for the terms of a set asked for in visiting order: each time
+// the order k grows, the next row of the recurrence is made from the two
+// before. Three rows of n + 2 values (orders k - 2, k - 1, k, indexed by l)
+// live in the caller's scratch and take turns; the recurrence reads only
+// entries of a row's own parity up to its order, which are always fresh.
+class RecurrentRadials {
+public:
+    RecurrentRadials(double rho, int n, double* rows)
+        : rho_(rho), width_(std::size_t(n) + 2), older_(rows), old_(rows + width_),
+          current_(rows + 2 * width_) {
+        std::fill(rows, rows + 3 * width_, 0.0);
+    }
+
+    double operator()(int k, int l) {
+        while (order_ < k) advance();
+        return current_[l];
+    }
+
+private:
+    void advance() {
+        std::swap(older_, old_);
+        std::swap(old_, current_);  // current_ now holds order - 2, overwritten below
+        const int k = ++order_;
+        for (int l = k % 2; l <= k; l += 2) {
+            if (k == 0) {
+                current_[l] = 1.0;
+            } else if (l == k) {
+                current_[l] = rho_ * old_[l - 1];
+            } else {
+                const double below = old_[l == 0 ? 1 : l - 1];
+                current_[l] = rho_ * (below + old_[l + 1]) - older_[l];
+            }
+        }
+    }
+
+    double rho_;
+    std::size_t width_;
+    double* older_;
+    double* old_;
+    double* current_;
+    int order_ = -1;
+};
+
+}  // namespace
+
+void zernike_set_in_use(int n, int m, const double* coeffs, int* used_n, int* used_m) {
+    *used_n = -1;
+    *used_m = -1;
+    int slot = 0;
+    for_each_zernike_term(n, m, [&](int k, int l) {
+        const int width = l == 0 ? 1 : 2;
+        for (int i = 0; i < width; ++i) {
+            if (coeffs[slot + i] != 0.0) {  // true for a NaN too
+                *used_n = k;
+                *used_m = l;
+            }
+        }
+        slot += width;
+    });
+}
+
+int zernike_recurrent_scratch_size(int n) {
+    return n < 0 ? 0 : 3 * (n + 2) + 2 * (n + 1);
+}
+
+void evaluate_zernike_radials_recurrent(double rho, int n, int m, double* radials,
+                                        double* scratch) {
+    if (n < 0) return;
+    RecurrentRadials radial(rho, n, scratch);
+    int i = 0;
+    for_each_zernike_term(n, m, [&](int k, int l) { radials[i++] = radial(k, l); });
+}
+
+double evaluate_zernike_series_recurrent(double rho, double theta, int n, int m,
+                                         const double* coeffs, double* scratch) {
+    if (n < 0) return 0.0;
+    RecurrentRadials radial(rho, n, scratch);
+    double* cos_sin = scratch + 3 * (std::size_t(n) + 2);
+    const int frequency = std::max({n - 1, m, 0});
+    for (int l = 1; l <= frequency; ++l)
+        ::sincos(static_cast<double>(l) * theta, &cos_sin[2 * l + 1], &cos_sin[2 * l]);
+    return sum_series(n, m, coeffs, radial, [&](int l, double* c, double* s) {
+        *c = cos_sin[2 * l];
+        *s = cos_sin[2 * l + 1];
+    });
+}
+
 }  // namespace torvel

@@ -73,9 +73,10 @@ struct pupil_deleter {
 
 // What one run owns from its first open to its exit: the input stream (1),
 // the residual stream (2) with the statistics kept for its header, the two
-// work planes and the fit record. Destroying it is the run's clean-up, in
-// order: input closed, residual header written and closed, record destroyed,
-// planes freed.
+// work planes and the fit record. Destroying it is the clean-up of a run
+// that failed, in order: input closed, residual header written and the
+// image closed as unfinished (kept only where no file was at its name),
+// record destroyed, planes freed.
 struct fit_run {
     bool input_open = false;
     bool residual_open = false;
@@ -127,6 +128,11 @@ int open_residual_image(const fit_inputs& inputs, fit_run* run);
 // NaN or an infinity among the pixels the fit uses is refused before any
 // fit. Returns 0, or the failing step's status after its message.
 int fit_wavelength(const fit_inputs& inputs, const input_header& header, int slot, fit_run* run);
+
+// The clean-up of a run that succeeded: closes the input and writes the
+// residual image's header and closes it, giving it its name. Returns 0, or
+// 1 after the layer's message when the residual image cannot be finished.
+int finish_run(fit_run* run);
 
 // Writes the fit record to name. Returns 0, or 1 after a message naming the
 // failure; whatever was at name before is then left as it was.

@@ -35,6 +35,15 @@ int image_open(int stream, const char* name, const char* access) noexcept;
 // not be finished (it is then not kept). A stream that is not open is ignored.
 int image_close(int stream) noexcept;
 
+// Closes a "new" stream whose writer could not finish the image (a run that
+// failed midway), keeping what was written only where nothing was at its
+// name: a file there before, or made meanwhile, stays as it was. A kept
+// image may lack sections its header promises; image_open refuses it,
+// naming them. A device or pipe keeps what it got; a "ro" stream is simply
+// closed. Returns 0, or non-zero after a message when the image could not
+// be kept though the name was free.
+int image_close_unfinished(int stream) noexcept;
+
 // Closes `stream` without keeping what was written: for a "new" stream the
 // file being written is removed and whatever was at its name before stays as
 // it was (a device or pipe written directly keeps what it got). A "ro"

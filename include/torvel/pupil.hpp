@@ -10,6 +10,7 @@
 // until that label or wavelength is changed or deleted, the wavelength count
 // changes, an order set changes, or the record is destroyed.
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 
@@ -216,6 +217,20 @@ double* get_parametric_pupil_amplitude_polarf_coeff(ParametricPupil* pupil, std:
 // As get_parametric_pupil_amplitude_zernike_coeff, for the phase polar
 // Fourier series.
 double* get_parametric_pupil_phase_polarf_coeff(ParametricPupil* pupil, std::int32_t index);
+
+// ---- checks for the programs that use a model ------------------------------
+
+// The reader stores numbers as the file gives them, "nan", "inf" and 1e308
+// included, and a model holding one evaluates to NaN or overflows the
+// floats of an image. Writes to text (size bytes, NUL terminated) what the
+// first such value of pupil is, e.g. "the phase Zernike coefficient of slot
+// 3 at wavelength 1 is nan", and returns 1. Returns 0 when the aperture,
+// the immersion index, every wavelength and every coefficient are finite
+// and, at every wavelength, the magnitudes of each Zernike series'
+// coefficients add up to less than the largest float: as no basis function
+// exceeds 1 in magnitude, the series' values then fit in a float
+// everywhere on the disc.
+int find_unusable_pupil_value(const ParametricPupil* pupil, char* text, std::size_t size);
 
 // ---- text file -------------------------------------------------------------
 

@@ -147,13 +147,15 @@ struct pupil_grid {
 // plane followed by the phase plane. Pixels that torvel samples, and those
 // within two pixels beyond the disc edge, get the model (amplitude 1 when
 // inputs.model.uniform_amplitude or the model has no amplitude series, phase 0
-// when it has no phase series); all others 0.
-void render_wavelength(const render_inputs& inputs, ParametricPupil* model, int w,
+// when it has no phase series); all others 0. Returns 0, or 1 after a
+// message when memory runs out.
+int render_wavelength(const render_inputs& inputs, ParametricPupil* model, int w,
                        const pupil_grid& grid, float* plane);
 
 // Fills plane (2 * nx * ny floats, as render_wavelength does) with the
-// pupil of wavelength slot on grid.
-using pupil_plane_filler = void (*)(void* context, int slot, const pupil_grid& grid, float* plane);
+// pupil of wavelength slot on grid. Returns 0, or 1 after a message (the
+// write then stops and keeps nothing).
+using pupil_plane_filler = int (*)(void* context, int slot, const pupil_grid& grid, float* plane);
 
 // Writes a pupil image to name as planned: type, aperture, index, lens,
 // wavelengths, spacing and centre of plan in its header, label as its

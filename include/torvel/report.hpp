@@ -49,6 +49,11 @@ double zernike_mean_square(int n, int m);
 // A phase in radians as a wavefront in nm at the given wavelength.
 double radians_to_nm(double radians, double wavelength_nm);
 
+// A file name as valid UTF-8, which JSON and the figure's text must be:
+// valid sequences are kept, and every other byte becomes the four
+// characters \xNN (its value in hex), as a shell's quoting shows it.
+std::string utf8_name(const std::string& name);
+
 // ---- the model of one fit file -----------------------------------------------
 
 // One wavelength of a fit: coefficients in torvel's slot order.
@@ -137,6 +142,12 @@ inline constexpr int kLargestAberrations = 5;
 
 // The figures of wavelength `wave` of model.
 wavelength_metrics compute_wavelength_metrics(const report_model& model, int wave);
+
+// Refuses figures that are not finite (the relative amplitude RMS of a
+// zero mean amplitude, sums that overflow): a table, JSON or CSV must not
+// carry nan, inf or null. Returns 0, or 1 after one message naming the file,
+// the figure and the wavelength.
+int check_wavelength_metrics(const report_model& model, const wavelength_metrics& w);
 
 // A fit file with the figures of each of its wavelengths.
 struct report_entry {

@@ -7,9 +7,14 @@
 // Devices, pipes and names that lead through the kernel's views of open
 // files (/dev/stdout, /dev/fd/N, /proc/self/fd/N) are written directly and
 // never removed or renamed; through those views a "w" output is appended, so
-// that it follows what the process wrote there before. A temporary file is removed on every way out
-// the process controls: a failed commit, a discard, the destructor, and the signals INT, TERM, HUP,
-// QUIT and ABRT when the program has not claimed them.
+// that it follows what the process wrote there before. Every other name,
+// under /proc or /dev included (/proc/self/cwd/out.mrc), is resolved and
+// written beside its final name. A temporary file is removed on every way
+// out the process controls: a failed commit, a discard, the destructor, the
+// signals INT, TERM, HUP, QUIT and ABRT (which then end the process as they
+// would have), and PIPE and XFSZ, after which the process prints one line
+// "program: stopped: ..." and exits with status 1; each only when the
+// program has left the signal at its default action.
 
 #include <cstdio>
 #include <string>
@@ -42,6 +47,13 @@ int safe_output_open(const char* name, const char* mode, safe_output* out);
 // the close or the rename failed; then the temporary file is removed and
 // whatever was at the final name is left untouched.
 int safe_output_commit(safe_output* out);
+
+// As safe_output_commit, but the temporary file takes the final name only
+// while nothing is there; a file at the name, one that another program
+// made since the open included, is left untouched and the temporary file
+// removed (non-zero, errno EEXIST). For what a failed run keeps to be
+// looked at, which must never replace an earlier, whole file.
+int safe_output_commit_if_free(safe_output* out);
 
 // Closes the stream and removes the temporary file, if any; the final name
 // is left as it was. Safe to call more than once.

@@ -18,6 +18,23 @@ int extract_switch_ints(const char* text, int room, int* values);
 // The same as extract_switch_ints for single-precision floats ("%f" rules).
 int extract_switch_floats(const char* text, int room, float* values);
 
+// For the companion programs, whose numbers must mean what they say: as
+// extract_switch_ints, but each number is read whole (strtoll) and must lie
+// in [lo, hi]; one outside, however it is written (4294967312 included),
+// makes the result 0 as a parse failure does, so the caller's message can
+// state the range.
+int extract_switch_ints_within(const char* text, int room, int lo, int hi, int* values);
+
+// As extract_switch_ints_within for floats (strtod): each number finite and
+// within [lo, hi], and finite once rounded to float.
+int extract_switch_floats_within(const char* text, int room, double lo, double hi, float* values);
+
+// As get_intswitchc and get_floatswitch, with the _within readers.
+int get_intswitch_within(const char* prefix, const char* const* argv, int argc, int room, int lo,
+                         int hi, int* values);
+int get_floatswitch_within(const char* prefix, const char* const* argv, int argc, int room,
+                           double lo, double hi, float* values);
+
 // Looks for the first of argv[1..argc-1] that begins with prefix. Returns -1
 // if there is none. Otherwise returns 1 and copies the text after the prefix,
 // with its terminating zero, into out[0..size-1] only when it fits; a text

@@ -139,4 +139,38 @@ double evaluate_zernike_series_from_radials(const double* radials, const Zernike
 double evaluate_zernike_series_from_tables(const ZernikeTables& tables, int n, int m,
                                            const double* coeffs);
 
+// ---- series of any order, for the programs that show a fit -------------------
+// The functions above are torvel's own arithmetic, kept bit for bit at every
+// order; their cost per point grows as n^3 (n^4 beyond the tables). The
+// programs that only look at a fit evaluate it with these instead: every
+// radial value from the three-term recurrence
+//   R_k^l = rho (R_{k-1}^{|l-1|} + R_{k-1}^{l+1}) - R_{k-2}^l,  R_k^k = rho^k,
+// which costs a few operations per term, so a point costs O(n^2) at any
+// order. The values agree with evaluate_rnm to within rounding (the
+// recurrence is the better conditioned of the two at high orders).
+
+// The smallest set (*used_n, *used_m) whose terms hold every coefficient of
+// coeffs (slot order of the valid set (n, m)) that is not zero, NaNs
+// included; (-1, -1) when every coefficient is zero or n < 0. A series has
+// the same value over that set, at a fraction of the work when a file
+// declares a large set and fills only its first terms.
+void zernike_set_in_use(int n, int m, const double* coeffs, int* used_n, int* used_m);
+
+// Doubles of scratch that the recurrent functions below need for a set of
+// radial order n: 3 (n + 2) for three orders of radial values and
+// 2 (n + 1) for the cosines and sines.
+int zernike_recurrent_scratch_size(int n);
+
+// Writes R_k^l(rho) of every term of (n, m), in the visiting order of
+// for_each_zernike_term (zernike_radial_count(n, m) values), to radials.
+void evaluate_zernike_radials_recurrent(double rho, int n, int m, double* radials,
+                                        double* scratch);
+
+// Value at (rho, theta) of the series of the valid set (n, m), as
+// evaluate_zernike_series defines it, with radial values from the
+// recurrence; 0 when n < 0. scratch holds zernike_recurrent_scratch_size(n)
+// doubles. O(n^2) operations, no allocation.
+double evaluate_zernike_series_recurrent(double rho, double theta, int n, int m,
+                                         const double* coeffs, double* scratch);
+
 }  // namespace torvel

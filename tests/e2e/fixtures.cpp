@@ -46,6 +46,25 @@ void write_header_fixture(const fs::path& path, const HeaderSpec& s) {
     torvel::image_close(3);
 }
 
+// A copy of the complex image from, one section per wavelength, with a NaN
+// at the centre pixel of wavelength nan_at's section.
+void copy_with_nan(const fs::path& from, const fs::path& to, int nan_at) {
+    ASSERT_EQ(torvel::image_open(3, from.c_str(), "ro"), 0);
+    ASSERT_EQ(torvel::image_open(4, to.c_str(), "new"), 0);
+    torvel::image_copy_header(4, 3);
+    int dims[3], second[3], mode;
+    float dmin, dmax, dmean;
+    torvel::image_read_header(3, dims, second, &mode, &dmin, &dmax, &dmean);
+    std::vector<float> pixels(2 * std::size_t(dims[0]) * dims[1]);
+    for (int w = 0; w < dims[2]; ++w) {
+        ASSERT_EQ(torvel::image_read_section(3, pixels.data()), 0);
+        if (w == nan_at) pixels[2 * (std::size_t(dims[1] / 2) * dims[0] + dims[0] / 2)] = NAN;
+        ASSERT_EQ(torvel::image_write_section(4, pixels.data()), 0);
+    }
+    torvel::image_close(3);
+    ASSERT_EQ(torvel::image_close(4), 0);
+}
+
 void run_render(const fs::path& dir, const std::string& args) {
     const RunResult r =
         run_in(dir, TORVEL_RENDER_BINARY, std::string(TORVEL_SAMPLE_MODEL) + " " + args);
@@ -66,6 +85,8 @@ void make_fixtures(const fs::path& dir) {
     write_header_fixture(dir / "nan_wavelength.mrc", {.wave = std::nanf("")});
     write_header_fixture(dir / "negative_wavelength.mrc", {.wave = -5.0f});
     write_header_fixture(dir / "nan_amplitude.mrc", {.amplitude_centre = std::nanf("")});
+    copy_with_nan(dir / "small.mrc", dir / "nan_at_525.mrc", 0);
+    copy_with_nan(dir / "small.mrc", dir / "nan_at_617.mrc", 1);
     std::ofstream(dir / "not_an_image.txt") << "just some text, not an image\n";
     // Models torvel-render refuses: a syntax error on line 3, column 1; and a
     // polar Fourier series with an aperture above the immersion index.

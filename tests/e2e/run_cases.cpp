@@ -7,7 +7,8 @@
 // limits they set hold for the run), "after:" (a shell command that must
 // succeed after the run, with $TORVEL naming the torvel binary) and
 // "peak_mb_below:" (the run's largest resident set), then "--- stdout" and
-// "--- stderr" sections. Each case runs in a fresh directory holding links to
+// "--- stderr" sections. $TORVEL and $TORVEL_RENDER name the binaries in
+// setup and after. Each case runs in a fresh directory holding links to
 // the input images made once by fixtures.cpp. With TORVEL_E2E_UPDATE=1 in the
 // environment the runner rewrites the sections from what the binary printed,
 // for review in the diff.
@@ -117,6 +118,8 @@ class Binary : public testing::TestWithParam<Case> {};
 TEST_P(Binary, prints_and_exits_as_the_case_file_says) {
     const Case& c = GetParam();
     const fs::path dir = torvel_e2e::fresh_case_dir(c.name);
+    setenv("TORVEL", TORVEL_BINARY, 1);
+    setenv("TORVEL_RENDER", TORVEL_RENDER_BINARY, 1);
     const torvel_e2e::RunResult r = torvel_e2e::run_in(dir, c.program, c.args, c.setup);
     if (std::getenv("TORVEL_E2E_UPDATE") != nullptr) rewrite_case(c, r);
     EXPECT_EQ(r.status, c.status);
@@ -129,7 +132,6 @@ TEST_P(Binary, prints_and_exits_as_the_case_file_says) {
         EXPECT_LT(r.peak_kb, c.peak_mb_below * 1024) << "peak memory in KB";
     }
     if (!c.after.empty()) {
-        setenv("TORVEL", TORVEL_BINARY, 1);
         const std::string check = "cd '" + dir.string() + "' && { " + c.after + "\n}";
         EXPECT_EQ(std::system(check.c_str()), 0) << "after: " << c.after;
     }

@@ -274,7 +274,7 @@ TEST(OpeningRefuses, damaged_or_missing_files_with_one_message_naming_the_file_u
         const char* reason;
     };
     const Damage damages[] = {
-        {1151, -1, 0, 0, "header promises 128 bytes of sections, file holds 127"},
+        {1151, -1, 0, 0, "holds 1 of the 2 sections its header promises (64 bytes each): section 1 is missing"},
         {1000, -1, 0, 0, "file holds 1000 bytes, less than the 1024-byte header"},
         {1152, 4, 4, -4, "negative size NX = 4, NY = -4, NZ = 2"},
         {1152, 12, 4, 5, "pixel mode 5 is not supported"},
@@ -301,7 +301,7 @@ TEST(OpeningRefuses, damaged_or_missing_files_with_one_message_naming_the_file_u
     Bytes b = valid;  // sizes whose product saturates rather than wraps
     for (int at : {0, 4, 8}) put(b, std::size_t(at), 2147483646, 4);
     put(b, 12, 4, 4);
-    refused(b, "header promises 18446744073709551615 bytes of sections, file holds 128");
+    refused(b, "holds 0 of the 2147483646 sections its header promises (18446744073709551615 bytes each): sections 0 to 2147483645 are missing");
     for (std::size_t i = 0; i < b.size(); ++i) b[i] = std::uint8_t(i * 151 + 7);
     refused(b, "");  // garbage: any reason will do
     expect_message([] { EXPECT_NE(0, image_open(1, scratch("").c_str(), "ro")); }, scratch(""),

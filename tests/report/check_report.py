@@ -306,6 +306,37 @@ result = run(tilt, "-image=" + PUPIL, "-png=" + png)
 check(result.returncode == 1 and "nm do not match 500 nm of " + tilt in result.stderr,
       f"image mismatch: {result.stderr}")
 
+# ---- hostile fit files ------------------------------------------------------------
+# A real-sized fit of order 70 is reported at once (the series cost O(n^2) a
+# point), a NaN or an overflowing coefficient is refused in one line with no
+# output written, and a name that is not UTF-8 is escaped in JSON and figure.
+rng = np.random.default_rng(70)
+terms = {(n, m): (rng.normal(0, 0.3 / (n + 1)) if m == 0 else
+                  tuple(rng.normal(0, 0.3 / (n + 1), 2)))
+         for n in range(71) for m in range(n % 2, n + 1, 2)}
+order70 = fit_file("order70.txt", [0.525, 0.617], (70, 70), [terms, terms])
+outputs = [os.path.join(WORK, "o70." + ext) for ext in ("json", "png")]
+result = run(order70, "-json=" + outputs[0], "-png=" + outputs[1])
+check(result.returncode == 0 and all(map(os.path.exists, outputs)),
+      f"order 70: exit {result.returncode}: {result.stderr}")
+for value, message in (("nan", "is nan"), ("1e308", "add up to 1e+308")):
+    hostile = fit_file(value + ".txt", [0.5], (2, 0), [{(2, 0): float(value)}])
+    never = os.path.join(WORK, "never.json")
+    result = run(hostile, "-json=" + never)
+    check(result.returncode == 1 and message in result.stderr.splitlines()[0]
+          and not os.path.exists(never), f"{value} coefficient: {result.stderr}")
+odd_name = os.path.join(WORK.encode(), b"tilt-caf\xe9.txt")
+with open(tilt, "rb") as f, open(odd_name, "wb") as g:
+    g.write(f.read())
+json_path, png = os.path.join(WORK, "odd.json"), os.path.join(WORK, "odd.png")
+result = subprocess.run([REPORT.encode(), odd_name, b"-json=" + json_path.encode(),
+                         b"-png=" + png.encode()], capture_output=True)
+check(result.returncode == 0, f"name not UTF-8: exit {result.returncode}: {result.stderr}")
+with open(json_path) as f:
+    check(json.load(f)["fits"][0]["file"].endswith("tilt-caf\\xE9.txt"), "name not escaped")
+width, height, pixel = read_png(png)
+check(pixel(142, 232) != white, "figure of a name not UTF-8 not drawn")
+
 for failure in failures:
     print("FAIL:", failure)
 sys.exit(1 if failures else 0)

@@ -37,6 +37,21 @@ TEST(ExtractSwitchValues, read_colon_lists_count_values_beyond_room_and_fail_on_
     EXPECT_EQ(extract_switch_floats("0.5 ", 1, floats), 0);
 }
 
+// The companion programs' readers: numbers taken whole and held to a range,
+// where the standard scan would wrap 4294967312 to 16.
+TEST(ExtractSwitchValuesWithin, refuse_numbers_beyond_the_range_however_written) {
+    int ints[2] = {0, 0};
+    EXPECT_EQ(extract_switch_ints_within("16:4096", 2, 1, 4096, ints), 2);
+    EXPECT_EQ(std::vector<int>(ints, ints + 2), (std::vector<int>{16, 4096}));
+    for (const char* text : {"4294967312", "16:4097", "0", "99999999999999999999", "1,2", "1:"})
+        EXPECT_EQ(extract_switch_ints_within(text, 2, 1, 4096, ints), 0) << text;
+    float floats[2] = {0, 0};
+    EXPECT_EQ(extract_switch_floats_within("-2.5:1e3", 2, -1e38, 1e38, floats), 2);
+    EXPECT_EQ(std::vector<float>(floats, floats + 2), (std::vector<float>{-2.5f, 1e3f}));
+    for (const char* text : {"nan", "inf", "1e39", "1e308", "2:x"})
+        EXPECT_EQ(extract_switch_floats_within(text, 2, -3.4e38, 3.4e38, floats), 0) << text;
+}
+
 TEST(GetSwitch, uses_the_first_argument_after_the_program_that_begins_with_the_prefix) {
     const char* argv[] = {"-n=9", "-n=1:2", "-n=3", "-x=abcdef", "-f=0.5"};
     int ints[2] = {0, 0};

@@ -121,5 +121,39 @@ TEST(EvaluateZernikeSeries, follows_the_small_sets_and_the_direct_path_exactly) 
     }
 }
 
+// The companion programs' path: the recurrence agrees with torvel's sums to
+// rounding where those are accurate (orders up to 20, where the explicit
+// sums lose little to cancellation), its radial values come in visiting
+// order, and a series is cut back to its last term that is not zero.
+TEST(EvaluateZernikeSeriesRecurrent, agrees_with_the_sums_and_trims_to_the_terms_in_use) {
+    std::vector<double> coeffs(zernike_term_count(20, 20));
+    for (std::size_t i = 0; i < coeffs.size(); ++i) coeffs[i] = std::sin(1.0 + i);
+    std::vector<double> scratch(zernike_recurrent_scratch_size(20));
+    std::vector<double> radials(zernike_radial_count(20, 20));
+    for (auto [n, m] : TermList{{0, 0}, {1, 1}, {3, 1}, {8, 8}, {20, 2}, {20, 20}}) {
+        for (double rho : {0.0, 0.2, 0.77, 1.0}) {
+            evaluate_zernike_radials_recurrent(rho, n, m, radials.data(), scratch.data());
+            int r = 0;
+            for_each_zernike_term(n, m, [&](int k, int l) {
+                EXPECT_NEAR(radials[r++], evaluate_rnm(rho, k, l), 1e-10) << k << "," << l;
+            });
+            for (double theta : {0.0, 3.0, -1.9}) {
+                EXPECT_NEAR(
+                    evaluate_zernike_series_recurrent(rho, theta, n, m, coeffs.data(),
+                                                      scratch.data()),
+                    evaluate_zernike_series(rho, theta, n, m, coeffs.data()), 1e-9)
+                    << n << "," << m << " at " << rho << "," << theta;
+            }
+        }
+    }
+    std::vector<double> sparse(zernike_term_count(9, 9), 0.0);
+    int n = 0, m = 0;
+    zernike_set_in_use(9, 9, sparse.data(), &n, &m);
+    EXPECT_EQ(std::pair(n, m), std::pair(-1, -1));
+    sparse[std::size_t(zernike_term_index(6, 4)) + 1] = std::nan("");  // the sine of R_6^4
+    zernike_set_in_use(9, 9, sparse.data(), &n, &m);
+    EXPECT_EQ(std::pair(n, m), std::pair(6, 4));
+}
+
 }  // namespace
 }  // namespace torvel
