@@ -66,7 +66,7 @@ constexpr const char* kUsageLines[] = {
     "    -amplitude=model|uniform",
     "        model, the default, evaluates the model's amplitude series (1",
     "        when it has none); uniform writes amplitude 1.",
-    "    -h, --help",
+    "    -h, -H, -help, -Help, --help",
     "        Prints this text and exits.",
 };
 
