@@ -91,12 +91,23 @@ string(JOIN "\n" CPACK_DEBIAN_DEV_DESCRIPTION
 # What each package's programs link, a line each in its copyright file: the
 # library, the Debian package whose copyright file holds its terms, and its
 # licence. A program that links a further library adds its line here.
+# The programs look for OpenBLAS first in the directory of the build they
+# were linked with; dpkg-shlibdeps names only OpenBLAS as such. The dev
+# package asks for the LAPACK development package that its users link.
 if(LAPACK_LIBRARIES MATCHES "openblas-([a-z]+)/")
   set(_lapack "OpenBLAS, for BLAS and LAPACK (libopenblas0-${CMAKE_MATCH_1}): BSD-3-Clause")
+  set(CPACK_DEBIAN_TORVEL_PACKAGE_DEPENDS "libopenblas0-${CMAKE_MATCH_1}")
+  set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libopenblas-dev")
+  if(CMAKE_MATCH_1 STREQUAL "openmp")
+    # That run path is what lintian warns of; the reason is next to the override.
+    file(READ ${CMAKE_CURRENT_LIST_DIR}/debian/torvel.lintian-overrides TORVEL_DEB_OVERRIDES_torvel)
+  endif()
 elseif(LAPACK_LIBRARIES MATCHES "openblas")
   set(_lapack "OpenBLAS, for BLAS and LAPACK (libopenblas0): BSD-3-Clause")
+  set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libopenblas-dev")
 else()
   set(_lapack "LAPACK and BLAS (liblapack3, libblas3): BSD-3-Clause")
+  set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "liblapack-dev")
 endif()
 set(_gcc_runtime "GCC's runtime, libstdc++ and libgcc (libstdc++6, libgcc-s1)")
 if(OpenMP_CXX_FOUND)
@@ -114,21 +125,6 @@ set(TORVEL_DEB_LINKS_dev "${_lapack}" "${_gcc_runtime}")
 # and where the code comes from, separated by "|".
 set(TORVEL_DEB_CONTAINS_torvel
   "usr/bin/torvel-report|2013-2022 Niels Lohmann|Expat|the header-only JSON library nlohmann-json (nlohmann-json3-dev), compiled in")
-
-# The programs look for OpenBLAS first in the directory of the build they
-# were linked with; dpkg-shlibdeps names only OpenBLAS as such.
-if(LAPACK_LIBRARIES MATCHES "openblas-([a-z]+)/")
-  set(CPACK_DEBIAN_TORVEL_PACKAGE_DEPENDS "libopenblas0-${CMAKE_MATCH_1}")
-  if(CMAKE_MATCH_1 STREQUAL "openmp")
-    # That run path is what lintian warns of; the reason is next to the override.
-    file(READ ${CMAKE_CURRENT_LIST_DIR}/debian/torvel.lintian-overrides TORVEL_DEB_OVERRIDES_torvel)
-  endif()
-endif()
-if(LAPACK_LIBRARIES MATCHES "openblas")
-  set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libopenblas-dev")
-else()
-  set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "liblapack-dev")
-endif()
 
 # Where the programs are stripped (cpack, or cmake --install --strip), they
 # also lose the compilers' notes, and the static library its debug data and

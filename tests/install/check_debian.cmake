@@ -4,13 +4,7 @@
 # tags lintian is told to ignore are in the packages' override files, each
 # with its reason).
 # Called with -DSOURCE_DIR=... -DWORK_DIR=... [-DLAUNCHER=compiler launcher]
-function(run)
-  execute_process(COMMAND ${ARGN} RESULT_VARIABLE status OUTPUT_VARIABLE out ERROR_VARIABLE err)
-  if(NOT status EQUAL 0)
-    message(FATAL_ERROR "failed: ${ARGN}\n${out}\n${err}")
-  endif()
-  set(out "${out}${err}" PARENT_SCOPE)
-endfunction()
+include(${CMAKE_CURRENT_LIST_DIR}/run.cmake)
 
 find_program(LINTIAN lintian)
 if(NOT LINTIAN)
