@@ -88,9 +88,6 @@ string(JOIN "\n" CPACK_DEBIAN_DEV_DESCRIPTION
   "package (find_package(torvel)) and a pkg-config file (torvel.pc): Zernike"
   "series, pupil fits, the parametric pupil file and the MRC2014 image layer.")
 
-# What each package's programs link, a line each in its copyright file: the
-# library, the Debian package whose copyright file holds its terms, and its
-# licence. A program that links a further library adds its line here.
 # The programs look for OpenBLAS first in the directory of the build they
 # were linked with; dpkg-shlibdeps names only OpenBLAS as such. The dev
 # package asks for the LAPACK development package that its users link.
@@ -109,6 +106,9 @@ else()
   set(_lapack "LAPACK and BLAS (liblapack3, libblas3): BSD-3-Clause")
   set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "liblapack-dev")
 endif()
+# What each package's programs link, a line each in its copyright file: the
+# library, the Debian package whose copyright file holds its terms, and its
+# licence. A program that links a further library adds its line here.
 set(_gcc_runtime "GCC's runtime, libstdc++ and libgcc (libstdc++6, libgcc-s1)")
 if(OpenMP_CXX_FOUND)
   set(_gcc_runtime "GCC's runtime, libstdc++, libgcc and the OpenMP runtime libgomp (libstdc++6, libgcc-s1, libgomp1)")
@@ -121,7 +121,7 @@ set(TORVEL_DEB_LINKS_torvel
 # libtorvel.a holds torvel's code only; the programs that link it link these.
 set(TORVEL_DEB_LINKS_dev "${_lapack}" "${_gcc_runtime}")
 # Code of other projects compiled into a program: the installed file,
-# its copyright holders, the licence (its text in cmake/debian/LICENCE.txt)
+# its copyright holders, the licence (its text in cmake/debian/NAME.txt)
 # and where the code comes from, separated by "|".
 set(TORVEL_DEB_CONTAINS_torvel
   "usr/bin/torvel-report|2013-2022 Niels Lohmann|Expat|the header-only JSON library nlohmann-json (nlohmann-json3-dev), compiled in")
