@@ -68,9 +68,22 @@ purge() {
     echo "purged: no file of the packages left"
 }
 
-# The checks run as nobody, in a folder of its own.
+# The checks run as nobody, in a folder of its own; whatever their outcome,
+# the packages are purged at the end (unless --keep).
 work=$(mktemp -d)
 chmod 777 "$work"
+finish() {
+    local status=$?
+    rm -rf "$work"
+    if ((keep)); then
+        rm -f "$files"
+    else
+        purge || status=1
+    fi
+    ((status == 0)) && echo "check-deb: passed"
+    exit $status
+}
+trap finish EXIT
 as_user() { (cd "$work" && runuser -u nobody -- env HOME="$work" "$@"); }
 for program in $(grep '^/usr/bin/' "$files"); do
     name=$(basename "$program")
@@ -90,10 +103,3 @@ example=/usr/share/doc/libtorvel-dev/examples/pupil_model/pupil_model.cpp
 as_user sh -c "c++ -std=c++20 $example \$(pkg-config --cflags --libs torvel) -o pupil_model"
 as_user ./pupil_model fit.txt >"$work/model.txt"
 head -n 3 "$work/model.txt"
-rm -rf "$work"
-if ((keep)); then
-    rm -f "$files"
-else
-    purge
-fi
-echo "check-deb: passed"

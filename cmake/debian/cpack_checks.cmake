@@ -3,6 +3,7 @@
 # name the libraries they need); a missing one is named with the Debian
 # package that provides it.
 if(CPACK_GENERATOR STREQUAL "DEB")
+  cmake_policy(SET CMP0109 NEW)  # a program is what may be executed
   set(_missing "")
   foreach(_tool_package file:file dpkg-shlibdeps:dpkg-dev dpkg-deb:dpkg)
     string(REPLACE ":" ";" _pair "${_tool_package}")
@@ -15,7 +16,7 @@ if(CPACK_GENERATOR STREQUAL "DEB")
   endforeach()
   if(_missing)
     list(JOIN _missing ", " _missing)
-    message(FATAL_ERROR "cpack -G DEB needs ${_missing}: apt-get install them, "
+    message(FATAL_ERROR "cpack -G DEB needs ${_missing}; install with apt-get, "
                         "or run bash tools/install-deps.sh")
   endif()
 endif()
