@@ -8,8 +8,10 @@
 # and the changelog (cmake/debian/changelog.in, whose top entry gives the
 # package version). dpkg-shlibdeps names the shared libraries the programs
 # need (libc, libstdc++, the LAPACK they were linked with); the dev package
-# asks for the LAPACK development package that its users link. Programs are
-# stripped; a build for packages takes Debian's flags (cmake/buildflags.cmake).
+# asks for the LAPACK and libtiff development packages that its users link.
+# Programs are
+# stripped; a build for packages takes Debian's flags
+# (cmake/buildflags.cmake).
 #
 # A further package: its component in CPACK_COMPONENTS_ALL, its name and
 # description below, and the libraries its programs link in
@@ -86,25 +88,27 @@ string(JOIN "\n" CPACK_DEBIAN_DEV_DESCRIPTION
   "torvel's pupil fitting library (development files)"
   "The static library libtorvel with its headers <torvel/NAME.hpp>, a CMake"
   "package (find_package(torvel)) and a pkg-config file (torvel.pc): Zernike"
-  "series, pupil fits, the parametric pupil file and the MRC2014 image layer.")
+  "series, pupil fits, the parametric pupil file and the image layer (MRC2014,"
+  "and TIFF stacks).")
 
 # The programs look for OpenBLAS first in the directory of the build they
 # were linked with; dpkg-shlibdeps names only OpenBLAS as such. The dev
-# package asks for the LAPACK development package that its users link.
+# package asks for the LAPACK and libtiff development packages that its users
+# link.
 if(LAPACK_LIBRARIES MATCHES "openblas-([a-z]+)/")
   set(_lapack "OpenBLAS, for BLAS and LAPACK (libopenblas0-${CMAKE_MATCH_1}): BSD-3-Clause")
   set(CPACK_DEBIAN_TORVEL_PACKAGE_DEPENDS "libopenblas0-${CMAKE_MATCH_1}")
-  set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libopenblas-dev")
+  set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libopenblas-dev, libtiff-dev")
   if(CMAKE_MATCH_1 STREQUAL "openmp")
     # That run path is what lintian warns of; the reason is next to the override.
     file(READ ${CMAKE_CURRENT_LIST_DIR}/debian/torvel.lintian-overrides TORVEL_DEB_OVERRIDES_torvel)
   endif()
 elseif(LAPACK_LIBRARIES MATCHES "openblas")
   set(_lapack "OpenBLAS, for BLAS and LAPACK (libopenblas0): BSD-3-Clause")
-  set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libopenblas-dev")
+  set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libopenblas-dev, libtiff-dev")
 else()
   set(_lapack "LAPACK and BLAS (liblapack3, libblas3): BSD-3-Clause")
-  set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "liblapack-dev")
+  set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "liblapack-dev, libtiff-dev")
 endif()
 # What each package's programs link, a line each in its copyright file: the
 # library, the Debian package whose copyright file holds its terms, and its
@@ -116,10 +120,12 @@ endif()
 string(APPEND _gcc_runtime ": GPL-3+ with the GCC Runtime Library Exception 3.1, which sets no condition on programs compiled with GCC")
 set(TORVEL_DEB_LINKS_torvel
   "${_lapack}"
+  "libtiff, for TIFF stacks (libtiff6): libtiff (BSD-like)"
   "cairo, for the figures (libcairo2): LGPL-2.1 or MPL-1.1"
   "${_gcc_runtime}")
 # libtorvel.a holds torvel's code only; the programs that link it link these.
-set(TORVEL_DEB_LINKS_dev "${_lapack}" "${_gcc_runtime}")
+set(TORVEL_DEB_LINKS_dev "${_lapack}" "libtiff, for TIFF stacks (libtiff6): libtiff (BSD-like)"
+    "${_gcc_runtime}")
 # Code of other projects compiled into a program: the installed file,
 # its copyright holders, the licence (its text in cmake/debian/NAME.txt)
 # and where the code comes from, separated by "|".

@@ -8,13 +8,13 @@
 # build/fuzz/crashes/<target>.
 #
 # usage: tools/fuzz.sh seconds_per_target [target...]
-#        targets: image_layer fit_file command_line (default: all three)
+#        targets: image_layer image_stack fit_file command_line (default: all)
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds=${1:?usage: tools/fuzz.sh seconds_per_target [target...]}
 shift
 targets=("$@")
-((${#targets[@]} > 0)) || targets=(image_layer fit_file command_line)
+((${#targets[@]} > 0)) || targets=(image_layer image_stack fit_file command_line)
 
 bash tools/install-deps.sh
 dpkg -s clang libclang-rt-dev >/dev/null 2>&1 || apt-get install -y -qq clang libclang-rt-dev

@@ -12,8 +12,8 @@ source tools/quiet.sh
 # (dpkg-shlibdeps, dpkg-buildflags); their test needs lintian.
 packages=(g++ cmake make libopenblas-openmp-dev libopenblas0-serial libopenblas0-pthread liblapack3
           libblas3 libgtest-dev libbenchmark-dev python3 python3-numpy python3-mrcfile pkgconf
-          man-db groff-base libcairo2-dev nlohmann-json3-dev fonts-dejavu-core
-          file dpkg-dev lintian "$@")
+          man-db groff-base libcairo2-dev nlohmann-json3-dev fonts-dejavu-core libtiff-dev
+          python3-tifffile file dpkg-dev lintian "$@")
 missing=()
 for p in "${packages[@]}"; do
     dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")

@@ -20,10 +20,10 @@ echo
 ./build/release/make_sample_pupil --compare out/sample_fit.txt sample/model_fit.txt
 echo
 ./build/release/torvel-report out/sample_fit.txt -image=sample/pupil.mrc \
-    -residual=out/sample_residual.mrc -png=out/report.png -json=out/fit.json
+    -residual=out/sample_residual.mrc -png=out/report.png -json=out/fit.json -csv=out/fit.csv
 cat <<END
 
 The outputs are in out/: the fit sample_fit.txt (torvel's run in sample_fit.log),
-the residual image sample_residual.mrc and the report's fit.json.
+the residual image sample_residual.mrc and the report's fit.json and fit.csv.
 Open out/report.png to see the fitted pupil beside the measured one and the residual.
 END

@@ -13,6 +13,12 @@
 // nothing else: queries then store zeros in their outputs, operations with a
 // result return non-zero. Setters work on "new" streams only; on a "ro"
 // stream they print a message and change nothing.
+//
+// Beside the streams, whole image stacks are written and read in one call,
+// as MRC or TIFF files (write_image_stack, read_image_stack at the end).
+
+#include <memory>
+#include <span>
 
 namespace torvel {
 
@@ -160,5 +166,35 @@ void image_add_label(int stream, const char* text) noexcept;
 // message and writes nothing.
 void image_write_header(int stream, const char* title, int title_flag, float dmin, float dmax,
                         float dmean) noexcept;
+
+// A stack of planes for one or more wavelengths, as microscopy programs keep it.
+struct image_stack_header {
+    int nx = 0, ny = 0, nz = 0;              // columns, rows, planes per wavelength
+    int nw = 1;                              // wavelengths (1 to 5)
+    float dx_um = 0, dy_um = 0, dz_um = 0;   // voxel spacing in micrometres; 0 where unknown
+    float wavelengths_nm[5] = {};            // 0 where unknown
+};
+
+// Writes voxels (nw blocks, each nz planes of ny rows of nx floats; x fastest) to `name`, format by
+// the name's extension: ".mrc" (mode 2, sections wavelength after wavelength, z fastest, the
+// multi-wavelength block with type code 0 and the wavelengths, spacing dx, dy, dz in µm) or
+// ".tif"/".tiff" (a 32-bit float ImageJ hyperstack: wavelengths as channels, planes as slices,
+// spacing= and unit=micron in the ImageJ description, pixel size in the resolution tags); any other
+// extension is refused, as are sizes below 1, more than 5 wavelengths and a voxel count that is not
+// nx * ny * nz * nw. Written beside the final name and renamed over it when complete, so a failed
+// or killed run leaves the earlier file untouched. Returns 0, or non-zero after one message that
+// begins with the name set by image_set_program_name.
+int write_image_stack(const char* name, const image_stack_header& header,
+                      std::span<const float> voxels) noexcept;
+
+// Reads a whole stack: an MRC file (an ordinary image, any pixel mode; complex modes refused; nz
+// per wavelength from the multi-wavelength block, spacing from the header, wavelengths from the
+// block) or a TIFF file (ImageJ hyperstack or plain multi-page; 8/16-bit unsigned integer or 32-bit
+// float; spacing from the ImageJ description or the resolution tags), told apart by their first
+// bytes. Every size is checked in 64-bit arithmetic against the file's length before anything is
+// allocated. On success returns 0, fills *header and *voxels (laid out as write_image_stack takes
+// them); otherwise returns non-zero after one message and leaves both untouched.
+int read_image_stack(const char* name, image_stack_header* header,
+                     std::unique_ptr<float[]>* voxels) noexcept;
 
 }  // namespace torvel

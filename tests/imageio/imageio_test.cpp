@@ -6,12 +6,14 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cmath>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <numeric>
 #include <string>
 #include <utility>
@@ -164,15 +166,16 @@ void expect_message(const std::function<void()>& step, const std::string& path,
     EXPECT_EQ(1, std::count(err.begin(), err.end(), '\n')) << err;
 }
 
-// Runs the independent side of the interoperability checks, mrcfile_interop.py.
-int python(const std::string& args) {
-    if (std::system("/usr/bin/python3 -c 'import mrcfile'") != 0) {
-        ADD_FAILURE() << "/usr/bin/python3 cannot import mrcfile: install Debian's python3-mrcfile";
+// Runs the independent side of the interoperability checks, mrcfile_interop.py
+// or another script of tests/imageio.
+int python(const std::string& args, const std::string& script = "mrcfile_interop.py") {
+    if (std::system("/usr/bin/python3 -c 'import mrcfile, tifffile'") != 0) {
+        ADD_FAILURE() << "/usr/bin/python3 cannot import mrcfile and tifffile: install Debian's "
+                         "python3-mrcfile and python3-tifffile";
         return -1;
     }
     return std::system(
-        ("/usr/bin/python3 " TORVEL_SOURCE_DIR "/tests/imageio/mrcfile_interop.py " + args)
-            .c_str());
+        ("/usr/bin/python3 " TORVEL_SOURCE_DIR "/tests/imageio/" + script + " " + args).c_str());
 }
 
 }  // namespace
@@ -390,4 +393,127 @@ TEST(Mrcfile, documented_python_example_makes_a_pupil_image) {
     EXPECT_EQ(5.0f, planes[3 * 7 + 4]);                            // pixel (4, 3): 2x - y
     EXPECT_EQ(-0.5f, planes[42 + 3 * 7 + 4]);                      // and -x / 8
     image_close(1);
+}
+
+// ---------------------------------------------------------------------------
+// Whole stacks, MRC and TIFF.
+
+namespace {
+
+// The stack stack_interop.py expects: 2 wavelengths of 3 planes of 4 x 5 voxels.
+image_stack_header written_header() {
+    image_stack_header h;
+    h.nx = 5, h.ny = 4, h.nz = 3, h.nw = 2;
+    h.dx_um = 0.065f, h.dy_um = 0.07f, h.dz_um = 0.15f;
+    h.wavelengths_nm[0] = 520, h.wavelengths_nm[1] = 600;
+    return h;
+}
+
+std::vector<float> written_voxels() {
+    std::vector<float> v(5 * 4 * 3 * 2);
+    for (std::size_t i = 0; i < v.size(); ++i) v[i] = float(i) * 0.5f - 3;
+    return v;
+}
+
+// The header's fields in one row for one comparison.
+std::vector<double> stack_row(const image_stack_header& h) {
+    std::vector<double> row{double(h.nx), double(h.ny), double(h.nz), double(h.nw),
+                            h.dx_um,      h.dy_um,      h.dz_um};
+    row.insert(row.end(), h.wavelengths_nm, h.wavelengths_nm + 5);
+    return row;
+}
+
+}  // namespace
+
+TEST(ImageStack, written_as_mrc_and_tiff_reads_back_here_and_in_mrcfile_and_tifffile) {
+    const image_stack_header h = written_header();
+    const std::vector<float> v = written_voxels();
+    const std::string dir = scratch("");
+    for (const char* name : {"written.mrc", "written.tif"}) {
+        const std::string path = dir + name;
+        ASSERT_EQ(0, write_image_stack(path.c_str(), h, v)) << name;
+        image_stack_header got;
+        std::unique_ptr<float[]> voxels;
+        ASSERT_EQ(0, read_image_stack(path.c_str(), &got, &voxels)) << name;
+        image_stack_header want = h;
+        if (path.ends_with(".tif")) want.wavelengths_nm[0] = want.wavelengths_nm[1] = 0;
+        // The TIFF resolution is a ratio of integers: 1 / 0.065 comes back within a rounding.
+        for (float* s : {&got.dx_um, &got.dy_um, &got.dz_um}) *s = float(std::round(*s * 1e6) / 1e6);
+        EXPECT_EQ(stack_row(want), stack_row(got)) << name;
+        EXPECT_EQ(v, std::vector<float>(voxels.get(), voxels.get() + v.size())) << name;
+    }
+    EXPECT_EQ(0, python("check " + dir, "stack_interop.py"));
+}
+
+TEST(ImageStack, reads_what_tifffile_and_mrcfile_write) {
+    const std::string dir = scratch("made/");
+    fs::create_directories(dir);
+    ASSERT_EQ(0, python("make " + dir, "stack_interop.py"));
+    for (const char* file :
+         {"hyper.tif", "plain8.tif", "plain16.tif", "plainf.tif", "int16.mrc", "float32.mrc"}) {
+        const std::string path = dir + file;
+        const std::string base = path.substr(0, path.size() - 4);
+        image_stack_header want;
+        std::ifstream(base + ".txt") >> want.nx >> want.ny >> want.nz >> want.nw >> want.dx_um >>
+            want.dy_um >> want.dz_um;
+        image_stack_header got;
+        std::unique_ptr<float[]> voxels;
+        ASSERT_EQ(0, read_image_stack(path.c_str(), &got, &voxels)) << path;
+        for (float* s : {&got.dx_um, &got.dy_um, &got.dz_um}) *s = float(std::round(*s * 1e6) / 1e6);
+        EXPECT_EQ(stack_row(want), stack_row(got)) << path;
+        const std::vector<float> expected = load_floats(base + ".f32");
+        EXPECT_EQ(expected, std::vector<float>(voxels.get(), voxels.get() + expected.size()))
+            << path;
+    }
+}
+
+TEST(ImageStack, damaged_or_unfit_files_and_stacks_are_refused_with_one_message) {
+    const std::string dir = scratch("damaged/");
+    fs::create_directories(dir);
+    const image_stack_header h = written_header();
+    const std::vector<float> v = written_voxels();
+    // Reading: each file cut short, a broken first directory, colour pages, a
+    // complex MRC image; nothing reaches the caller's header or voxels.
+    std::vector<std::pair<std::string, std::string>> cases;
+    for (const char* ext : {".mrc", ".tif"}) {
+        const std::string whole = dir + "whole" + ext;
+        ASSERT_EQ(0, write_image_stack(whole.c_str(), h, v));
+        const auto size = fs::file_size(whole);
+        for (auto keep : {std::uintmax_t(3), std::uintmax_t(8), std::uintmax_t(600), size - 1}) {
+            const std::string cut = dir + "cut" + std::to_string(keep) + ext;
+            fs::copy_file(whole, cut);
+            fs::resize_file(cut, keep);
+            cases.push_back({cut, ""});
+        }
+    }
+    Bytes broken(64, 0);
+    std::memcpy(broken.data(), "II*\0\x30\0\0\0", 8);  // a directory of 0 entries
+    const std::string broken_path = dir + "broken.tif";
+    std::ofstream(broken_path, std::ios::binary)
+        .write(reinterpret_cast<const char*>(broken.data()), std::streamsize(broken.size()));
+    cases.push_back({broken_path, "TIFF"});
+    ASSERT_EQ(0, python("make " + dir, "stack_interop.py"));
+    cases.push_back({dir + "rgb.tif", "3 samples per pixel"});
+    write_pupil(dir + "complex.mrc", 4);
+    cases.push_back({dir + "complex.mrc", "complex"});
+    for (const auto& [path, reason] : cases) {
+        image_stack_header got;
+        got.nx = -7;
+        std::unique_ptr<float[]> voxels;
+        expect_message([&] { EXPECT_NE(0, read_image_stack(path.c_str(), &got, &voxels)); },
+                       path, reason);
+        EXPECT_EQ(-7, got.nx) << path;
+        EXPECT_FALSE(voxels) << path;
+    }
+    // Writing: a name of no stack format, too few voxels, six wavelengths.
+    image_stack_header six = h;
+    six.nw = 6;
+    const std::string out = dir + "out.tif";
+    expect_message([&] { EXPECT_NE(0, write_image_stack((dir + "out.png").c_str(), h, v)); },
+                   dir + "out.png", ".mrc, .tif or .tiff");
+    expect_message([&] { EXPECT_NE(0, write_image_stack(out.c_str(), h, {v.data(), 5})); }, out,
+                   "5 voxels");
+    expect_message([&] { EXPECT_NE(0, write_image_stack(out.c_str(), six, v)); }, out,
+                   "6 wavelengths");
+    EXPECT_FALSE(fs::exists(out));
 }
