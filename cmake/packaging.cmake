@@ -120,10 +120,11 @@ endif()
 string(APPEND _gcc_runtime ": GPL-3+ with the GCC Runtime Library Exception 3.1, which sets no condition on programs compiled with GCC")
 set(TORVEL_DEB_LINKS_torvel
   "${_lapack}"
-  "libtiff, for TIFF stacks (libtiff6): libtiff (BSD-like)"
   "cairo, for the figures (libcairo2): LGPL-2.1 or MPL-1.1"
   "${_gcc_runtime}")
 # libtorvel.a holds torvel's code only; the programs that link it link these.
+# (Today's programs leave out the library's TIFF reader and so libtiff; a
+# program that reads TIFF stacks adds the libtiff line above.)
 set(TORVEL_DEB_LINKS_dev "${_lapack}" "libtiff, for TIFF stacks (libtiff6): libtiff (BSD-like)"
     "${_gcc_runtime}")
 # Code of other projects compiled into a program: the installed file,
