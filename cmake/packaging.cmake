@@ -124,7 +124,7 @@ set(TORVEL_DEB_LINKS_torvel
   "${_gcc_runtime}")
 # libtorvel.a holds torvel's code only; the programs that link it link these.
 # (Today's programs leave out the library's TIFF reader and so libtiff; a
-# program that reads TIFF stacks adds the libtiff line above.)
+# program that reads TIFF stacks adds libtiff's line, as below, to the list above.)
 set(TORVEL_DEB_LINKS_dev "${_lapack}" "libtiff, for TIFF stacks (libtiff6): libtiff (BSD-like)"
     "${_gcc_runtime}")
 # Code of other projects compiled into a program: the installed file,
