@@ -1,27 +1,49 @@
 # Manual pages made from a program's own usage text.
 #
-# Included by a project, this file defines torvel_man_page(name target): the
-# page man/<name>.1.in is filled at build time into <build>/man/<name>.1,
-# installed gzipped to share/man/man1 and checked by `man --warnings` as a test.
+# Included by a project, this file defines torvel_man_page(name target [DOC doc]):
+# the page man/<name>.1.in is filled at build time into <build>/man/<name>.1,
+# installed gzipped to share/man/man1 and checked by `man --warnings` as a
+# test, which also finds on the page every option of the "## Options" table of
+# the program's documentation page DOC (docs/<doc>.md), when one is named.
 # In the template, @SYNOPSIS@, @DESCRIPTION@ and @OPTIONS@ become the parts of
-# the usage text of `target -h` (see usage_to_roff below); the page's
-# own text (NAME, DESCRIPTION, EXIT STATUS, EXAMPLES, ...) is plain roff,
-# where @VERSION@ and @DOCDIR@ (the installed documentation folder) are filled.
+# the usage text of `target -h` (see usage_to_roff below) and @SEE_ALSO@ the
+# list of the project's other manual pages; the page's own text (NAME,
+# DESCRIPTION, EXIT STATUS, EXAMPLES, ...) is plain roff, where @VERSION@ and
+# @DOCDIR@ (the installed documentation folder) are filled.
 #
 # Run as a script it does one of the two jobs:
-#   cmake -DPROGRAM=exe -DTEMPLATE=in -DOUTPUT=page -DVERSION=v -DDOCDIR=d -P man_page.cmake
-#   cmake -DCHECK=page -P man_page.cmake
+#   cmake -DPROGRAM=exe -DTEMPLATE=in -DOUTPUT=page -DVERSION=v -DDOCDIR=d
+#         -DPAGES=list_file -P man_page.cmake
+#   cmake -DCHECK=page [-DDOC=doc.md] -P man_page.cmake
 
 if(NOT CMAKE_SCRIPT_MODE_FILE)
+  include_guard(GLOBAL)
   set(_torvel_man_script ${CMAKE_CURRENT_LIST_FILE})
+  # Every page's name, one a line, written once the whole project is
+  # configured (and rewritten only when it changes): each page's SEE ALSO
+  # names the others, so a new program's page appears in all of them.
+  function(_torvel_write_man_list)
+    get_property(pages GLOBAL PROPERTY TORVEL_MAN_PAGES)
+    list(JOIN pages "\n" pages)
+    file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/man-pages.txt CONTENT "${pages}\n")
+  endfunction()
+
   function(torvel_man_page name target)
+    cmake_parse_arguments(PARSE_ARGV 2 arg "" "DOC" "")
+    get_property(pages GLOBAL PROPERTY TORVEL_MAN_PAGES)
+    if(NOT pages)
+      cmake_language(DEFER DIRECTORY ${PROJECT_SOURCE_DIR} CALL _torvel_write_man_list)
+    endif()
+    set_property(GLOBAL APPEND PROPERTY TORVEL_MAN_PAGES ${name})
     set(template ${CMAKE_CURRENT_SOURCE_DIR}/${name}.1.in)
     set(page ${CMAKE_CURRENT_BINARY_DIR}/${name}.1)
+    set(list ${PROJECT_BINARY_DIR}/man-pages.txt)
     add_custom_command(OUTPUT ${page}
       COMMAND ${CMAKE_COMMAND} -DPROGRAM=$<TARGET_FILE:${target}> -DTEMPLATE=${template}
               -DOUTPUT=${page} -DVERSION=${PROJECT_VERSION}
-              -DDOCDIR=${CMAKE_INSTALL_FULL_DOCDIR} -P ${_torvel_man_script}
-      DEPENDS ${target} ${template} ${_torvel_man_script}
+              -DDOCDIR=${CMAKE_INSTALL_FULL_DOCDIR} -DPAGES=${list}
+              -P ${_torvel_man_script}
+      DEPENDS ${target} ${template} ${_torvel_man_script} ${list}
       COMMENT "Manual page ${name}(1) from ${name} -h")
     # Installed compressed, as Debian keeps its manual pages.
     add_custom_command(OUTPUT ${page}.gz
@@ -30,7 +52,12 @@ if(NOT CMAKE_SCRIPT_MODE_FILE)
     add_custom_target(man_${name} ALL DEPENDS ${page}.gz)
     install(FILES ${page}.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
     if(BUILD_TESTING AND TORVEL_PRODUCT_TESTS)
-      add_test(NAME man_page_${name} COMMAND ${CMAKE_COMMAND} -DCHECK=${page} -P ${_torvel_man_script})
+      set(doc "")
+      if(arg_DOC)
+        set(doc -DDOC=${PROJECT_SOURCE_DIR}/docs/${arg_DOC})
+      endif()
+      add_test(NAME man_page_${name}
+               COMMAND ${CMAKE_COMMAND} -DCHECK=${page} ${doc} -P ${_torvel_man_script})
     endif()
   endfunction()
   return()
@@ -159,6 +186,43 @@ function(usage_to_roff usage synopsis_out description_out options_out)
   set(${options_out} "${options}" PARENT_SCOPE)
 endfunction()
 
+# The SEE ALSO list: every page of the list file but this one.
+function(see_also out pages_file self)
+  file(STRINGS ${pages_file} pages)
+  list(REMOVE_ITEM pages ${self})
+  set(refs "")
+  foreach(page IN LISTS pages)
+    roff_text(page "${page}")
+    list(APPEND refs ".BR ${page} (1)")
+  endforeach()
+  list(JOIN refs ",\n" refs)
+  set(${out} "${refs}" PARENT_SCOPE)
+endfunction()
+
+# The options of a documentation page: the first cell of each row of its
+# "## Options" table, every `-name` or `-name=` in it.
+function(documented_options out doc)
+  file(STRINGS ${doc} lines)
+  set(options "")
+  set(inside OFF)
+  foreach(line IN LISTS lines)
+    if(line MATCHES "^## ")
+      set(inside OFF)
+      if(line MATCHES "^## Options")
+        set(inside ON)
+      endif()
+    elseif(inside AND line MATCHES "^\\| *(`-[^|]*)\\|")
+      string(REGEX MATCHALL "`-+[A-Za-z_]+=?" names "${CMAKE_MATCH_1}")
+      string(REPLACE "`" "" names "${names}")
+      list(APPEND options ${names})
+    endif()
+  endforeach()
+  if(NOT options)
+    message(FATAL_ERROR "${doc}: no \"## Options\" table")
+  endif()
+  set(${out} "${options}" PARENT_SCOPE)
+endfunction()
+
 if(DEFINED CHECK)
   # The page must format without a single groff or man warning.
   execute_process(COMMAND ${CMAKE_COMMAND} -E env MANPAGER=cat MANWIDTH=80
@@ -166,6 +230,28 @@ if(DEFINED CHECK)
                   RESULT_VARIABLE status OUTPUT_VARIABLE shown ERROR_VARIABLE warnings)
   if(NOT status EQUAL 0 OR NOT warnings STREQUAL "" OR NOT shown MATCHES "OPTIONS")
     message(FATAL_ERROR "man --warnings -l ${CHECK} (status ${status}):\n${warnings}")
+  endif()
+  if(DEFINED DOC)
+    # Every documented option is on the page; lines too wide to break leave
+    # each option whole.
+    execute_process(COMMAND ${CMAKE_COMMAND} -E env MANPAGER=cat MANWIDTH=1000
+                            man -E ascii -l ${CHECK} OUTPUT_VARIABLE shown)
+    documented_options(options ${DOC})
+    set(missing "")
+    foreach(option IN LISTS options)
+      # The names hold letters, '_', '-' and '=' only: no regular expression
+      # character. A name without '=' must end there (-h is not -help).
+      set(end "")
+      if(NOT option MATCHES "=$")
+        set(end "([ ,=\n]|$)")
+      endif()
+      if(NOT shown MATCHES "(^|[ ,\n])${option}${end}")
+        list(APPEND missing ${option})
+      endif()
+    endforeach()
+    if(missing)
+      message(FATAL_ERROR "${CHECK} lacks options that ${DOC} lists: ${missing}")
+    endif()
   endif()
   return()
 endif()
@@ -175,4 +261,6 @@ if(NOT status EQUAL 0 OR usage STREQUAL "")
   message(FATAL_ERROR "${PROGRAM} -h failed (status ${status})")
 endif()
 usage_to_roff("${usage}" SYNOPSIS DESCRIPTION OPTIONS)
+get_filename_component(self ${OUTPUT} NAME_WE)
+see_also(SEE_ALSO ${PAGES} ${self})
 configure_file(${TEMPLATE} ${OUTPUT} @ONLY)

@@ -72,7 +72,7 @@ constexpr const char* kModelChoiceUsageLines[] = {
     "    -amplitude=model|uniform",
     "        model, the default, evaluates the model's amplitude series (1",
     "        when it has none); uniform takes amplitude 1.",
-    "    -h, --help",
+    "    -h, -H, -help, -Help, --help",
     "        Prints this text and exits.",
 };
 

@@ -43,8 +43,8 @@ constexpr const char* kUsageLines[] = {
     "    -residual=name",
     "        With -png=, draws the residual image that torvel wrote with the fit",
     "        as amplitude and phase differences, measured minus fitted.",
-    "    -h, --help",
-    "        Prints this text.",
+    "    -h, -H, -help, -Help, --help",
+    "        Prints this text and exits.",
 };
 
 // The switches, in the order of report_inputs' name fields.

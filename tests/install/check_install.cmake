@@ -5,13 +5,7 @@
 # sample image. Also: the exported files name no absolute path, and every
 # installed manual page shows with `man -l`.
 # Called with -DBUILD_DIR=... -DSOURCE_DIR=... -DCXX=... -DCXX_FLAGS=...
-function(run)
-  execute_process(COMMAND ${ARGN} RESULT_VARIABLE status OUTPUT_VARIABLE out ERROR_VARIABLE err)
-  if(NOT status EQUAL 0)
-    message(FATAL_ERROR "failed: ${ARGN}\n${out}\n${err}")
-  endif()
-  set(out "${out}" PARENT_SCOPE)
-endfunction()
+include(${CMAKE_CURRENT_LIST_DIR}/run.cmake)
 
 run(mktemp -d -t torvel-install-check.XXXXXX)
 string(STRIP "${out}" work)
