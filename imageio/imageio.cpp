@@ -1,3 +1,4 @@
+#include <torvel/messages.hpp>
 #include <torvel/imageio.hpp>
 #include <torvel/safeout.hpp>
 
@@ -351,7 +352,7 @@ const char* g_program = "torvel";
     va_start(args, format);
     std::vsnprintf(reason, sizeof reason, format, args);
     va_end(args);
-    std::fprintf(stderr, "%s: %s: %s\n", g_program, subject, reason);
+    print_message("%s: %s: %s\n", g_program, subject, reason);
 }
 
 bool in_range(int stream) {

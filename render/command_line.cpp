@@ -8,6 +8,7 @@
 #include <system_error>
 #include <new>
 
+#include <torvel/messages.hpp>
 #include <torvel/pupil.hpp>
 #include <torvel/render.hpp>
 #include <torvel/safeout.hpp>
@@ -85,13 +86,13 @@ int check_option_names(const option_args& args) {
         for (const char* option : kOptions)
             if (std::strncmp(arg, option, std::strlen(option)) == 0) known = option;
         if (known == nullptr) {
-            std::fprintf(stderr, "%s: unrecognized option %s\n", kProgram, arg);
+            print_message("%s: unrecognized option %s\n", kProgram, arg);
             error = 1;
             continue;
         }
         for (int j = 1; j < i; ++j) {
             if (std::strncmp(args.argv[j], known, std::strlen(known)) == 0) {
-                std::fprintf(stderr, "%s: %s given more than once\n", kProgram, known);
+                print_message("%s: %s given more than once\n", kProgram, known);
                 error = 1;
                 break;
             }
@@ -106,8 +107,8 @@ int parse_size(const option_args& args, render_inputs* inputs) {
     if (count == -1) return 0;
     if (count == 1) values[1] = values[0];
     if ((count != 1 && count != 2) || values[0] < 1 || values[1] < 1) {
-        std::fprintf(stderr, "%s: %s expects one or two positive integers, nx[:ny]\n", kProgram,
-                     kSizeOption);
+        print_message("%s: %s expects one or two positive integers, nx[:ny]\n", kProgram,
+                      kSizeOption);
         return 1;
     }
     inputs->nx = values[0];
@@ -120,7 +121,7 @@ int parse_spacing(const option_args& args, render_inputs* inputs) {
     const int count = get_floatswitch(kSpacingOption, args.argv, args.argc, 1, &value);
     if (count == -1) return 0;
     if (count != 1 || !(value > 0.0f) || !std::isfinite(value)) {
-        std::fprintf(stderr, "%s: %s expects one positive number\n", kProgram, kSpacingOption);
+        print_message("%s: %s expects one positive number\n", kProgram, kSpacingOption);
         return 1;
     }
     inputs->spacing = value;
@@ -132,7 +133,7 @@ int parse_centre(const option_args& args, render_inputs* inputs) {
     const int count = get_floatswitch(kCentreOption, args.argv, args.argc, 2, values);
     if (count == -1) return 0;
     if (count != 2 || !std::isfinite(values[0]) || !std::isfinite(values[1])) {
-        std::fprintf(stderr, "%s: %s expects two numbers, x0:y0\n", kProgram, kCentreOption);
+        print_message("%s: %s expects two numbers, x0:y0\n", kProgram, kCentreOption);
         return 1;
     }
     inputs->centre_given = true;
@@ -192,14 +193,14 @@ int parse_drop(const option_args& args, render_inputs* inputs) {
         const std::size_t length = end ? std::size_t(end - item) : std::strlen(item);
         zernike_term term{};
         if (!parse_drop_item(item, length, &term)) {
-            std::fprintf(stderr,
-                         "%s: %s expects piston, tilt, defocus or n:m (0 <= m <= n, n - m even), "
-                         "separated by commas; not \"%.*s\"\n",
-                         kProgram, kDropOption, static_cast<int>(length), item);
+            print_message(
+                "%s: %s expects piston, tilt, defocus or n:m (0 <= m <= n, n - m even), "
+                "separated by commas; not \"%.*s\"\n",
+                kProgram, kDropOption, static_cast<int>(length), item);
             error = 1;
         } else if (inputs->drop_count == kMaxDroppedTerms) {
-            std::fprintf(stderr, "%s: %s names at most %d terms\n", kProgram, kDropOption,
-                         kMaxDroppedTerms);
+            print_message("%s: %s names at most %d terms\n", kProgram, kDropOption,
+                          kMaxDroppedTerms);
             return 1;
         } else {
             inputs->drop[inputs->drop_count++] = term;
@@ -217,10 +218,10 @@ int select_wavelengths(const option_args& args, const ParametricPupil& model,
     const char* value = option_value(args, kWaveOption);
     if (value == nullptr) {
         if (count > kMaxSelectedWavelengths) {
-            std::fprintf(stderr,
-                         "%s: %s holds %d wavelengths and an image at most %d: choose them with "
-                         "%s\n",
-                         kProgram, inputs->model_name, count, kMaxSelectedWavelengths, kWaveOption);
+            print_message(
+                "%s: %s holds %d wavelengths and an image at most %d: choose them with "
+                "%s\n",
+                kProgram, inputs->model_name, count, kMaxSelectedWavelengths, kWaveOption);
             return 1;
         }
         for (int k = 0; k < count; ++k) inputs->wavelength_index[k] = k;
@@ -230,7 +231,7 @@ int select_wavelengths(const option_args& args, const ParametricPupil& model,
     }
     std::unique_ptr<float[]> nm(new (std::nothrow) float[std::size_t(count)]);
     if (!nm) {
-        std::fprintf(stderr, "%s: insufficient memory\n", kProgram);
+        print_message("%s: insufficient memory\n", kProgram);
         return 1;
     }
     for (int k = 0; k < count; ++k) nm[k] = get_parametric_pupil_wavelength(&model, k) * 1000.0f;
@@ -250,26 +251,26 @@ int check_model(const ParametricPupil& model, const render_inputs& inputs) {
     for (int k = 0; k < inputs.wavelength_count; ++k) {
         const float um = get_parametric_pupil_wavelength(&model, inputs.wavelength_index[k]);
         if (!(um > 0.0f) || !std::isfinite(um)) {
-            std::fprintf(stderr, "%s: %s: invalid wavelength, %g um, at index %d\n", kProgram,
-                         inputs.model_name, double(um), inputs.wavelength_index[k]);
+            print_message("%s: %s: invalid wavelength, %g um, at index %d\n", kProgram,
+                          inputs.model_name, double(um), inputs.wavelength_index[k]);
             error = 1;
         }
     }
     const float na = get_parametric_pupil_numerical_aperture(&model);
     const float n_imm = get_parametric_pupil_immersion_refractive_index(&model);
     if (!(na / n_imm <= 1.0f)) {
-        std::fprintf(stderr,
-                     "%s: %s: numerical aperture %g above the immersion index %g; torvel would "
-                     "refuse the image\n",
-                     kProgram, inputs.model_name, double(na), double(n_imm));
+        print_message(
+            "%s: %s: numerical aperture %g above the immersion index %g; torvel would "
+            "refuse the image\n",
+            kProgram, inputs.model_name, double(na), double(n_imm));
         error = 1;
     }
     if (get_parametric_pupil_amplitude_polarf_count(&model) > 0 ||
         get_parametric_pupil_phase_polarf_count(&model) > 0) {
-        std::fprintf(stderr,
-                     "%s: %s: the model holds a polar Fourier series; torvel-render renders "
-                     "Zernike series only\n",
-                     kProgram, inputs.model_name);
+        print_message(
+            "%s: %s: the model holds a polar Fourier series; torvel-render renders "
+            "Zernike series only\n",
+            kProgram, inputs.model_name);
         error = 1;
     }
     return error;
@@ -278,9 +279,23 @@ int check_model(const ParametricPupil& model, const render_inputs& inputs) {
 // The image must not replace the model it is made from.
 int check_image_name(const render_inputs& inputs) {
     if (!same_file(inputs.image_name, inputs.model_name)) return 0;
-    std::fprintf(stderr, "%s: %s is the fit file; it is not overwritten\n", kProgram,
-                 inputs.image_name);
+    print_message("%s: %s is the fit file; it is not overwritten\n", kProgram, inputs.image_name);
     return 1;
+}
+
+// Every option but the wavelength selection, which needs the model.
+int parse_model_free_options(const option_args& args, render_inputs* inputs) {
+    int error = check_option_names(args);
+    error |= parse_size(args, inputs);
+    error |= parse_spacing(args, inputs);
+    error |= parse_centre(args, inputs);
+    const int form = parse_name(args, kFormOption, kForms);
+    if (form >= 0) inputs->complex_form = form == 0;
+    const int amplitude = parse_name(args, kAmplitudeOption, kAmplitudes);
+    if (amplitude >= 0) inputs->uniform_amplitude = amplitude == 1;
+    error |= (form == -2 || amplitude == -2) ? 1 : 0;
+    error |= parse_drop(args, inputs);
+    return error;
 }
 
 }  // namespace
@@ -300,8 +315,8 @@ pupil_ptr read_render_model(const char* name) {
     std::int32_t code = 0, line = 0, column = 0;
     pupil_ptr model(read_parametric_pupil(name, &code, &line, &column));
     if (!model)
-        std::fprintf(stderr, "%s: %s:%d:%d: %s\n", kProgram, name, line, column,
-                     read_parametric_pupil_error_text(code));
+        print_message("%s: %s:%d:%d: %s\n", kProgram, name, line, column,
+                      read_parametric_pupil_error_text(code));
     return model;
 }
 
@@ -313,24 +328,20 @@ int parse_render_command_line(int argc, char** argv, render_inputs* inputs, pupi
     inputs->model_name = argv[1];
     inputs->image_name = argv[2];
     *model = read_render_model(inputs->model_name);
-    const option_args args{argv + 2, argc - 2};
-    int error = *model ? 0 : 1;
-    error |= check_image_name(*inputs);
-    error |= check_option_names(args);
-    error |= parse_size(args, inputs);
-    error |= parse_spacing(args, inputs);
-    error |= parse_centre(args, inputs);
-    const int form = parse_name(args, kFormOption, kForms);
-    if (form >= 0) inputs->complex_form = form == 0;
-    const int amplitude = parse_name(args, kAmplitudeOption, kAmplitudes);
-    if (amplitude >= 0) inputs->uniform_amplitude = amplitude == 1;
-    error |= (form == -2 || amplitude == -2) ? 1 : 0;
-    error |= parse_drop(args, inputs);
-    if (*model) {
-        const int selection = select_wavelengths(args, **model, inputs);
-        error |= selection;
-        if (selection == 0) error |= check_model(**model, *inputs);
-    }
+    const int error = check_image_name(*inputs);
+    // Without a model the options are still checked, so that one run reports
+    // every problem; there are no wavelengths to choose from.
+    if (!*model) return parse_model_free_options({argv + 2, argc - 2}, inputs) | 1;
+    return error | parse_render_options(argc - 2, argv + 2, **model, inputs);
+}
+
+int parse_render_options(int argc, const char* const* argv, const ParametricPupil& model,
+                         render_inputs* inputs) {
+    const option_args args{argv, argc};
+    int error = parse_model_free_options(args, inputs);
+    const int selection = select_wavelengths(args, model, inputs);
+    error |= selection;
+    if (selection == 0) error |= check_model(model, *inputs);
     return error;
 }
 

@@ -10,6 +10,7 @@
 #include <memory>
 #include <new>
 
+#include <torvel/messages.hpp>
 #include <torvel/driver.hpp>
 #include <torvel/fit.hpp>
 #include <torvel/imageio.hpp>
@@ -119,10 +120,10 @@ struct image_output {
 int plan_render(const render_inputs& inputs, const ParametricPupil& model, render_plan* plan) {
     const std::int64_t pixels = std::int64_t(inputs.nx) * inputs.ny;
     if (pixels > kMaxPlanePixels) {
-        std::fprintf(stderr,
-                     "torvel-render: a %d x %d image is too large: torvel reads at most %lld "
-                     "pixels a plane\n",
-                     inputs.nx, inputs.ny, static_cast<long long>(kMaxPlanePixels));
+        print_message(
+            "torvel-render: a %d x %d image is too large: torvel reads at most %lld "
+            "pixels a plane\n",
+            inputs.nx, inputs.ny, static_cast<long long>(kMaxPlanePixels));
         return 1;
     }
     plan->nx = inputs.nx;
@@ -207,8 +208,7 @@ int write_rendered_image(const render_inputs& inputs, ParametricPupil* model,
     const std::int64_t pixels = std::int64_t(plan.nx) * plan.ny;
     std::unique_ptr<float[]> plane(new (std::nothrow) float[std::size_t(2 * pixels)]);
     if (!plane) {
-        std::fprintf(stderr, "torvel-render: insufficient memory for a %d x %d image\n", plan.nx,
-                     plan.ny);
+        print_message("torvel-render: insufficient memory for a %d x %d image\n", plan.nx, plan.ny);
         return 1;
     }
     image_output output;

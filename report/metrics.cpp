@@ -9,6 +9,7 @@
 #include <memory>
 #include <numbers>
 
+#include <torvel/messages.hpp>
 #include <torvel/pupil.hpp>
 #include <torvel/report.hpp>
 #include <torvel/zernike.hpp>
@@ -141,17 +142,16 @@ std::vector<aberration_share> rank_aberrations(const std::vector<double>& c, int
 // message.
 int check_model(const report_model& model) {
     if (model.waves.empty()) {
-        std::fprintf(stderr, "torvel-report: %s: the fit holds no wavelength\n",
-                     model.file.c_str());
+        print_message("torvel-report: %s: the fit holds no wavelength\n", model.file.c_str());
         return 1;
     }
     for (std::size_t w = 0; w < model.waves.size(); ++w) {
         const float um = model.waves[w].wavelength_um;
         if (!(um > 0.0f) || !std::isfinite(um)) {
-            std::fprintf(stderr,
-                         "torvel-report: %s: wavelength %zu is %g um; a wavelength must be "
-                         "positive\n",
-                         model.file.c_str(), w, double(um));
+            print_message(
+                "torvel-report: %s: wavelength %zu is %g um; a wavelength must be "
+                "positive\n",
+                model.file.c_str(), w, double(um));
             return 1;
         }
     }
@@ -165,11 +165,15 @@ int load_report_model(const char* file, report_model* model) {
     std::unique_ptr<ParametricPupil, pupil_deleter> pupil(
         read_parametric_pupil(file, &code, &line, &column));
     if (!pupil) {
-        std::fprintf(stderr, "torvel-report: %s:%d:%d: %s\n", file, int(line), int(column),
-                     read_parametric_pupil_error_text(code));
+        print_message("torvel-report: %s:%d:%d: %s\n", file, int(line), int(column),
+                      read_parametric_pupil_error_text(code));
         return 1;
     }
-    ParametricPupil* p = pupil.get();
+    return take_report_model(file, pupil.get(), model);
+}
+
+int take_report_model(const char* file, ParametricPupil* pupil, report_model* model) {
+    ParametricPupil* p = pupil;
     model->file = file;
     model->na = get_parametric_pupil_numerical_aperture(p);
     model->n_imm = get_parametric_pupil_immersion_refractive_index(p);

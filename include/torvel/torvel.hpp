@@ -2,11 +2,12 @@
 // Everything the torvel library offers, for programs that would rather not
 // pick headers one by one: the Zernike basis, pupil fitting, phase
 // unwrapping, the parametric pupil record and its text file, the image file
-// layer and the switch helpers. The program steps of torvel itself are in
+// layer, the switch helpers and where messages go. The program steps of torvel itself are in
 // <torvel/driver.hpp>, which is not included here.
 
 #include <torvel/fit.hpp>
 #include <torvel/imageio.hpp>
+#include <torvel/messages.hpp>
 #include <torvel/pupil.hpp>
 #include <torvel/switches.hpp>
 #include <torvel/unwrap.hpp>
