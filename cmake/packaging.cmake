@@ -1,6 +1,7 @@
 # Debian packages by CPack: `cpack -G DEB` in a build directory makes
 #   torvel        the programs, their manual pages and the sample image;
-#   libtorvel-dev the static library, its headers, CMake package and torvel.pc.
+#   libtorvel-dev the static library, its headers, CMake package and torvel.pc;
+#   python3-torvel the Python module, when it is built.
 # dpkg-shlibdeps names the shared libraries the programs need (libc, libstdc++,
 # the LAPACK they were linked with); the dev package asks for the LAPACK
 # development package that its users link.
@@ -37,5 +38,24 @@ if(LAPACK_LIBRARIES MATCHES "openblas")
   set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libopenblas-dev")
 else()
   set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "liblapack-dev")
+endif()
+# The Python module is built for one Python version (its file name says
+# which), with the numpy of the system.
+if(TARGET torvel_python)
+  list(APPEND CPACK_COMPONENTS_ALL python)
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-torvel)
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+  list(GET TORVEL_PYTHON_VERSIONS 0 _built_for)
+  list(GET TORVEL_PYTHON_VERSIONS 1 _next)
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS
+      "python3 (>= ${_built_for}), python3 (<< ${_next}), python3-numpy")
+  if(CPACK_DEBIAN_TORVEL_PACKAGE_DEPENDS)
+    string(APPEND CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS ", ${CPACK_DEBIAN_TORVEL_PACKAGE_DEPENDS}")
+  endif()
+  string(JOIN "\n" CPACK_DEBIAN_PYTHON_DESCRIPTION
+    "Python module of torvel, Zernike fits of microscope pupil functions"
+    "import torvel: the torvel library on numpy arrays and files. fit() gives"
+    "exactly the coefficients the torvel program writes; render() and report()"
+    "do what torvel-render and torvel-report do, on a model in memory.")
 endif()
 include(CPack)

@@ -262,10 +262,11 @@ py::object fit_array(const py::array& image, option_list options, bool want_resi
                              std::string(py::str(image.dtype())) +
                              " (numpy.complex64: the interleaved float pairs torvel reads)");
     if (image.ndim() != 2 && image.ndim() != 3)
-        throw py::value_error("torvel: the pupil array must have the shape (ny, nx) or (nw, ny, "
-                              "nx), not " +
-                              std::string(py::str(py::tuple(py::cast(std::vector<py::ssize_t>(
-                                  image.shape(), image.shape() + image.ndim()))))));
+        throw py::value_error(
+            "torvel: the pupil array must have the shape (ny, nx) or (nw, ny, "
+            "nx), not " +
+            std::string(py::str(py::tuple(
+                py::cast(std::vector<py::ssize_t>(image.shape(), image.shape() + image.ndim()))))));
     for (const char* key : {"na", "n", "wavelengths_nm", "spacing"})
         if (!geometry.contains(key))
             throw py::type_error(std::string("torvel: fitting an array needs the keyword ") + key);
@@ -353,8 +354,9 @@ py::object fit(const py::object& image, const py::object& w, const py::object& z
     if (!py::isinstance<py::str>(image) && !py::hasattr(image, "__fspath__"))
         throw py::type_error("torvel: fit() takes a file name or a complex64 numpy array");
     if (geometry.size() > 0)
-        throw py::type_error("torvel: na, n, wavelengths_nm, spacing, centre and lens are given "
-                             "with an array; a file's header holds them");
+        throw py::type_error(
+            "torvel: na, n, wavelengths_nm, spacing, centre and lens are given "
+            "with an array; a file's header holds them");
     const std::string path = py::str(py::module_::import("os").attr("fspath")(image));
     return fit_file(path, options, residual);
 }
@@ -385,8 +387,8 @@ void write_model(model& m, const py::object& path_object) {
 int checked_wave(const model& m, int w) {
     const int count = get_parametric_pupil_wavelength_count(m.pupil.get());
     if (w < -count || w >= count)
-        throw py::index_error("torvel: wavelength index " + std::to_string(w) + " of a model with " +
-                              std::to_string(count));
+        throw py::index_error("torvel: wavelength index " + std::to_string(w) +
+                              " of a model with " + std::to_string(count));
     return w < 0 ? w + count : w;
 }
 
@@ -455,7 +457,8 @@ std::string model_repr(const model& m) {
     get_parametric_pupil_phase_zernike_orders(p, &pn, &pm);
     return "torvel.Model(na=" + short_text(get_parametric_pupil_numerical_aperture(p)) +
            ", n=" + short_text(get_parametric_pupil_immersion_refractive_index(p)) +
-           ", wavelengths_nm=[" + nm + "], zernike_amp=" + std::string(py::repr(zernike_set(an, am))) +
+           ", wavelengths_nm=[" + nm +
+           "], zernike_amp=" + std::string(py::repr(zernike_set(an, am))) +
            ", zernike_phase=" + std::string(py::repr(zernike_set(pn, pm))) + ")";
 }
 
@@ -584,7 +587,8 @@ is released while fits and renders run, so threads fit in parallel.)doc";
 Coefficients are for torvel's unnormalised Zernike basis (R_n^m(1) = 1), in
 the file's slot order (see terms()); phase coefficients in radians.)doc")
         .def_property_readonly(
-            "na", [](const model& m) { return get_parametric_pupil_numerical_aperture(m.pupil.get()); },
+            "na",
+            [](const model& m) { return get_parametric_pupil_numerical_aperture(m.pupil.get()); },
             "Numerical aperture of the objective.")
         .def_property_readonly(
             "n",
@@ -617,8 +621,9 @@ the file's slot order (see terms()); phase coefficients in radians.)doc")
             "name", [](const model& m) { return m.name; },
             "The file the model was read from or last written to; '' for a fit in memory.")
         .def(
-            "amplitude", [](const py::object& self, int w) { return coefficient_view(self, true, w); },
-            "w"_a, R"doc(amplitude(w) -> numpy.ndarray
+            "amplitude",
+            [](const py::object& self, int w) { return coefficient_view(self, true, w); }, "w"_a,
+            R"doc(amplitude(w) -> numpy.ndarray
 
 The amplitude coefficients of wavelength index w (float64, the file's
 order), as a writable view into the model; empty without an amplitude series.)doc")
@@ -695,10 +700,10 @@ geometry given: fit(image, na=model.na, n=model.n, wavelengths_nm=...,
 spacing=..., centre=...) with the same values reads it back. With path,
 writes the pupil function image file as torvel-render does and returns None.)doc");
 
-    module.def("report", &report, "model"_a, py::kw_only(), "json"_a = py::none(),
-               "csv"_a = py::none(), "png"_a = py::none(), "image"_a = py::none(),
-               "residual"_a = py::none(),
-               R"doc(report(model, *, json=None, csv=None, png=None, image=None, residual=None) -> dict
+    module.def(
+        "report", &report, "model"_a, py::kw_only(), "json"_a = py::none(), "csv"_a = py::none(),
+        "png"_a = py::none(), "image"_a = py::none(), "residual"_a = py::none(),
+        R"doc(report(model, *, json=None, csv=None, png=None, image=None, residual=None) -> dict
 
 The figures torvel-report gives for the model (RMS wavefront error,
 Strehl estimate, named aberrations, every coefficient), as a dict with the
