@@ -15,34 +15,12 @@ import numpy as np
 import pytest
 
 import torvel
+from mrc_pupil import read_pupil
 
 SOURCE = Path(os.environ["TORVEL_SOURCE_DIR"])
 PROGRAM = os.environ["TORVEL_BINARY"]
 SAMPLE = SOURCE / "sample" / "pupil.mrc"
 SAMPLE_MODEL = SOURCE / "sample" / "model_fit.txt"
-
-
-def read_pupil(path):
-    """A pupil image read with mrcfile: the complex sections and the header
-    values torvel takes, computed in single precision as torvel does."""
-    with mrcfile.open(path) as mrc:
-        h = mrc.header
-        block = h.extra2.tobytes()  # header bytes 112 on: the multi-wavelength block
-        assert block[:4] == b"TVL1"
-        lens = int(np.frombuffer(block, "<i4", 1, 8)[0])
-        p1, p2 = np.frombuffer(block, "<f4", 2, 16)
-        nw = int(np.frombuffer(block, "<i2", 1, 24)[0])
-        dx = np.float32(h.cella.x) / np.float32(h.mx)
-        dy = np.float32(h.cella.y) / np.float32(h.my)
-        geometry = dict(
-            na=p1 / np.float32(10),
-            n=p2 / np.float32(100),
-            lens=lens,
-            wavelengths_nm=np.frombuffer(block, "<f4", nw, 32).copy(),
-            spacing=(dx, dy),
-            centre=((np.float32(0) - h.origin.x) / dx, (np.float32(0) - h.origin.y) / dy),
-        )
-        return mrc.data.copy(), geometry
 
 
 def run_program(tmp_path, *options):
