@@ -4,9 +4,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include <torvel/messages.hpp>
 #include <torvel/driver.hpp>
 #include <torvel/imageio.hpp>
+#include <torvel/messages.hpp>
 #include <torvel/switches.hpp>
 
 namespace torvel {

@@ -5,10 +5,10 @@
 #include <limits>
 #include <new>
 
-#include <torvel/messages.hpp>
 #include <torvel/driver.hpp>
 #include <torvel/fit.hpp>
 #include <torvel/imageio.hpp>
+#include <torvel/messages.hpp>
 #include <torvel/pupil.hpp>
 #include <torvel/safeout.hpp>
 #include <torvel/unwrap.hpp>

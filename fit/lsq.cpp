@@ -8,9 +8,9 @@
 #include <memory>
 #include <new>
 
-#include <torvel/messages.hpp>
 #include <torvel/bulk.hpp>
 #include <torvel/fit.hpp>
+#include <torvel/messages.hpp>
 #include "sampling.hpp"
 #include <torvel/zernike.hpp>
 

@@ -6,8 +6,8 @@
 #include <cstdint>
 #include <cstdio>
 
-#include <torvel/messages.hpp>
 #include <torvel/fit.hpp>
+#include <torvel/messages.hpp>
 #include "sampling.hpp"
 #include <torvel/zernike.hpp>
 

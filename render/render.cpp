@@ -10,10 +10,10 @@
 #include <memory>
 #include <new>
 
-#include <torvel/messages.hpp>
 #include <torvel/driver.hpp>
 #include <torvel/fit.hpp>
 #include <torvel/imageio.hpp>
+#include <torvel/messages.hpp>
 #include <torvel/pupil.hpp>
 #include <torvel/render.hpp>
 #include <torvel/zernike.hpp>

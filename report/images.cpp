@@ -9,10 +9,10 @@
 #include <new>
 #include <string>
 
-#include <torvel/messages.hpp>
 #include <torvel/driver.hpp>
 #include <torvel/fit.hpp>
 #include <torvel/imageio.hpp>
+#include <torvel/messages.hpp>
 #include <torvel/unwrap.hpp>
 
 #include "figure_detail.hpp"

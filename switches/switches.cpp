@@ -1,5 +1,6 @@
-#include <torvel/messages.hpp>
 #include <torvel/switches.hpp>
+
+#include <torvel/messages.hpp>
 
 #include <cmath>
 #include <cstdio>
