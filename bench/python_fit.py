@@ -3,9 +3,11 @@
 
 usage: PYTHONPATH=build/release/python python3 bench/python_fit.py build/release/torvel [runs]
 
-Times, interleaved run by run: the program's whole run on the image file
-(start, read, fit, write the fit file), torvel.fit on the same image held
-in memory as a complex64 array, and torvel.fit on the file. Then, with one
+Times, interleaved run by run, in wall time and in CPU time (the latter
+less disturbed by other programs on a shared machine): the program's whole
+run on the image file (start, read, fit, write the fit file), torvel.fit on
+the same image held in memory as a complex64 array, and torvel.fit on the
+file. Then, with one
 thread per fit (OMP_NUM_THREADS=1), one fit against two fits in two Python
 threads, which take about as long as one when the GIL is released and two
 cores are free. Prints medians with the spread (lowest, highest) and the
@@ -13,6 +15,7 @@ ratios of the medians.
 """
 
 import os
+import resource
 import statistics
 import subprocess
 import sys
@@ -31,6 +34,16 @@ def seconds(work):
     return time.perf_counter() - start
 
 
+def cpu_seconds(work):
+    """CPU time of this process's threads and of the children it waited for."""
+    def total():
+        children = resource.getrusage(resource.RUSAGE_CHILDREN)
+        return time.process_time() + children.ru_utime + children.ru_stime
+    start = total()
+    work()
+    return total() - start
+
+
 def summary(name, times):
     return (f"{name:34s} median {statistics.median(times) * 1e3:8.1f} ms "
             f"(lowest {min(times) * 1e3:.1f}, highest {max(times) * 1e3:.1f}, {len(times)} runs)")
@@ -40,6 +53,7 @@ def pupil(torvel, folder):
     """The sample's model rendered on 512² pixels: the file, its sections as
     an array and the keywords torvel.fit takes with them."""
     sys.path.insert(0, str(SOURCE / "tests" / "python"))
+    sys.dont_write_bytecode = True  # nothing left in the source tree
     from mrc_pupil import read_pupil
     model = torvel.read_fit(SOURCE / "sample" / "model_fit.txt")
     path = Path(folder) / "pupil512.mrc"
@@ -52,21 +66,28 @@ def against_program(program, runs):
     with tempfile.TemporaryDirectory() as folder:
         path, image, geometry = pupil(torvel, folder)
         out = Path(folder) / "fit.txt"
-        timings = {"program, whole run": [], "torvel.fit(array)": [], "torvel.fit(file)": []}
+        runs_of = {
+            "program, whole run": lambda: subprocess.run(
+                [program, str(path), str(out)], check=True, stdout=subprocess.DEVNULL),
+            "torvel.fit(array)": lambda: torvel.fit(image, **geometry),
+            "torvel.fit(file)": lambda: torvel.fit(path),
+        }
+        wall = {name: [] for name in runs_of}
+        cpu = {name: [] for name in runs_of}
         for _ in range(runs):
-            timings["program, whole run"].append(seconds(lambda: subprocess.run(
-                [program, str(path), str(out)], check=True, stdout=subprocess.DEVNULL)))
-            timings["torvel.fit(array)"].append(seconds(lambda: torvel.fit(image, **geometry)))
-            timings["torvel.fit(file)"].append(seconds(lambda: torvel.fit(path)))
+            for name, work in runs_of.items():
+                wall[name].append(seconds(work))
+                cpu[name].append(cpu_seconds(work))
         same = torvel.fit(image, **geometry)
         same.write(Path(folder) / "array.txt")
         identical = (Path(folder) / "array.txt").read_bytes() == out.read_bytes()
     print(f"{SIZE}² pupil, two wavelengths, sets 8:0; fit files identical: {identical}")
-    for name, times in timings.items():
-        print(summary(name, times))
-    program_median = statistics.median(timings["program, whole run"])
-    for name in ("torvel.fit(array)", "torvel.fit(file)"):
-        print(f"{name} / program: {statistics.median(timings[name]) / program_median:.3f}")
+    for kind, times in (("wall", wall), ("CPU", cpu)):
+        for name, values in times.items():
+            print(summary(f"{name}, {kind}", values))
+        base = statistics.median(times["program, whole run"])
+        for name in ("torvel.fit(array)", "torvel.fit(file)"):
+            print(f"{name} / program, {kind}: {statistics.median(times[name]) / base:.3f}")
 
 
 def threads(runs):

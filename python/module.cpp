@@ -279,6 +279,7 @@ py::object fit_array(const py::array& image, option_list options, bool want_resi
     // Contiguous complex64 is read where it lies; any other layout is copied
     // once into that form.
     auto data = py::array_t<std::complex<float>, py::array::c_style>::ensure(image);
+    if (!data) throw py::error_already_set();
     const bool planar = image.ndim() == 2;
     const int nw = planar ? 1 : int(data.shape(0));
     input_header h{};
@@ -572,6 +573,10 @@ py::object report(const model& m, const py::object& json_name, const py::object&
 PYBIND11_MODULE(torvel, module) {
     using namespace torvel;
     using namespace pybind11::literals;
+    // Each docstring begins with its signature as Python users write it
+    // (the stub torvel.pyi gives the types).
+    py::options options;
+    options.disable_function_signatures();
     module.doc() = R"doc(torvel: Zernike fits of microscope pupil functions, from Python.
 
 The same library as the torvel programs, on files and numpy arrays:
