@@ -22,6 +22,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <torvel/bulk.hpp>
@@ -60,6 +61,12 @@ const char* model_label(const model& m) {
     return m.name.empty() ? "model" : m.name.c_str();
 }
 
+// Raises torvel.Error with the captured messages of a failed call.
+[[noreturn]] void raise_messages(std::string text) {
+    while (!text.empty() && text.back() == '\n') text.pop_back();
+    throw library_error(text.empty() ? "torvel: the call failed" : text);
+}
+
 // Runs work, a callable returning 0 or a failure status, without the GIL
 // and with the thread's messages captured; raises torvel.Error with the
 // messages when it fails.
@@ -73,18 +80,7 @@ void run_released(Work&& work) {
         status = work();
         if (status != 0) text = capture.text();
     }
-    if (status == 0) return;
-    while (!text.empty() && text.back() == '\n') text.pop_back();
-    throw library_error(text.empty() ? "torvel: the call failed" : text);
-}
-
-// Raises torvel.Error with message unless status is 0; for checks run with
-// the GIL held, whose messages were captured by capture.
-void raise_on_failure(int status, const message_capture& capture) {
-    if (status == 0) return;
-    std::string text = capture.text();
-    while (!text.empty() && text.back() == '\n') text.pop_back();
-    throw library_error(text);
+    if (status != 0) raise_messages(std::move(text));
 }
 
 std::string number_text(double value) {
@@ -107,9 +103,7 @@ std::string list_text(const py::handle& value, const char* sep) {
     std::string text;
     for (const py::handle& item : value.cast<py::sequence>()) {
         if (!text.empty()) text += sep;
-        text += py::isinstance<py::sequence>(item) && !py::isinstance<py::str>(item)
-                    ? list_text(item, ":")
-                    : (py::isinstance<py::str>(item) ? item.cast<std::string>() : item_text(item));
+        text += list_text(item, ":");  // an item (n, m) of -drop= is n:m
     }
     return text;
 }
@@ -320,7 +314,7 @@ py::object fit_array(const py::array& image, option_list options, bool want_resi
         std::vector<char*> argv = options.argv();
         int status = check_input_header("array", h);
         status |= parse_fit_options(int(argv.size()), argv.data(), waves.data(), nw, &inputs);
-        raise_on_failure(status, capture);
+        if (status != 0) raise_messages(capture.text());
     }
     inputs.input_name = "array";
     auto fitted = std::make_unique<model>();
@@ -406,20 +400,28 @@ py::array coefficient_view(const py::object& self, bool amplitude, int w) {
     return py::array_t<double>({py::ssize_t(count)}, {py::ssize_t(sizeof(double))}, values, self);
 }
 
-py::object zernike_set(std::int32_t n, std::int32_t m) {
+// The Zernike set (n, m) of the amplitude or the phase series.
+std::pair<std::int32_t, std::int32_t> series_orders(const model& m, bool amplitude) {
+    std::int32_t n = -1, mm = -1;
+    if (amplitude)
+        get_parametric_pupil_amplitude_zernike_orders(m.pupil.get(), &n, &mm);
+    else
+        get_parametric_pupil_phase_zernike_orders(m.pupil.get(), &n, &mm);
+    return {n, mm};
+}
+
+// The set as Python sees it: (n, m), or None without a series.
+py::object zernike_set(const model& m, bool amplitude) {
+    const auto [n, mm] = series_orders(m, amplitude);
     if (n < 0) return py::none();
-    return py::make_tuple(n, m);
+    return py::make_tuple(n, mm);
 }
 
 py::list model_terms(const model& m, const std::string& series) {
-    std::int32_t n = -1, mm = -1;
-    if (series == "amplitude")
-        get_parametric_pupil_amplitude_zernike_orders(m.pupil.get(), &n, &mm);
-    else if (series == "phase")
-        get_parametric_pupil_phase_zernike_orders(m.pupil.get(), &n, &mm);
-    else
+    if (series != "amplitude" && series != "phase")
         throw py::value_error("torvel: series is \"amplitude\" or \"phase\", not \"" + series +
                               "\"");
+    const auto [n, mm] = series_orders(m, series == "amplitude");
     py::list terms;
     for_each_zernike_term(n, mm, [&](int k, int l) {
         if (l == 0) {
@@ -453,14 +455,11 @@ std::string model_repr(const model& m) {
     const ParametricPupil* p = m.pupil.get();
     std::string nm;
     for (double value : model_wavelengths_nm(m)) nm += (nm.empty() ? "" : ", ") + short_text(value);
-    std::int32_t an, am, pn, pm;
-    get_parametric_pupil_amplitude_zernike_orders(p, &an, &am);
-    get_parametric_pupil_phase_zernike_orders(p, &pn, &pm);
     return "torvel.Model(na=" + short_text(get_parametric_pupil_numerical_aperture(p)) +
            ", n=" + short_text(get_parametric_pupil_immersion_refractive_index(p)) +
            ", wavelengths_nm=[" + nm +
-           "], zernike_amp=" + std::string(py::repr(zernike_set(an, am))) +
-           ", zernike_phase=" + std::string(py::repr(zernike_set(pn, pm))) + ")";
+           "], zernike_amp=" + std::string(py::repr(zernike_set(m, true))) +
+           ", zernike_phase=" + std::string(py::repr(zernike_set(m, false))) + ")";
 }
 
 // ---- render and report -------------------------------------------------------------
@@ -607,20 +606,10 @@ the file's slot order (see terms()); phase coefficients in radians.)doc")
         .def_property_readonly("wavelengths_nm", &model_wavelengths_nm,
                                "The model's wavelengths in nm, in the file's order.")
         .def_property_readonly(
-            "zernike_amp",
-            [](const model& m) {
-                std::int32_t n, mm;
-                get_parametric_pupil_amplitude_zernike_orders(m.pupil.get(), &n, &mm);
-                return zernike_set(n, mm);
-            },
+            "zernike_amp", [](const model& m) { return zernike_set(m, true); },
             "The amplitude's Zernike set (n, m), or None without an amplitude series.")
         .def_property_readonly(
-            "zernike_phase",
-            [](const model& m) {
-                std::int32_t n, mm;
-                get_parametric_pupil_phase_zernike_orders(m.pupil.get(), &n, &mm);
-                return zernike_set(n, mm);
-            },
+            "zernike_phase", [](const model& m) { return zernike_set(m, false); },
             "The phase's Zernike set (n, m), or None without a phase series.")
         .def_property_readonly(
             "name", [](const model& m) { return m.name; },

@@ -51,7 +51,7 @@ if(PYTHON)
   endif()
   get_filename_component(module_dir ${module} DIRECTORY)
   run(${CMAKE_COMMAND} -E env PYTHONPATH=${module_dir} ${PYTHON} -c
-      "import sys, torvel; torvel.fit(sys.argv[1]).write(sys.argv[2])"
+      "import sys, torvel\ntorvel.fit(sys.argv[1]).write(sys.argv[2])"
       ${SOURCE_DIR}/sample/pupil.mrc ${work}/python_fit.txt)
   run(${CMAKE_COMMAND} -E compare_files ${work}/fit.txt ${work}/python_fit.txt)
 endif()
