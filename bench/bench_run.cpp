@@ -27,6 +27,7 @@
 #include <string>
 #include <vector>
 
+#include <torvel/cores.hpp>
 #include <torvel/driver.hpp>
 #include <torvel/fit.hpp>
 #include <torvel/imageio.hpp>
@@ -230,6 +231,8 @@ BENCHMARK(BM_WholeRun)
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Threads wait as in torvel's own runs, so that the two compare.
+    torvel::share_cores();
     // --images=DIR: write the input images for other programs and stop.
     if (argc == 2 && std::strncmp(argv[1], "--images=", 9) == 0) {
         const std::filesystem::path dir(argv[1] + 9);

@@ -5,11 +5,13 @@
 
 #include <cstdio>
 
+#include <torvel/cores.hpp>
 #include <torvel/driver.hpp>
 #include <torvel/switches.hpp>
 
 int main(int argc, char** argv) {
     using namespace torvel;
+    share_cores();  // before any thread: see <torvel/cores.hpp>
 
     // Line by line, so that progress and messages keep their order in a log
     // that takes both streams.

@@ -13,11 +13,14 @@
 
 namespace torvel::fit_detail {
 
-// Runs run(part, begin, end) on up to `parts` contiguous ranges of the items
-// [0, weights.size()) whose weights add up to about the same, each part on
-// one thread (OpenMP's), and returns when all have ended. Each item is in
-// exactly one range; ranges are in item order. Without OpenMP the parts run
-// one after the other on the calling thread.
+// Runs run(part, begin, end) over contiguous ranges of the items
+// [0, weights.size()), on up to `parts` threads (OpenMP's), and returns when
+// all have ended. The items are cut into a few ranges per thread of about
+// equal weight, which the threads take in turn as they come free; `part`
+// is the calling thread's number, below `parts`, and no two calls that run
+// at once have the same (scratch space kept per part is the thread's own).
+// Each item is in exactly one range; ranges are in item order. Without
+// OpenMP the ranges run one after the other on the calling thread, as part 0.
 void run_in_parts(std::span<const std::int64_t> weights, int parts,
                   const std::function<void(int part, int begin, int end)>& run);
 

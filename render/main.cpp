@@ -4,11 +4,13 @@
 
 #include <cstdio>
 
+#include <torvel/cores.hpp>
 #include <torvel/imageio.hpp>
 #include <torvel/render.hpp>
 
 int main(int argc, char** argv) {
     using namespace torvel;
+    share_cores();  // before any thread: see <torvel/cores.hpp>
 
     if (render_help_requested(argc, argv)) {
         print_render_usage(stdout);

@@ -54,11 +54,17 @@ const std::pair<const char*, const char*> kConventions[] = {
      "s = -m for sin terms"},
     {"metrics",
      "wavefront = phase with piston and tilt removed; rms = sqrt of the sum of rms_normalised^2 "
-     "over the terms of order 2 and up (exact); nodefocus: R_2^0 removed as well; pv = largest "
-     "minus smallest value on a polar grid of 257 radii (rim included) x 720 angles; strehl = "
-     "exp(-rms_rad^2) (Marechal); mean_amplitude = the R_0^0 amplitude coefficient, "
-     "amplitude_relative_rms = RMS about it over it (exact); defocus and spherical: signed "
-     "rms_normalised of R_2^0 and R_4^0 in nm"},
+     "over the terms of order 2 and up (exact); pv = largest minus smallest value on a polar grid "
+     "of 257 radii (rim included) x 720 angles; strehl = exp(-rms_rad^2) (Marechal); best_focus: "
+     "piston, tilt and the phase -2 pi dz (sqrt(n^2 - NA^2 rho^2) - its mean) / wavelength of a "
+     "focus shift removed by least squares over the disc, focus_shift_um = dz in micrometres, "
+     "positive when the focus lies at +z for a field at z of the integral of pupil(k) exp(2 pi i "
+     "(kx x + ky y + kz z)), kz = sqrt((n / wavelength)^2 - |k|^2); paraxial_nodefocus: R_2^0 "
+     "removed instead, focus_shift_paraxial_um = c(R_2^0) wavelength / (pi (n - sqrt(n^2 - "
+     "NA^2))); aberrations: the terms left at best focus; mean_amplitude = the R_0^0 amplitude "
+     "coefficient, amplitude_relative_rms = RMS about it over it (exact); defocus and spherical: "
+     "signed rms_normalised of R_2^0 and R_4^0 in nm as fitted, spherical_best_focus the same of "
+     "what best focus leaves"},
 };
 
 const char* part_name(zernike_part part) {
@@ -82,22 +88,28 @@ void for_each_coefficient(const std::vector<double>& c, int n, int m, Visit&& vi
     });
 }
 
+// A phase figure in radians under key_rad, and as key_waves and key_nm.
+void put_phase(json* j, const std::string& key, double rad, double wavelength_nm) {
+    (*j)[key + "_rad"] = rad;
+    (*j)[key + "_waves"] = rad / (2.0 * std::numbers::pi);
+    (*j)[key + "_nm"] = radians_to_nm(rad, wavelength_nm);
+}
+
 json metrics_json(const wavelength_metrics& w) {
     const double nm = w.wavelength_nm;
-    const double turn = 2.0 * std::numbers::pi;
     json j;
-    j["rms_rad"] = w.rms_rad;
-    j["rms_waves"] = w.rms_rad / turn;
-    j["rms_nm"] = radians_to_nm(w.rms_rad, nm);
-    j["rms_nodefocus_rad"] = w.rms_nodefocus_rad;
-    j["rms_nodefocus_waves"] = w.rms_nodefocus_rad / turn;
-    j["rms_nodefocus_nm"] = radians_to_nm(w.rms_nodefocus_rad, nm);
-    j["pv_rad"] = w.pv_rad;
-    j["pv_waves"] = w.pv_rad / turn;
-    j["pv_nm"] = radians_to_nm(w.pv_rad, nm);
-    j["pv_nodefocus_nm"] = radians_to_nm(w.pv_nodefocus_rad, nm);
+    put_phase(&j, "rms", w.rms_rad, nm);
+    put_phase(&j, "pv", w.pv_rad, nm);
     j["strehl"] = w.strehl;
-    j["strehl_nodefocus"] = w.strehl_nodefocus;
+    j["focus_shift_um"] = w.focus_shift_um;
+    put_phase(&j, "rms_best_focus", w.rms_best_focus_rad, nm);
+    put_phase(&j, "pv_best_focus", w.pv_best_focus_rad, nm);
+    j["strehl_best_focus"] = w.strehl_best_focus;
+    j["spherical_best_focus_nm"] = w.spherical_best_focus_nm;
+    j["focus_shift_paraxial_um"] = w.focus_shift_paraxial_um;
+    put_phase(&j, "rms_paraxial_nodefocus", w.rms_paraxial_rad, nm);
+    put_phase(&j, "pv_paraxial_nodefocus", w.pv_paraxial_rad, nm);
+    j["strehl_paraxial_nodefocus"] = w.strehl_paraxial;
     j["mean_amplitude"] = w.mean_amplitude;
     j["amplitude_relative_rms"] = w.amplitude_relative_rms;
     j["defocus_nm"] = w.defocus_nm;
@@ -147,9 +159,8 @@ json fit_json(const report_entry& e) {
     const report_model& model = e.model;
     json fit;
     fit["file"] = model.file;
-    // As the fit file writes them (3 and 5 decimals), not the floats they were read into.
-    fit["numerical_aperture"] = std::round(double(model.na) * 1e3) / 1e3;
-    fit["immersion_refractive_index"] = std::round(double(model.n_imm) * 1e5) / 1e5;
+    fit["numerical_aperture"] = model_aperture(model);
+    fit["immersion_refractive_index"] = model_immersion_index(model);
     fit["lens_id"] = model.lens_id;
     fit["amplitude_zernike_set"] = {model.amplitude_n, model.amplitude_m};
     fit["phase_zernike_set"] = {model.phase_n, model.phase_m};
@@ -216,6 +227,15 @@ void append_csv_head(std::string* csv, std::span<const report_entry> entries) {
                       ": numerical aperture %g, immersion refractive index %g, lens id %d\n",
                       double(e.model.na), double(e.model.n_imm), e.model.lens_id);
         *csv += "# fit " + e.model.file + optics;
+        for (const wavelength_metrics& w : e.metrics) {
+            const double nm = w.wavelength_nm;
+            *csv += "# fit " + e.model.file + ", " + number(nm) + " nm: focus_shift_um " +
+                    number(w.focus_shift_um) + ", rms_best_focus_nm " +
+                    number(radians_to_nm(w.rms_best_focus_rad, nm)) +
+                    "; paraxial: focus_shift_paraxial_um " + number(w.focus_shift_paraxial_um) +
+                    ", rms_paraxial_nodefocus_nm " + number(radians_to_nm(w.rms_paraxial_rad, nm)) +
+                    "\n";
+        }
     }
     *csv +=
         "file,wavelength_index,wavelength_nm,quantity,n,m,part,noll,osa_ansi,name,value,"

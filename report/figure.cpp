@@ -1,6 +1,7 @@
 // The PNG figure of one fit, drawn with cairo: per wavelength a band with an
-// amplitude row and a phase row (measured, fitted, residual side by side),
-// each panel the pupil disc with its title and a colour bar with units.
+// amplitude row and a phase row (measured, fitted, residual side by side) and
+// the phase at best focus with contour lines, each panel the pupil disc with
+// its title and a colour bar with units.
 
 #include <algorithm>
 #include <cairo.h>
@@ -27,10 +28,11 @@ namespace {
 using namespace report_detail;
 
 // Layout in PNG pixels.
-constexpr int kDisc = 220;        // diameter of the pupil disc of a panel
-constexpr int kPanelWidth = 316;  // disc, colour bar and its labels
-constexpr int kPanelHeight = 266;
+constexpr int kDisc = 220;         // diameter of the pupil disc of a panel
+constexpr int kPanelWidth = 340;   // axis labels, disc, colour bar and its labels
+constexpr int kPanelHeight = 292;  // title, disc, kx axis below it
 constexpr int kTitleHeight = 30;
+constexpr int kDiscLeft = 40;  // room for the ky axis left of the disc
 constexpr int kBarGap = 14;
 constexpr int kBarWidth = 14;
 constexpr int kMargin = 16;
@@ -57,16 +59,17 @@ struct panel {
     std::vector<float> values;
     bool diverging = false;
     double lo = 0.0, hi = 1.0;
+    bool contours = false;  // contour lines at the colour bar's ticks
 };
 
 // One wavelength: the pixels it is drawn on and its rows of panels.
 struct band {
     std::string heading;
-    std::vector<std::string> notes;  // the largest aberrations, for an empty cell
+    std::vector<std::string> notes;  // best focus and the largest aberrations
     image_geometry g;
     float cutoff;
     pixel_box box;
-    std::vector<std::vector<panel>> rows;
+    std::vector<std::vector<panel>> rows;  // the notes take the cell after the last row's panels
 };
 
 pixel_box disc_box(const image_geometry& g, float cutoff) {
@@ -124,16 +127,18 @@ void add_fitted(const report_model& model, int w, const band& b, panel* amplitud
     });
 }
 
-// The fitted phase without piston, tilt and defocus, as a wavefront in nm:
-// what is left for the eye once the largest, least interesting terms are gone.
-void add_aberrations(const report_model& model, int w, double wavelength_nm, const band& b,
-                     panel* wavefront) {
+// The fitted phase at best focus in waves: less piston, tilt and the focus
+// shift that the metrics found, the focus evaluated exactly at each pixel.
+void add_best_focus(const report_model& model, int w, const wavelength_metrics& metrics,
+                    const band& b, panel* waves) {
     std::vector<double> c = model.waves[std::size_t(w)].phase;
-    const int last = std::min(int(c.size()) - 1, zernike_term_index(2, 0));
+    const int last = std::min(int(c.size()) - 1, zernike_term_index(1, 1) + 1);
     for (int slot = 0; slot <= last; ++slot) c[std::size_t(slot)] = 0.0;
     for_each_disc_pixel(b, [&](std::size_t k, std::size_t, double rho, double theta) {
-        const double phase = series_value(c, model.phase_n, model.phase_m, rho, theta, 0.0);
-        wavefront->values[k] = float(radians_to_nm(phase, wavelength_nm));
+        const double phase = series_value(c, model.phase_n, model.phase_m, rho, theta, 0.0) -
+                             focus_shift_phase(model, metrics.wavelength_nm, metrics.focus_shift_um,
+                                               metrics.focus_mean_path, rho);
+        waves->values[k] = float(phase / (2.0 * std::numbers::pi));
     });
 }
 
@@ -190,30 +195,39 @@ void set_common_range(std::vector<panel*> panels) {
 }
 
 std::string heading_of(const wavelength_metrics& w) {
-    char text[200];
+    const double nm = w.wavelength_nm;
+    char text[240];
     std::snprintf(text, sizeof text,
-                  "%g nm: wavefront RMS %.1f nm (%.1f nm without defocus), P-V %.0f nm; mean "
-                  "amplitude %.3f",
-                  w.wavelength_nm, radians_to_nm(w.rms_rad, w.wavelength_nm),
-                  radians_to_nm(w.rms_nodefocus_rad, w.wavelength_nm),
-                  radians_to_nm(w.pv_rad, w.wavelength_nm), w.mean_amplitude);
+                  "%g nm:  with focus RMS %.1f nm, P-V %.0f nm;  at best focus RMS %.1f nm, "
+                  "P-V %.0f nm, Strehl %.2f;  mean amplitude %.3f",
+                  nm, radians_to_nm(w.rms_rad, nm), radians_to_nm(w.pv_rad, nm),
+                  radians_to_nm(w.rms_best_focus_rad, nm), radians_to_nm(w.pv_best_focus_rad, nm),
+                  w.strehl_best_focus, w.mean_amplitude);
     return text;
 }
 
+// The focus shift of best focus and the largest aberrations left there, as
+// the table gives them (a pair as cos, sin); terms that round to 0.0 nm are
+// left out.
 std::vector<std::string> aberration_notes(const wavelength_metrics& w) {
-    std::vector<std::string> notes = {"largest aberrations, nm RMS"};
+    char line[120];
+    std::snprintf(line, sizeof line, "\u0394z = %+.3f \u00b5m (focus at %sz)", w.focus_shift_um,
+                  w.focus_shift_um < 0.0 ? "\u2212" : "+");
+    std::vector<std::string> notes = {"best focus", line, "", "largest aberrations, nm RMS",
+                                      "(Noll indices: cos, sin)"};
+    const std::size_t head = notes.size();
     const std::size_t shown = std::min<std::size_t>(kLargestAberrations, w.largest.size());
-    for (std::size_t k = 0; k < shown; ++k) {
+    for (std::size_t k = 0; k < shown && w.largest[k].rms_nm >= 0.05; ++k) {
         const aberration_share& a = w.largest[k];
-        char line[120];
         if (a.m == 0) {
             std::snprintf(line, sizeof line, "%.1f  %s (Z%d)", a.rms_nm, a.name.c_str(), a.noll[0]);
         } else {
             std::snprintf(line, sizeof line, "%.1f  %s (Z%d, Z%d)", a.rms_nm, a.name.c_str(),
-                          std::min(a.noll[0], a.noll[1]), std::max(a.noll[0], a.noll[1]));
+                          a.noll[0], a.noll[1]);
         }
         notes.push_back(line);
     }
+    if (notes.size() == head) notes.push_back("none of 0.05 nm or more");
     return notes;
 }
 
@@ -263,14 +277,17 @@ band make_band(const report_entry& entry, int w, const measured_pupil* measured,
         set_common_range({&amplitude.back()});
         set_common_range({&phase.back()});
     }
-    phase.push_back(empty_panel(b, "without tilt and defocus", "nm", false));
-    add_aberrations(entry.model, w, entry.metrics[std::size_t(w)].wavelength_nm, b, &phase.back());
-    set_common_range({&phase.back()});
-    if (amplitude.size() == 1) {  // the fit alone: one row of amplitude, phase, aberrations
-        for (panel& p : phase) amplitude.push_back(std::move(p));
+    std::vector<panel> best_focus;
+    best_focus.push_back(empty_panel(b, "phase at best focus", "waves", true));
+    best_focus.back().contours = true;
+    add_best_focus(entry.model, w, entry.metrics[std::size_t(w)], b, &best_focus.back());
+    set_common_range({&best_focus.back()});
+    if (amplitude.size() == 1) {  // the fit alone: one row of amplitude, phase, best focus
+        amplitude.push_back(std::move(phase.front()));
+        amplitude.push_back(std::move(best_focus.front()));
         b.rows = {std::move(amplitude)};
     } else {
-        b.rows = {std::move(amplitude), std::move(phase)};
+        b.rows = {std::move(amplitude), std::move(phase), std::move(best_focus)};
     }
     return b;
 }
@@ -319,19 +336,35 @@ cairo_surface_t* raster(const panel& p, const pixel_box& box) {
     return s;
 }
 
-// The disc of a panel, centred at (cx, cy): every pixel a square of the
-// pixel spacing, clipped to the pupil edge, which is drawn as a circle.
-void draw_disc(cairo_t* cr, const band& b, const panel& p, double cx, double cy) {
-    const double sx = kDisc / (2.0 * b.cutoff / b.g.dx);  // PNG pixels per image pixel
-    const double sy = kDisc / (2.0 * b.cutoff / b.g.dy);
+// Where pixel (column, row) of the band's image lands on a disc centred at
+// (cx, cy): the pupil centre at the disc's centre, y up.
+struct disc_mapping {
+    double cx, cy, sx, sy, x0, y0;
+    double x(double column) const { return cx + (column - x0) * sx; }
+    double y(double row) const { return cy - (row - y0) * sy; }
+};
+
+disc_mapping mapping_of(const band& b, double cx, double cy) {
+    return {cx,
+            cy,
+            kDisc / (2.0 * b.cutoff / b.g.dx),
+            kDisc / (2.0 * b.cutoff / b.g.dy),
+            double(b.g.x0),
+            double(b.g.y0)};
+}
+
+// The disc of a panel, centred where `at` puts the pupil centre: every pixel
+// a square of the pixel spacing, clipped to the pupil edge, which is drawn as
+// a circle.
+void draw_disc(cairo_t* cr, const band& b, const panel& p, const disc_mapping& at) {
+    const double cx = at.cx, cy = at.cy;
     cairo_save(cr);
     cairo_arc(cr, cx, cy, kDisc / 2.0, 0.0, 2.0 * std::numbers::pi);
     cairo_clip(cr);
     if (b.box.width() > 0 && b.box.height() > 0) {
         cairo_surface_t* image = raster(p, b.box);
-        cairo_translate(cr, cx + (b.box.c0 - 0.5 - b.g.x0) * sx,
-                        cy - (b.box.r1 + 0.5 - b.g.y0) * sy);
-        cairo_scale(cr, sx, sy);
+        cairo_translate(cr, at.x(b.box.c0 - 0.5), at.y(b.box.r1 + 0.5));
+        cairo_scale(cr, at.sx, at.sy);
         cairo_set_source_surface(cr, image, 0.0, 0.0);
         cairo_pattern_set_filter(cairo_get_source(cr), CAIRO_FILTER_NEAREST);
         cairo_paint(cr);
@@ -384,21 +417,142 @@ void draw_colour_bar(cairo_t* cr, const panel& p, double x, double y) {
     text_at(cr, x, y + kDisc + 16, p.unit);
 }
 
-void draw_panel(cairo_t* cr, const band& b, const panel& p, double x, double y) {
+// The point between two grid values a (at 0) and b (at 1) where the level is.
+double crossing(double a, double b, double level) {
+    return (level - a) / (b - a);
+}
+
+// Contour lines of the panel's values at the given level, by marching
+// squares over the cells whose four corners all lie in the disc. A saddle
+// cell joins its crossings in the order of its edges, which at most swaps
+// the two pairings there.
+void trace_level(cairo_t* cr, const band& b, const panel& p, const disc_mapping& at, double level) {
+    const int w = b.box.width();
+    auto value = [&](int c, int r) { return double(p.values[std::size_t(r) * w + c]); };
+    for (int r = 0; r + 1 < b.box.height(); ++r) {
+        for (int c = 0; c + 1 < w; ++c) {
+            // Corners counterclockwise from (c, r): their values and offsets.
+            const double v[4] = {value(c, r), value(c + 1, r), value(c + 1, r + 1),
+                                 value(c, r + 1)};
+            if (!(std::isfinite(v[0]) && std::isfinite(v[1]) && std::isfinite(v[2]) &&
+                  std::isfinite(v[3])))
+                continue;
+            static constexpr int kCorner[4][2] = {{0, 0}, {1, 0}, {1, 1}, {0, 1}};
+            double points[4][2];
+            int found = 0;
+            for (int e = 0; e < 4; ++e) {
+                const double a = v[e], z = v[(e + 1) % 4];
+                if ((a < level) == (z < level)) continue;
+                const double t = crossing(a, z, level);
+                const int* p0 = kCorner[e];
+                const int* p1 = kCorner[(e + 1) % 4];
+                points[found][0] = b.box.c0 + c + p0[0] + t * (p1[0] - p0[0]);
+                points[found][1] = b.box.r0 + r + p0[1] + t * (p1[1] - p0[1]);
+                ++found;
+            }
+            for (int k = 0; k + 1 < found; k += 2) {
+                cairo_move_to(cr, at.x(points[k][0]), at.y(points[k][1]));
+                cairo_line_to(cr, at.x(points[k + 1][0]), at.y(points[k + 1][1]));
+            }
+        }
+    }
+    cairo_stroke(cr);
+}
+
+// The contour levels of a panel: the ticks of its colour bar.
+std::vector<double> contour_levels(const panel& p) {
+    const double step = tick_step(p.hi - p.lo);
+    std::vector<double> levels;
+    for (double t = std::ceil(p.lo / step - 1e-9) * step; t <= p.hi + 1e-9 * step; t += step)
+        levels.push_back(std::fabs(t) < 0.5 * step ? 0.0 : t);
+    return levels;
+}
+
+// Contour lines over the disc, and a mark at each level on the colour bar
+// at bar_x; the zero line is drawn heavier.
+void draw_contours(cairo_t* cr, const band& b, const panel& p, const disc_mapping& at, double bar_x,
+                   double top) {
+    cairo_save(cr);
+    cairo_arc(cr, at.cx, at.cy, kDisc / 2.0, 0.0, 2.0 * std::numbers::pi);
+    cairo_clip(cr);
+    cairo_set_source_rgb(cr, 0.15, 0.15, 0.15);
+    for (double level : contour_levels(p)) {
+        cairo_set_line_width(cr, level == 0.0 ? 1.6 : 0.8);
+        trace_level(cr, b, p, at, level);
+    }
+    cairo_restore(cr);
+    cairo_set_source_rgb(cr, 0.15, 0.15, 0.15);
+    for (double level : contour_levels(p)) {
+        const double ty = top + kDisc - (level - p.lo) / (p.hi - p.lo) * kDisc;
+        cairo_set_line_width(cr, level == 0.0 ? 1.6 : 0.8);
+        cairo_move_to(cr, bar_x, ty);
+        cairo_line_to(cr, bar_x + kBarWidth, ty);
+        cairo_stroke(cr);
+    }
+}
+
+// Text centred on x (align 0.5) or ending at x (align 1), baseline y.
+void text_aligned(cairo_t* cr, double x, double y, const std::string& text, double align) {
+    cairo_text_extents_t extents;
+    cairo_text_extents(cr, text.c_str(), &extents);
+    text_at(cr, x - align * extents.x_advance, y, text);
+}
+
+// The pupil axes kx (below the disc) and ky (left of it) in units of NA /
+// wavelength, ticks at every half unit, so orientation and scale are on the
+// picture.
+void draw_axes(cairo_t* cr, double cx, double cy) {
+    const double r = kDisc / 2.0, below = cy + r + 5.0, left = cx - r - 5.0;
+    cairo_set_source_rgb(cr, 0.25, 0.25, 0.25);
+    cairo_set_line_width(cr, 1.0);
+    cairo_move_to(cr, cx - r, below);
+    cairo_line_to(cr, cx + r, below);
+    cairo_move_to(cr, left, cy - r);
+    cairo_line_to(cr, left, cy + r);
+    set_font(cr, 11.0, false);
+    for (int k = -2; k <= 2; ++k) {
+        const double d = 0.5 * k * r;
+        cairo_move_to(cr, cx + d, below);
+        cairo_line_to(cr, cx + d, below + 4.0);
+        cairo_move_to(cr, left, cy - d);
+        cairo_line_to(cr, left - 4.0, cy - d);
+        if (k % 2 != 0) continue;
+        const std::string label = k == 0 ? "0" : k > 0 ? "1" : "\u22121";
+        text_aligned(cr, cx + d, below + 15.0, label, 0.5);
+        text_aligned(cr, left - 6.0, cy - d + 4.0, label, 1.0);
+    }
+    cairo_stroke(cr);
+    text_aligned(cr, cx, below + 28.0, "kx  (NA / \u03bb)", 0.5);
+    cairo_save(cr);
+    cairo_translate(cr, left - 20.0, cy);
+    cairo_rotate(cr, -std::numbers::pi / 2.0);
+    text_aligned(cr, 0.0, 0.0, "ky  (NA / \u03bb)", 0.5);
+    cairo_restore(cr);
+}
+
+void draw_panel(cairo_t* cr, const band& b, const panel& p, double x, double y, bool axes) {
     set_font(cr, 15.0, true);
     cairo_set_source_rgb(cr, 0.1, 0.1, 0.1);
     text_at(cr, x + kMargin, y + 20, p.title);
     const double top = y + kTitleHeight;
-    draw_disc(cr, b, p, x + kMargin + kDisc / 2.0, top + kDisc / 2.0);
-    draw_colour_bar(cr, p, x + kMargin + kDisc + kBarGap, top);
+    const double cx = x + kDiscLeft + kDisc / 2.0, cy = top + kDisc / 2.0;
+    const double bar_x = x + kDiscLeft + kDisc + kBarGap;
+    const disc_mapping at = mapping_of(b, cx, cy);
+    draw_disc(cr, b, p, at);
+    draw_colour_bar(cr, p, bar_x, top);
+    if (p.contours) draw_contours(cr, b, p, at, bar_x, top);
+    if (axes) draw_axes(cr, cx, cy);
 }
 
-// The notes of a band in the cell at (x, y), where a shorter row leaves room.
+// The notes of a band in the cell at (x, y): a heading, then lines, an empty
+// one making a gap.
 void draw_notes(cairo_t* cr, const band& b, double x, double y) {
     cairo_set_source_rgb(cr, 0.1, 0.1, 0.1);
+    double line_y = y + 20;
     for (std::size_t k = 0; k < b.notes.size(); ++k) {
-        set_font(cr, k == 0 ? 15.0 : 13.0, k == 0);
-        text_at(cr, x + kMargin, y + 20 + (k == 0 ? 0.0 : 14.0 + 20.0 * double(k)), b.notes[k]);
+        set_font(cr, k == 0 ? 15.0 : 13.0, k == 0 || k == 1);
+        text_at(cr, x + kMargin, line_y, b.notes[k]);
+        line_y += k == 0 ? 24.0 : b.notes[k].empty() ? 8.0 : 19.0;
     }
 }
 
@@ -406,10 +560,28 @@ struct figure_size {
     int width, height;
 };
 
+// Bold text at (x, y) in the given size, or smaller where it would be wider
+// than width.
+void draw_fitted_text(cairo_t* cr, double x, double y, double width, double size,
+                      const std::string& text) {
+    set_font(cr, size, true);
+    cairo_text_extents_t extents;
+    cairo_text_extents(cr, text.c_str(), &extents);
+    if (extents.x_advance > width) set_font(cr, size * width / extents.x_advance, true);
+    text_at(cr, x, y, text);
+}
+
+// Columns of a band: its longest row, and the notes' cell after its last row.
+int columns_of(const band& b) {
+    int columns = int(b.rows.back().size()) + 1;
+    for (const auto& row : b.rows) columns = std::max(columns, int(row.size()));
+    return columns;
+}
+
 figure_size size_of(const std::vector<band>& bands) {
     int columns = 0, height = kHeaderHeight + kFooterHeight;
     for (const band& b : bands) {
-        for (const auto& row : b.rows) columns = std::max(columns, int(row.size()));
+        columns = std::max(columns, columns_of(b));
         height += kBandHeading + int(b.rows.size()) * kPanelHeight;
     }
     return {std::max(kMinimumWidth, columns * kPanelWidth + 2 * kMargin), height};
@@ -423,43 +595,37 @@ void draw_figure(cairo_t* cr, const report_entry& entry, const std::vector<band>
     set_font(cr, 17.0, true);
     text_at(cr, kMargin, 26, entry.model.file);
     set_font(cr, 13.0, false);
-    char optics[160];
+    char optics[200];
     std::snprintf(optics, sizeof optics,
-                  "NA %g, immersion index %g, lens %d; phase Zernike set (%d, %d), amplitude (%d, "
-                  "%d)",
-                  double(entry.model.na), double(entry.model.n_imm), entry.model.lens_id,
-                  entry.model.phase_n, entry.model.phase_m, entry.model.amplitude_n,
-                  entry.model.amplitude_m);
+                  "NA %g, immersion index %g, lens number %d (the lens id of the pupil image's "
+                  "header); phase Zernike set (%d, %d), amplitude (%d, %d)",
+                  model_aperture(entry.model), model_immersion_index(entry.model),
+                  entry.model.lens_id, entry.model.phase_n, entry.model.phase_m,
+                  entry.model.amplitude_n, entry.model.amplitude_m);
     text_at(cr, kMargin, 46, optics);
 
     double y = kHeaderHeight;
     for (const band& b : bands) {
-        set_font(cr, 15.0, true);
         cairo_set_source_rgb(cr, 0.1, 0.1, 0.1);
-        text_at(cr, kMargin, y + 24, b.heading);
+        draw_fitted_text(cr, kMargin, y + 24, size.width - 2 * kMargin, 15.0, b.heading);
         y += kBandHeading;
-        std::size_t columns = 0;
-        for (const auto& row : b.rows) columns = std::max(columns, row.size());
-        bool noted = false;
         for (const auto& row : b.rows) {
             for (std::size_t k = 0; k < row.size(); ++k)
-                draw_panel(cr, b, row[k], kMargin + double(k) * kPanelWidth, y);
-            if (!noted && row.size() < columns) {
+                draw_panel(cr, b, row[k], kMargin + double(k) * kPanelWidth, y, k == 0);
+            if (&row == &b.rows.back())
                 draw_notes(cr, b, kMargin + double(row.size()) * kPanelWidth, y);
-                noted = true;
-            }
             y += kPanelHeight;
         }
     }
     set_font(cr, 12.0, false);
     cairo_set_source_rgb(cr, 0.3, 0.3, 0.3);
     text_at(cr, kMargin, size.height - 28,
-            "Seen with x (image columns) to the right and y (rows) up; theta runs from +x "
-            "towards +y. Circle: pupil edge, NA / wavelength.");
+            "x (image columns) to the right, y (rows) up; theta runs from +x towards +y. Circle: "
+            "pupil edge, NA / \u03bb. Phase in rad as fitted, piston and tilt included.");
     text_at(cr, kMargin, size.height - 12,
-            std::string("Phase in rad as fitted, piston and tilt included; without tilt and "
-                        "defocus: the fitted wavefront less piston, tilt and defocus, in nm") +
-                (residual ? "; residual = measured - fitted." : "."));
+            std::string("At best focus: less piston, tilt and the focus shift \u0394z (> 0: focus "
+                        "at +z), in waves, contours at the ticks") +
+                (residual ? "; residual = measured \u2212 fitted." : "."));
 }
 
 cairo_status_t write_to_file(void* closure, const unsigned char* data, unsigned int length) {

@@ -5,11 +5,13 @@
 #include <cstdio>
 #include <vector>
 
+#include <torvel/cores.hpp>
 #include <torvel/imageio.hpp>
 #include <torvel/report.hpp>
 
 int main(int argc, char** argv) {
     using namespace torvel;
+    share_cores();  // before any thread: see <torvel/cores.hpp>
 
     if (report_help_requested(argc, argv)) {
         print_report_usage(stdout);

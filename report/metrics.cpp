@@ -8,6 +8,7 @@
 #include <limits>
 #include <memory>
 #include <numbers>
+#include <span>
 
 #include <torvel/messages.hpp>
 #include <torvel/pupil.hpp>
@@ -63,42 +64,51 @@ double dot(const std::vector<double>& c, const std::vector<double>& basis) {
     return sum;
 }
 
-// Largest minus smallest value over the polar grid of two series a and b of
-// the set (n, m), into *pv_a and *pv_b. The radial values of a radius are
-// shared by every angle and the basis of a point by both series; orders
-// beyond the tables are summed point by point.
-void peaks_to_valleys(const std::vector<double>& a, const std::vector<double>& b, int n, int m,
-                      double* pv_a, double* pv_b) {
-    *pv_a = *pv_b = 0.0;
-    if (a.empty()) return;
+// One series whose peak to valley is searched on the polar grid: its
+// coefficients for the set, and a value added at each radius of the grid
+// (none when empty).
+struct pv_search {
+    std::vector<double> c;
+    std::vector<double> added;
+    value_range range;
+    double pv() const { return range.hi - range.lo; }
+};
+
+double rho_of_pv_radius(int i) {
+    return double(i) / (kPeakToValleyRadii - 1);
+}
+
+// Searches the largest and smallest value of every series of the set (n, m)
+// over the polar grid. The radial values of a radius are shared by every
+// angle and the basis of a point by every series; orders beyond the tables
+// are summed point by point.
+void search_peaks_to_valleys(std::span<pv_search> searches, int n, int m) {
     const ZernikeTableSize size = zernike_table_size(n, m);
     const bool tabled = size.order <= zernike_table_max_order;
     const std::size_t per_radius = tabled ? std::size_t(zernike_radial_count(n, m)) : 0;
-    std::vector<double> radials(per_radius * kPeakToValleyRadii), basis(a.size());
-    auto rho_of = [](int i) { return double(i) / (kPeakToValleyRadii - 1); };
+    std::vector<double> radials(per_radius * kPeakToValleyRadii);
+    std::vector<double> basis(std::size_t(zernike_term_count(n, m)));
     ZernikeTables tables;
     for (int i = 0; tabled && i < kPeakToValleyRadii; ++i) {
-        fill_zernike_powers(rho_of(i), size.order, &tables);
+        fill_zernike_powers(rho_of_pv_radius(i), size.order, &tables);
         evaluate_zernike_radials(tables, n, m, &radials[std::size_t(i) * per_radius]);
     }
-    value_range range_a, range_b;
     for (int j = 0; j < kPeakToValleyAngles; ++j) {
         const double theta = 2.0 * std::numbers::pi * j / kPeakToValleyAngles;
         if (tabled) fill_zernike_angles(theta, size.frequency, &tables);
         for (int i = 0; i < kPeakToValleyRadii; ++i) {
-            if (tabled) {
+            if (tabled)
                 combine_zernike_basis(&radials[std::size_t(i) * per_radius], tables, n, m,
                                       basis.data());
-                range_a.add(dot(a, basis));
-                range_b.add(dot(b, basis));
-            } else {
-                range_a.add(evaluate_zernike_series(rho_of(i), theta, n, m, a.data()));
-                range_b.add(evaluate_zernike_series(rho_of(i), theta, n, m, b.data()));
+            for (pv_search& s : searches) {
+                double v =
+                    tabled ? dot(s.c, basis)
+                           : evaluate_zernike_series(rho_of_pv_radius(i), theta, n, m, s.c.data());
+                if (!s.added.empty()) v += s.added[std::size_t(i)];
+                s.range.add(v);
             }
         }
     }
-    *pv_a = range_a.hi - range_a.lo;
-    *pv_b = range_b.hi - range_b.lo;
 }
 
 // The phase with piston and tilt (and defocus when asked) set to zero.
@@ -106,6 +116,104 @@ std::vector<double> without_low_orders(std::vector<double> c, bool without_defoc
     const int last = without_defocus ? zernike_term_index(2, 0) : zernike_term_index(1, 1) + 1;
     for (int slot = 0; slot <= last && slot < int(c.size()); ++slot) c[slot] = 0.0;
     return c;
+}
+
+// Gauss-Legendre nodes and weights on [-1, 1], exact for polynomials of
+// degree below 2 count: Newton's method on the Legendre polynomial.
+void gauss_legendre(int count, std::vector<double>* nodes, std::vector<double>* weights) {
+    nodes->assign(std::size_t(count), 0.0);
+    weights->assign(std::size_t(count), 0.0);
+    for (int i = 0; i < count; ++i) {
+        double x = std::cos(std::numbers::pi * (i + 0.75) / (count + 0.5));
+        double slope = 1.0;
+        for (int step = 0; step < 100; ++step) {
+            double previous = 1.0, p = x;  // P_(k-1) and P_k, up to k = count
+            for (int k = 2; k <= count; ++k) {
+                const double next = ((2 * k - 1) * x * p - (k - 1) * previous) / k;
+                previous = p;
+                p = next;
+            }
+            slope = count * (x * p - previous) / (x * x - 1.0);
+            const double dx = p / slope;
+            x -= dx;
+            if (std::fabs(dx) < 1e-15) break;
+        }
+        (*nodes)[std::size_t(i)] = x;
+        (*weights)[std::size_t(i)] = 2.0 / ((1.0 - x * x) * slope * slope);
+    }
+}
+
+// Points of a quadrature of the mean over the unit disc of functions of rho
+// alone. With u = rho^2 that mean is the integral over u in [0, 1]; in the
+// path t = sqrt(n^2 - NA^2 u), the integral of g(u(t)) 2 t / NA^2 over [t1,
+// n], t1 = sqrt(n^2 - NA^2). R_k^0 is a polynomial of degree k / 2 in u and so
+// of degree k in t: Gauss-Legendre in t with count points integrates R_k^0
+// times a polynomial of degree d in t exactly while k + d + 1 < 2 count, even
+// when NA = n, where the path has no derivative at the rim.
+struct focus_quadrature {
+    std::vector<double> rho, path, weight;
+};
+
+focus_quadrature make_focus_quadrature(double na, double n_imm, int count) {
+    std::vector<double> x, w;
+    gauss_legendre(count, &x, &w);
+    const double t1 = std::sqrt((n_imm - na) * (n_imm + na));
+    const double half = 0.5 * (n_imm - t1), mid = 0.5 * (n_imm + t1);
+    focus_quadrature q;
+    for (int i = 0; i < count; ++i) {
+        const double t = mid + half * x[std::size_t(i)];
+        // n^2 - t^2 as (n - t)(n + t), with n - t = half (1 - x) free of cancellation.
+        const double u = half * (1.0 - x[std::size_t(i)]) * (n_imm + t) / (na * na);
+        q.rho.push_back(std::sqrt(std::min(1.0, u)));
+        q.path.push_back(t);
+        q.weight.push_back(2.0 * t * half * w[std::size_t(i)] / (na * na));
+    }
+    return q;
+}
+
+// Least squares over the disc of piston, tilt and the focus shift phase F(rho)
+// = -2 pi dz (t - mean t) / lambda against the phase c. Tilt is orthogonal to
+// every other term and to F; F is orthogonal to piston; of the other terms
+// only the R_k^0 meet F. So dz = <c, F> / <F, F>, and every coefficient of the
+// set loses dz <R_k^0, F> / <R_k^0, R_k^0>.
+struct best_focus_fit {
+    double dz_um = 0.0, mean_path = 0.0;
+    double removed_square = 0.0;  // <dz F, dz F>: what best focus takes off sigma^2
+    std::vector<double> coefficients;
+};
+
+best_focus_fit fit_best_focus(const report_model& model, const std::vector<double>& c,
+                              double wavelength_nm) {
+    best_focus_fit fit;
+    fit.coefficients = without_low_orders(c, false);
+    const focus_quadrature q = make_focus_quadrature(
+        model_aperture(model), model_immersion_index(model), std::max(model.phase_n, 0) / 2 + 3);
+    for (std::size_t i = 0; i < q.rho.size(); ++i) fit.mean_path += q.weight[i] * q.path[i];
+    double variance = 0.0, product = 0.0;
+    for (std::size_t i = 0; i < q.rho.size(); ++i) {
+        const double d = q.path[i] - fit.mean_path;
+        variance += q.weight[i] * d * d;
+    }
+    std::vector<double> projections(c.size(), 0.0);  // <R_k^0, t - mean t> by slot
+    for_each_zernike_term(c.empty() ? -1 : model.phase_n, model.phase_m, [&](int k, int l) {
+        if (k < 2 || l != 0) return;
+        const int slot = zernike_term_index(k, 0);
+        for (std::size_t i = 0; i < q.rho.size(); ++i)
+            projections[std::size_t(slot)] +=
+                q.weight[i] * evaluate_rnm(q.rho[i], k, 0) * (q.path[i] - fit.mean_path);
+        product += c[std::size_t(slot)] * projections[std::size_t(slot)];
+    });
+    const double lambda_um = wavelength_nm / 1000.0;
+    const double wavenumber = 2.0 * std::numbers::pi / lambda_um;
+    fit.dz_um = product == 0.0 ? 0.0 : -product / (wavenumber * variance);  // no -0 printed
+    fit.removed_square = product * product / variance;
+    for_each_zernike_term(c.empty() ? -1 : model.phase_n, model.phase_m, [&](int k, int l) {
+        if (k < 2 || l != 0) return;
+        const int slot = zernike_term_index(k, 0);
+        fit.coefficients[std::size_t(slot)] +=
+            fit.dz_um * wavenumber * projections[std::size_t(slot)] / zernike_mean_square(k, 0);
+    });
+    return fit;
 }
 
 // Every aberration of order 2 and up, cos/sin pairs combined, largest first.
@@ -155,6 +263,13 @@ int check_model(const report_model& model) {
             return 1;
         }
     }
+    if (model_aperture(model) > model_immersion_index(model)) {
+        print_message(
+            "torvel-report: %s: numerical aperture %g above the immersion index %g; no "
+            "focus shift is defined\n",
+            model.file.c_str(), double(model.na), double(model.n_imm));
+        return 1;
+    }
     return 0;
 }
 
@@ -192,6 +307,28 @@ int take_report_model(const char* file, ParametricPupil* pupil, report_model* mo
     return check_model(*model);
 }
 
+double model_aperture(const report_model& model) {
+    return std::round(double(model.na) * 1e3) / 1e3;
+}
+
+double model_immersion_index(const report_model& model) {
+    return std::round(double(model.n_imm) * 1e5) / 1e5;
+}
+
+double focus_shift_phase(const report_model& model, double wavelength_nm, double dz_um,
+                         double mean_path, double rho) {
+    const double na = model_aperture(model) * rho, n = model_immersion_index(model);
+    const double path = std::sqrt(std::max(0.0, (n - na) * (n + na)));
+    return -2.0 * std::numbers::pi * dz_um * (path - mean_path) / (wavelength_nm / 1000.0);
+}
+
+double paraxial_focus_shift_um(const report_model& model, double wavelength_nm, double c20) {
+    const double na = model_aperture(model), n = model_immersion_index(model);
+    // n - sqrt(n^2 - NA^2) as NA^2 / (n + sqrt(n^2 - NA^2)), exact at small NA too.
+    const double rim_path = na * na / (n + std::sqrt((n - na) * (n + na)));
+    return c20 * (wavelength_nm / 1000.0) / (std::numbers::pi * rim_path);
+}
+
 wavelength_metrics compute_wavelength_metrics(const report_model& model, int wave) {
     const report_wavelength& fit = model.waves[std::size_t(wave)];
     const int n = model.phase_n, m = model.phase_m;
@@ -199,12 +336,32 @@ wavelength_metrics compute_wavelength_metrics(const report_model& model, int wav
     // The wavelength as the file writes it (micrometres to 6 decimals), not
     // the float it was read into.
     out.wavelength_nm = std::round(double(fit.wavelength_um) * 1e6) / 1e3;
-    out.rms_rad = std::sqrt(sum_of_squares(fit.phase, n, m, 2, false));
-    out.rms_nodefocus_rad = std::sqrt(sum_of_squares(fit.phase, n, m, 2, true));
-    peaks_to_valleys(without_low_orders(fit.phase, false), without_low_orders(fit.phase, true), n,
-                     m, &out.pv_rad, &out.pv_nodefocus_rad);
+    const double variance = sum_of_squares(fit.phase, n, m, 2, false);
+    out.rms_rad = std::sqrt(variance);
+    out.rms_paraxial_rad = std::sqrt(sum_of_squares(fit.phase, n, m, 2, true));
+    const double c20 = coefficient(fit.phase, zernike_term_index(2, 0));
+    out.focus_shift_paraxial_um = paraxial_focus_shift_um(model, out.wavelength_nm, c20);
+
+    best_focus_fit best = fit_best_focus(model, fit.phase, out.wavelength_nm);
+    out.focus_shift_um = best.dz_um;
+    out.focus_mean_path = best.mean_path;
+    out.rms_best_focus_rad = std::sqrt(std::max(0.0, variance - best.removed_square));
+
+    if (!fit.phase.empty()) {
+        pv_search searches[3] = {{without_low_orders(fit.phase, false), {}, {}},
+                                 {without_low_orders(fit.phase, true), {}, {}},
+                                 {without_low_orders(fit.phase, false), {}, {}}};
+        for (int i = 0; i < kPeakToValleyRadii; ++i)
+            searches[2].added.push_back(-focus_shift_phase(model, out.wavelength_nm, best.dz_um,
+                                                           best.mean_path, rho_of_pv_radius(i)));
+        search_peaks_to_valleys(searches, n, m);
+        out.pv_rad = searches[0].pv();
+        out.pv_paraxial_rad = searches[1].pv();
+        out.pv_best_focus_rad = searches[2].pv();
+    }
     out.strehl = std::exp(-out.rms_rad * out.rms_rad);
-    out.strehl_nodefocus = std::exp(-out.rms_nodefocus_rad * out.rms_nodefocus_rad);
+    out.strehl_paraxial = std::exp(-out.rms_paraxial_rad * out.rms_paraxial_rad);
+    out.strehl_best_focus = std::exp(-out.rms_best_focus_rad * out.rms_best_focus_rad);
     if (fit.amplitude.empty()) {
         out.mean_amplitude = 1.0;  // no series: the model's amplitude is 1
         out.amplitude_relative_rms = 0.0;
@@ -214,13 +371,14 @@ wavelength_metrics compute_wavelength_metrics(const report_model& model, int wav
                                                               model.amplitude_m, 1, false)) /
                                      std::fabs(out.mean_amplitude);
     }
-    out.defocus_nm = radians_to_nm(
-        coefficient(fit.phase, zernike_term_index(2, 0)) * std::sqrt(zernike_mean_square(2, 0)),
-        out.wavelength_nm);
-    out.spherical_nm = radians_to_nm(
-        coefficient(fit.phase, zernike_term_index(4, 0)) * std::sqrt(zernike_mean_square(4, 0)),
-        out.wavelength_nm);
-    out.largest = rank_aberrations(fit.phase, n, m, out.wavelength_nm);
+    const double rms_20 = std::sqrt(zernike_mean_square(2, 0));
+    const double rms_40 = std::sqrt(zernike_mean_square(4, 0));
+    const int slot_40 = zernike_term_index(4, 0);
+    out.defocus_nm = radians_to_nm(c20 * rms_20, out.wavelength_nm);
+    out.spherical_nm = radians_to_nm(coefficient(fit.phase, slot_40) * rms_40, out.wavelength_nm);
+    out.spherical_best_focus_nm =
+        radians_to_nm(coefficient(best.coefficients, slot_40) * rms_40, out.wavelength_nm);
+    out.largest = rank_aberrations(best.coefficients, n, m, out.wavelength_nm);
     return out;
 }
 

@@ -38,16 +38,21 @@ void print_wavefront(std::FILE* out, std::span<const report_entry> entries, int 
     std::fprintf(out,
                  "wavefront: phase with piston and tilt removed; RMS exact over the pupil disc, "
                  "P-V on %d x %d polar points;\n"
-                 "strehl = exp(-rms_rad^2) (Marechal); nodefocus: defocus removed as well\n",
+                 "strehl = exp(-rms_rad^2) (Marechal); _bf: at best focus, where piston, tilt and "
+                 "the focus shift dz_um\n"
+                 "of the fit's NA and immersion index are removed by least squares (dz_um > 0: "
+                 "the focus lies at +z)\n",
                  kPeakToValleyRadii, kPeakToValleyAngles);
-    std::fprintf(out, "%-*s %8s %9s %9s %9s %9s %9s %9s %9s\n", fw, "file", "wave_nm", "rms_rad",
-                 "rms_waves", "rms_nm", "pv_nm", "rms_nm_nd", "strehl", "strehl_nd");
+    std::fprintf(out, "%-*s %8s %9s %9s %9s %9s %9s %9s %9s %9s %9s\n", fw, "file", "wave_nm",
+                 "rms_rad", "rms_waves", "rms_nm", "pv_nm", "strehl", "dz_um", "rms_nm_bf",
+                 "pv_nm_bf", "strehl_bf");
     for_each_row(entries, [&](const report_entry& e, const wavelength_metrics& w) {
-        std::fprintf(
-            out, "%-*s %8.1f %9.4f %9.4f %9.2f %9.2f %9.2f %9.4f %9.4f\n", fw, e.model.file.c_str(),
-            w.wavelength_nm, w.rms_rad, w.rms_rad / (2.0 * std::numbers::pi),
-            radians_to_nm(w.rms_rad, w.wavelength_nm), radians_to_nm(w.pv_rad, w.wavelength_nm),
-            radians_to_nm(w.rms_nodefocus_rad, w.wavelength_nm), w.strehl, w.strehl_nodefocus);
+        const double nm = w.wavelength_nm;
+        std::fprintf(out, "%-*s %8.1f %9.4f %9.4f %9.2f %9.2f %9.4f %9.4f %9.2f %9.2f %9.4f\n", fw,
+                     e.model.file.c_str(), nm, w.rms_rad, w.rms_rad / (2.0 * std::numbers::pi),
+                     radians_to_nm(w.rms_rad, nm), radians_to_nm(w.pv_rad, nm), w.strehl,
+                     w.focus_shift_um, radians_to_nm(w.rms_best_focus_rad, nm),
+                     radians_to_nm(w.pv_best_focus_rad, nm), w.strehl_best_focus);
     });
 }
 
@@ -63,9 +68,11 @@ void print_amplitude(std::FILE* out, std::span<const report_entry> entries, int 
 }
 
 void print_largest(std::FILE* out, std::span<const report_entry> entries, int fw) {
-    std::fprintf(out,
-                 "\nlargest aberrations: RMS contribution in nm, cos and sin terms of one shape "
-                 "combined;\nnoll from 1, osa (OSA/ANSI) from 0, a pair given as cos,sin\n");
+    std::fprintf(
+        out,
+        "\nlargest aberrations at best focus: RMS contribution in nm, cos and sin terms of "
+        "one shape combined;\nnoll from 1, osa (OSA/ANSI) from 0, a pair given as "
+        "cos,sin\n");
     std::fprintf(out, "%-*s %8s %4s %-24s %6s %6s %9s\n", fw, "file", "wave_nm", "rank",
                  "aberration", "noll", "osa", "rms_nm");
     for_each_row(entries, [&](const report_entry& e, const wavelength_metrics& w) {
@@ -81,12 +88,13 @@ void print_largest(std::FILE* out, std::span<const report_entry> entries, int fw
 
 void print_against_wavelength(std::FILE* out, std::span<const report_entry> entries, int fw) {
     std::fprintf(out,
-                 "\ndefocus (Noll 4) and spherical (Noll 11) against wavelength: signed "
-                 "RMS-normalised coefficients in nm\n");
-    std::fprintf(out, "%-*s %8s %10s %12s\n", fw, "file", "wave_nm", "defocus_nm", "spherical_nm");
+                 "\nfocus and spherical against wavelength: dz_um the focus shift of best focus; "
+                 "spherical_nm_bf the signed\nRMS-normalised R_4^0 (Noll 11) left at best focus, "
+                 "in nm\n");
+    std::fprintf(out, "%-*s %8s %9s %15s\n", fw, "file", "wave_nm", "dz_um", "spherical_nm_bf");
     for_each_row(entries, [&](const report_entry& e, const wavelength_metrics& w) {
-        std::fprintf(out, "%-*s %8.1f %10.2f %12.2f\n", fw, e.model.file.c_str(), w.wavelength_nm,
-                     w.defocus_nm, w.spherical_nm);
+        std::fprintf(out, "%-*s %8.1f %9.4f %15.2f\n", fw, e.model.file.c_str(), w.wavelength_nm,
+                     w.focus_shift_um, w.spherical_best_focus_nm);
     });
 }
 

@@ -14,4 +14,4 @@ echo
 ./build/release/make_sample_pupil --compare out/sample_fit.txt sample/model_fit.txt
 echo
 ./build/release/torvel-report out/sample_fit.txt -image=sample/pupil.mrc \
-    -residual=out/sample_residual.mrc -png=out/report.png -json=out/fit.json
+    -residual=out/sample_residual.mrc -png=out/report.png -json=out/fit.json -csv=out/fit.csv

@@ -71,8 +71,16 @@ struct report_model {
     std::vector<report_wavelength> waves;
 };
 
+// The aperture and immersion index as the fit file writes them (3 and 5
+// decimals), not the floats they were read into.
+double model_aperture(const report_model& model);
+double model_immersion_index(const report_model& model);
+
 // Reads a fit file into *model. Returns 0, or 1 after one message
-// "torvel-report: file:line:column: what is wrong" on standard error.
+// "torvel-report: file:line:column: what is wrong" on standard error, or one
+// naming the file when it holds no wavelength, a wavelength that is not
+// positive, or an aperture above the immersion index (no focus shift is
+// defined then).
 int load_report_model(const char* file, report_model* model);
 
 // Fills *model from the record pupil, with file as its name in the report.
@@ -92,17 +100,39 @@ struct aberration_share {
 };
 
 // The figures of one wavelength of a fit. "Wavefront" is the phase with
-// piston and tilt removed; "nodefocus" removes R_2^0 as well.
+// piston and tilt removed. "Best focus" removes, by least squares over the
+// disc, piston, tilt and the phase of a focus shift dz of the objective, as
+// focus_shift_phase gives it; "paraxial" removes R_2^0 instead, the
+// small-aperture stand-in for focus.
 struct wavelength_metrics {
     double wavelength_nm;
-    double rms_rad, rms_nodefocus_rad;      // exact, from the coefficients
-    double pv_rad, pv_nodefocus_rad;        // over kPeakToValleyRadii x kPeakToValleyAngles points
-    double strehl, strehl_nodefocus;        // Marechal: exp(-rms_rad^2)
+    double rms_rad, pv_rad, strehl;  // with focus; P-V over the polar grid below
+    double focus_shift_um;           // dz of best focus; > 0: the focus lies at +z
+    double focus_mean_path;          // mean of sqrt(n^2 - NA^2 rho^2) over the disc
+    double rms_best_focus_rad, pv_best_focus_rad, strehl_best_focus;
+    double focus_shift_paraxial_um;  // from R_2^0, see paraxial_focus_shift_um
+    // R_2^0 removed instead of the focus shift
+    double rms_paraxial_rad, pv_paraxial_rad, strehl_paraxial;
     double mean_amplitude;                  // exact: the R_0^0 coefficient
     double amplitude_relative_rms;          // exact RMS about the mean, over the mean
-    double defocus_nm, spherical_nm;        // signed RMS-normalised R_2^0 and R_4^0
-    std::vector<aberration_share> largest;  // by RMS, descending, n >= 2
+    double defocus_nm, spherical_nm;        // signed RMS-normalised R_2^0 and R_4^0 as fitted
+    double spherical_best_focus_nm;         // R_4^0 left at best focus, the same way
+    std::vector<aberration_share> largest;  // at best focus, by RMS, descending, n >= 2
 };
+
+// The phase in radians that a shift of the focus by dz_um micrometres to +z
+// gives the pupil at radius rho: -2 pi dz sqrt(n^2 - NA^2 rho^2) / lambda,
+// for a field at z of the integral of pupil(k) exp(2 pi i (kx x + ky y + kz
+// z)) over the pupil, kz = sqrt((n / lambda)^2 - |k|^2) and |k| = rho NA /
+// lambda. mean_path (focus_mean_path of the metrics) is subtracted from the
+// square root, so that the phase has mean 0 over the disc.
+double focus_shift_phase(const report_model& model, double wavelength_nm, double dz_um,
+                         double mean_path, double rho);
+
+// The focus shift that R_2^0 of coefficient c20 (radians) stands for when
+// focus is taken for R_2^0 alone, with the rim-to-centre path difference of a
+// real shift: c20 lambda / (pi (n - sqrt(n^2 - NA^2))).
+double paraxial_focus_shift_um(const report_model& model, double wavelength_nm, double c20);
 
 // The polar grid of the peak-to-valley search: rho = i / (radii - 1) for
 // i = 0 .. radii - 1 (the rim included) and theta = 2 pi j / angles.

@@ -1,11 +1,13 @@
 #!/usr/bin/env python3
 """torvel-report against answers planted in fit files and computed here
 independently: figures of merit from the definitions on a fine grid (numpy),
-the Noll and OSA/ANSI indices of the first 36 terms from the published
-tables, the JSON and CSV read back against the fit file, and the PNG decoded
-with the disc where the layout puts it.
+best focus of a real focus shift rendered and fitted again, the Noll and
+OSA/ANSI indices of the first 36 terms from the published tables, the JSON
+and CSV read back against the fit file, the PNG decoded with the disc where
+the layout puts it, and the example of docs/report.md against the program's
+output on the sample.
 
-usage: check_report.py torvel-report torvel pupil.mrc work_dir
+usage: check_report.py torvel-report torvel torvel-render pupil.mrc work_dir
 """
 import csv
 import ctypes
@@ -13,12 +15,14 @@ import ctypes.util
 import json
 import math
 import os
+import re
 import subprocess
 import sys
 
 import numpy as np
 
-REPORT, TORVEL, PUPIL, WORK = sys.argv[1:5]
+REPORT, TORVEL, RENDER, PUPIL, WORK = map(os.path.abspath, sys.argv[1:6])
+DOCS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "docs")
 os.makedirs(WORK, exist_ok=True)
 failures = []
 
@@ -33,10 +37,10 @@ def close(a, b, rel, what):
 
 
 def fit_file(name, wavelengths_um, phase_set, phase_terms, amplitude_set=(0, 0),
-             amplitude_terms=None):
+             amplitude_terms=None, na=1.4, n_imm=1.515):
     """Writes a fit file; *_terms[w] maps (n, m) to a value or a (cos, sin) pair."""
-    lines = ["#parametric_pupil_format 0", "#numerical_aperture 1.400",
-             "#immersion_refractive_index 1.51500", "#lens_id 3",
+    lines = ["#parametric_pupil_format 0", "#numerical_aperture %.3f" % na,
+             "#immersion_refractive_index %.5f" % n_imm, "#lens_id 3",
              "#zernike_set_for_amplitude %d %d" % amplitude_set,
              "#zernike_set_for_phase %d %d" % phase_set,
              "#polar_fourier_set_for_amplitude -1 -1", "#polar_fourier_set_for_phase -1 -1",
@@ -60,8 +64,14 @@ def fit_file(name, wavelengths_um, phase_set, phase_terms, amplitude_set=(0, 0),
     return path
 
 
-def run(*args):
-    return subprocess.run([REPORT, *args], capture_output=True, text=True)
+def run(*args, cwd=None):
+    return subprocess.run([REPORT, *args], capture_output=True, text=True, cwd=cwd)
+
+
+def focus_path(na, n_imm, r2):
+    """sqrt(n^2 - NA^2 rho^2): the phase of a focus shift dz is -2 pi dz times this / lambda,
+    for a field at z of the integral of pupil(k) exp(2 pi i (k.x + kz z)), kz the path / lambda."""
+    return np.sqrt(n_imm * n_imm - na * na * r2)
 
 
 # ---- figures of merit: only defocus, then only spherical aberration ----------
@@ -75,10 +85,11 @@ x, y = x[inside], y[inside]
 r2 = x * x + y * y
 
 
-def removed(w, with_defocus):
-    basis = [np.ones_like(x), x, y] + ([2 * r2 - 1] if with_defocus else [])
-    a = np.stack(basis, axis=1)
-    return w - a @ np.linalg.solve(a.T @ a, a.T @ w)
+def removed(w, extra=None):
+    """w less its least-squares fit by piston, tilt and extra; and the fit's coefficients."""
+    a = np.stack([np.ones_like(x), x, y] + ([extra] if extra is not None else []), axis=1)
+    coefficients = np.linalg.solve(a.T @ a, a.T @ w)
+    return w - a @ coefficients, coefficients
 
 
 amplitude = 0.8 - 0.05 * (2 * r2 - 1) + 0.02 * (x * x - y * y)  # 0.8 R00 - 0.05 R20 + 0.02 R22 cos
@@ -92,18 +103,72 @@ for label, phase_terms, w_of in [
     check(result.returncode == 0, f"{label}: exit {result.returncode}: {result.stderr}")
     m = json.load(open(out_json))["fits"][0]["wavelengths"][0]["metrics"]
     w = w_of() + 0.7 + 0.3 * x - 0.2 * y if label == "defocus" else w_of()
-    for suffix, with_defocus in (("", False), ("_nodefocus", True)):
-        rest = removed(w, with_defocus)
+    # Best focus: piston, tilt and the phase of a focus shift of 1 um at 0.55 um.
+    focus = -2 * math.pi * focus_path(1.4, 1.515, r2) / 0.55
+    for suffix, extra in (("", None), ("_paraxial_nodefocus", 2 * r2 - 1),
+                          ("_best_focus", focus)):
+        rest, coefficients = removed(w, extra)
         sigma = math.sqrt(np.mean(rest ** 2))
-        close(m["rms" + suffix + "_rad"], sigma, 2e-3, f"{label} rms{suffix}")
         close(m["rms" + suffix + "_nm"], sigma / (2 * math.pi) * 550, 2e-3,
               f"{label} rms{suffix} nm")
         close(m["pv" + suffix + "_nm"], (rest.max() - rest.min()) / (2 * math.pi) * 550, 2e-3,
               f"{label} pv{suffix} nm")
         close(m["strehl" + suffix], math.exp(-sigma ** 2), 2e-3, f"{label} strehl{suffix}")
+    close(m["rms_rad"], math.sqrt(np.mean(removed(w)[0] ** 2)), 2e-3, f"{label} rms rad")
+    close(m["focus_shift_um"], coefficients[3], 2e-3, f"{label} focus shift")
+    c20 = 1.3 if label == "defocus" else 0.0
+    close(m["focus_shift_paraxial_um"], c20 * 0.55 / (math.pi * (1.515 - math.sqrt(1.515 ** 2 - 1.96))),
+          1e-9, f"{label} paraxial focus shift")
     close(m["mean_amplitude"], np.mean(amplitude), 1e-4, f"{label} mean amplitude")
     close(m["amplitude_relative_rms"], np.std(amplitude) / np.mean(amplitude), 2e-3,
           f"{label} amplitude relative rms")
+
+# ---- a real focus shift, rendered and fitted again ------------------------------
+# The phase -2 pi dz sqrt(n^2 - NA^2 rho^2) / lambda fitted here to order 12 by least
+# squares, rendered by torvel-render, fitted by torvel and reported: best focus must
+# give dz back and leave less than 0.5 nm; at NA 0.3 in air the paraxial R_2^0
+# variant must agree with it within 1%. And the sign: the field at z of the fitted
+# phase, the integral of pupil(k) exp(2 pi i kz z), must be brightest on the axis at
+# z = dz.
+def radial(n, rho):
+    return sum((-1) ** s * math.factorial(n - s) / (math.factorial(s) * math.factorial(n // 2 - s)
+               ** 2) * rho ** (n - 2 * s) for s in range(n // 2 + 1))
+
+
+u = (np.arange(20000) + 0.5) / 20000  # rho^2: the disc's mean is the mean over u
+for name, na, n_imm, shifts in (("oil", 1.4, 1.515, [(0.5, 0.8), (0.6, -0.5)]),
+                                ("air", 0.3, 1.0, [(0.5, 2.0)])):
+    basis = np.stack([radial(k, np.sqrt(u)) for k in range(0, 13, 2)], axis=1)
+    terms = []
+    for lam, dz in shifts:
+        phase = -2 * math.pi * dz * focus_path(na, n_imm, u) / lam
+        c = np.linalg.lstsq(basis, phase, rcond=None)[0]
+        terms.append({(k, 0): float(c[k // 2]) for k in range(0, 13, 2)})
+        terms[-1][(2, 2)] = (0.5, 0.0) if name == "air" else (0.0, 0.0)
+    model = fit_file(f"focus_{name}.txt", [lam for lam, _ in shifts], (12, 0), terms, na=na,
+                     n_imm=n_imm)
+    image, refit = os.path.join(WORK, f"focus_{name}.mrc"), os.path.join(WORK, f"refit_{name}.txt")
+    for command in ([RENDER, model, image, "-form=real"],
+                    [TORVEL, image, refit, "-zernike_phase=12:0", "-zernike_amp=0"]):
+        result = subprocess.run(command, capture_output=True, text=True)
+        check(result.returncode == 0, f"{command[0]}: {result.stderr}")
+    out_json = os.path.join(WORK, f"focus_{name}.json")
+    result = run(refit, "-json=" + out_json)
+    check(result.returncode == 0, f"focus {name}: exit {result.returncode}: {result.stderr}")
+    for (lam, dz), wave in zip(shifts, json.load(open(out_json))["fits"][0]["wavelengths"]):
+        m = wave["metrics"]
+        what = f"{name} at {lam} um"
+        close(m["focus_shift_um"], dz, 1e-3, what + ": focus shift")
+        if name == "oil":
+            check(m["rms_best_focus_nm"] < 0.5, f"{what}: {m['rms_best_focus_nm']} nm at best focus")
+        else:
+            close(m["focus_shift_paraxial_um"], m["focus_shift_um"], 1e-2, what + ": paraxial shift")
+            close(m["rms_paraxial_nodefocus_nm"], m["rms_best_focus_nm"], 1e-2, what + ": paraxial rms")
+        fitted = sum(t["value_rad"] * radial(t["n"], np.sqrt(u)) for t in wave["phase"] if t["m"] == 0)
+        z = dz + np.linspace(-0.2, 0.2, 401)
+        axial = [abs(np.mean(np.exp(1j * (fitted + 2 * math.pi * zz * focus_path(na, n_imm, u) / lam))))
+                 for zz in z]
+        check(abs(z[int(np.argmax(axial))] - dz) <= 2e-3, what + ": not brightest on the axis at dz")
 
 # ---- indices of the first 36 terms, JSON and CSV against the fit file ----------
 # Noll (J. Opt. Soc. Am. 66, 207 (1976)): j -> (n, m), m < 0 for the sine term.
@@ -177,33 +242,53 @@ png = os.path.join(WORK, "tilt.png")
 result = run(tilt, "-png=" + png)
 check(result.returncode == 0, f"png: exit {result.returncode}: {result.stderr}")
 width, height, pixel = read_png(png)
-# docs/report.md: the fit alone is one row of three 316-pixel panels, 980 x 406.
-check((width, height) == (980, 406), f"PNG size {width} x {height}")
+# docs/report.md: the fit alone is one row of three 340-pixel panels and the notes, 1392 x 432.
+check((width, height) == (1392, 432), f"PNG size {width} x {height}")
 white = (255, 255, 255)
-for panel in range(2):  # amplitude, phase: discs of radius 110 centred at (142 + 316 k, 232)
-    cx, cy = 142 + 316 * panel, 232
+for panel in range(2):  # amplitude, phase: discs of radius 110 centred at (166 + 340 k, 232)
+    cx, cy = 166 + 340 * panel, 232
     for dx, dy in ((0, 0), (100, 0), (-100, 0), (0, 100), (0, -100)):
         check(pixel(cx + dx, cy + dy) != white, f"panel {panel}: ({dx}, {dy}) from the centre")
     for dx, dy in ((105, 105), (-105, 105), (105, -105), (-105, -105)):
         check(pixel(cx + dx, cy + dy) == white, f"panel {panel}: corner ({dx}, {dy})")
 # Phase R11 cos + R11 sin rises towards +x and +y: right brighter than left,
 # top (y up) brighter than bottom; viridis's green channel rises monotonically.
-green = lambda dx, dy: pixel(458 + dx, 232 + dy)[1]
+green = lambda dx, dy: pixel(506 + dx, 232 + dy)[1]
 check(green(90, 0) > green(-90, 0) + 60, "phase does not rise towards +x (right)")
 check(green(0, -90) > green(0, 90) + 60, "phase does not rise towards +y (up)")
 
-# The fit of a pupil image drawn beside the image and the residual torvel wrote:
-# with two rows of four panels per wavelength.
-fitted, residual = os.path.join(WORK, "pupil_fit.txt"), os.path.join(WORK, "residual.mrc")
-result = subprocess.run([TORVEL, PUPIL, fitted, "-residual=" + residual], capture_output=True)
+# The sample as docs/report.md shows it, run as tools/run-sample.sh runs it: fitted
+# with a residual image and drawn beside both, with two rows of three panels and one
+# of the phase at best focus and the notes per wavelength. Every table, number and
+# size that the page quotes must be what the program gives.
+out = os.path.join(WORK, "out")
+os.makedirs(out, exist_ok=True)
+result = subprocess.run([TORVEL, os.path.abspath(PUPIL), "out/sample_fit.txt",
+                         "-residual=out/sample_residual.mrc"], capture_output=True, cwd=WORK)
 check(result.returncode == 0, "torvel could not fit " + PUPIL)
-png = os.path.join(WORK, "pupil.png")
-result = run(fitted, "-image=" + PUPIL, "-residual=" + residual, "-png=" + png)
+result = run("out/sample_fit.txt", "-image=" + os.path.abspath(PUPIL),
+             "-residual=out/sample_residual.mrc", "-png=out/report.png", "-json=out/fit.json",
+             "-csv=out/fit.csv", cwd=WORK)
 check(result.returncode == 0, f"image and residual: exit {result.returncode}: {result.stderr}")
-count = sum(1 for line in open(fitted) if line.startswith("#zernike_coeff_phase_"))
-width, height, pixel = read_png(png)
-check((width, height) == (4 * 316 + 32, 106 + count * (34 + 2 * 266)),
+count = sum(1 for line in open(os.path.join(out, "sample_fit.txt"))
+            if line.startswith("#zernike_coeff_phase_"))
+width, height, pixel = read_png(os.path.join(out, "report.png"))
+check((width, height) == (3 * 340 + 32, 106 + count * (34 + 3 * 292)),
       f"figure with image and residual: {width} x {height}")
+page = open(os.path.join(DOCS, "report.md"), encoding="utf-8").read()
+blocks = re.findall(r"```\n(.*?)```", page, re.S)
+check([b for b in blocks if b.startswith("wavefront:")] == [result.stdout],
+      "docs/report.md's tables are not the program's:\n" + result.stdout)
+exported = open(os.path.join(out, "fit.json")).read()
+for number in re.findall(r"-?\d+(?:\.\d+)?(?:e-?\d+)?", next(b for b in blocks if '"generator"' in b)):
+    check(number in exported, f"docs/report.md's JSON quotes {number}, not in out/fit.json")
+csv_lines = set(open(os.path.join(out, "fit.csv")).read().splitlines())
+for line in "".join(b for b in blocks if b.startswith(("# fit", "file,wavelength"))).splitlines():
+    check(line in csv_lines, f"docs/report.md's CSV line is not in out/fit.csv: {line}")
+stated = re.search(r"sample figure above \(.*?\) is (\d+) × (\d+)", page, re.S)
+check(stated and (int(stated[1]), int(stated[2])) == (width, height), "docs: sample figure size")
+check(read_png(os.path.join(DOCS, "report-sample.png"))[:2] == (width, height),
+      "docs/report-sample.png is not the sample's figure as drawn now")
 
 # ---- messages -------------------------------------------------------------------
 bad = os.path.join(WORK, "bad.txt")
@@ -213,6 +298,10 @@ result = run(bad, tilt, "-json=" + os.path.join(WORK, "never.json"))
 check(result.returncode == 1 and tilt in result.stdout, "bad file: exit or table")
 check(result.stderr.startswith(f"torvel-report: {bad}:2:20: invalid value"), result.stderr)
 check(not os.path.exists(os.path.join(WORK, "never.json")), "output written despite a bad file")
+beyond = fit_file("beyond.txt", [0.5], (2, 0), [{(2, 0): 1.0}], na=1.6)
+result = run(beyond)
+check(result.returncode == 1 and result.stderr == f"torvel-report: {beyond}: numerical aperture "
+      "1.6 above the immersion index 1.515; no focus shift is defined\n", result.stderr)
 result = run(tilt, "-image=" + PUPIL, "-png=" + png)
 check(result.returncode == 1 and "nm do not match 500 nm of " + tilt in result.stderr,
       f"image mismatch: {result.stderr}")
