@@ -2,7 +2,8 @@
 #   torvel        the programs, their manual pages, the documentation, the
 #                 example and the sample image;
 #   libtorvel-dev the static library, its headers, CMake package, torvel.pc
-#                 and the example.
+#                 and the example;
+#   python3-torvel the Python module, when it is built.
 # Each package gets what Debian asks of one in /usr/share/doc/PACKAGE: a
 # copyright file in the machine-readable format (cmake/debian/copyright.cmake)
 # and the changelog (cmake/debian/changelog.in, whose top entry gives the
@@ -102,6 +103,12 @@ if(LAPACK_LIBRARIES MATCHES "openblas-([a-z]+)/")
   if(CMAKE_MATCH_1 STREQUAL "openmp")
     # That run path is what lintian warns of; the reason is next to the override.
     file(READ ${CMAKE_CURRENT_LIST_DIR}/debian/torvel.lintian-overrides TORVEL_DEB_OVERRIDES_torvel)
+    # The Python module links the same OpenBLAS build for the same reason.
+    set(TORVEL_DEB_OVERRIDES_python "
+# The Python module runs torvel's fit as the programs do, so it keeps their
+# run path to the OpenMP build of OpenBLAS (see the torvel package's override).
+python3-torvel: custom-library-search-path RUNPATH /usr/lib/*/openblas-openmp [usr/lib/python3/dist-packages/*]
+")
   endif()
 elseif(LAPACK_LIBRARIES MATCHES "openblas")
   set(_lapack "OpenBLAS, for BLAS and LAPACK (libopenblas0): BSD-3-Clause")
@@ -133,6 +140,30 @@ set(TORVEL_DEB_LINKS_dev "${_lapack}" "${_fftw}" "${_tiff}" "${_gcc_runtime}")
 set(TORVEL_DEB_CONTAINS_torvel
   "usr/bin/torvel-report|2013-2022 Niels Lohmann|Expat|the header-only JSON library nlohmann-json (nlohmann-json3-dev), compiled in")
 
+# The Python module is built for one Python version (its file name says
+# which), with the numpy of the system.
+if(TARGET torvel_python)
+  list(APPEND CPACK_COMPONENTS_ALL python)
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-torvel)
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+  list(GET TORVEL_PYTHON_VERSIONS 0 _built_for)
+  list(GET TORVEL_PYTHON_VERSIONS 1 _next)
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS
+      "python3 (>= ${_built_for}), python3 (<< ${_next}), python3-numpy")
+  if(CPACK_DEBIAN_TORVEL_PACKAGE_DEPENDS)
+    string(APPEND CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS ", ${CPACK_DEBIAN_TORVEL_PACKAGE_DEPENDS}")
+  endif()
+  set(TORVEL_DEB_LINKS_python "${_lapack}" "${_fftw}" "${_tiff}" "${_gcc_runtime}")
+  # pybind11 is under BSD-3-Clause as torvel is; nlohmann-json comes in with the report.
+  set(TORVEL_DEB_CONTAINS_python
+    "usr/lib/python3/dist-packages/*|2016 Wenzel Jakob\n 2013-2022 Niels Lohmann|Expat|the header-only libraries pybind11 (pybind11-dev, BSD-3-Clause) and nlohmann-json (nlohmann-json3-dev, Expat), compiled in")
+  string(JOIN "\n" CPACK_DEBIAN_PYTHON_DESCRIPTION
+    "Python module of torvel, Zernike fits of microscope pupil functions"
+    "import torvel: the torvel library on numpy arrays and files. fit() gives"
+    "exactly the coefficients the torvel program writes; render() and report()"
+    "do what torvel-render and torvel-report do, on a model in memory.")
+endif()
+
 # Where the programs are stripped (cpack, or cmake --install --strip), they
 # also lose the compilers' notes, and the static library its debug data and
 # notes, as Debian's dh_strip treats them.
@@ -154,6 +185,9 @@ foreach(_program IN LISTS TORVEL_PROGRAMS)
 endforeach()
 _torvel_strip_on_install(torvel ${_programs})
 _torvel_strip_on_install(dev ${CMAKE_INSTALL_LIBDIR}/$<TARGET_FILE_NAME:torvel>)
+if(TARGET torvel_python)
+  _torvel_strip_on_install(python ${TORVEL_PYTHON_INSTALL_DIR}/$<TARGET_FILE_NAME:torvel_python>)
+endif()
 
 include(${CMAKE_CURRENT_LIST_DIR}/debian/copyright.cmake)
 foreach(_component IN LISTS CPACK_COMPONENTS_ALL)

@@ -1,10 +1,12 @@
 // The command line, the usage text and the input summary of the driver.
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
 #include <torvel/driver.hpp>
 #include <torvel/imageio.hpp>
+#include <torvel/messages.hpp>
 #include <torvel/switches.hpp>
 
 namespace torvel {
@@ -90,7 +92,7 @@ FileWavelengths probe_input_wavelengths(const char* input_name) {
             list.count = kMaxSelectedWavelengths;
         }
     } else {
-        std::fprintf(stderr, "torvel: unable to open %s for reading\n", input_name);
+        print_message("torvel: unable to open %s for reading\n", input_name);
     }
     image_set_message_printing(1);
     return list;
@@ -145,7 +147,7 @@ const char* recognised_option(const char* arg) {
 int parse_tolerance(const char* value, fit_inputs* inputs) {
     float tolerance = 0;
     if (extract_switch_floats(value, 1, &tolerance) != 1) {
-        std::fprintf(stderr, "torvel: -tol= expects one value\n");
+        print_message("torvel: -tol= expects one value\n");
         return 1;
     }
     inputs->tolerance = tolerance;
@@ -173,7 +175,7 @@ int parse_zernike_set(const char* option, const char* value, int* n, int* m) {
     int values[2] = {0, 0};
     const int count = extract_switch_ints(value, 2, values);
     if (count != 1 && count != 2) {
-        std::fprintf(stderr, "torvel: -zernike_amp= expects one or two integers\n");
+        print_message("torvel: -zernike_amp= expects one or two integers\n");
         return 1;
     }
     if (values[0] < 0) {
@@ -187,10 +189,10 @@ int parse_zernike_set(const char* option, const char* value, int* n, int* m) {
         return 0;
     }
     if (values[1] < 0 || values[1] > values[0] || (values[0] - values[1]) % 2 != 0) {
-        std::fprintf(stderr,
-                     "torvel: for %sn:m, if n is not negative, then m must "
-                     "satisfy 0 <= m <= n and n - m is even.\n",
-                     option);
+        print_message(
+            "torvel: for %sn:m, if n is not negative, then m must "
+            "satisfy 0 <= m <= n and n - m is even.\n",
+            option);
         return 1;
     }
     *m = values[1];
@@ -201,7 +203,7 @@ int parse_zernike_set(const char* option, const char* value, int* n, int* m) {
 int parse_option(const char* arg, const FileWavelengths& list, fit_inputs* inputs) {
     const char* option = recognised_option(arg);
     if (option == nullptr) {
-        std::fprintf(stderr, "torvel: unrecognized option %s\n", arg);
+        print_message("torvel: unrecognized option %s\n", arg);
         return 1;
     }
     const char* value = arg + std::strlen(option);
@@ -227,10 +229,10 @@ int check_selected_wavelengths(const fit_inputs& inputs) {
     int error = 0;
     for (int k = 0; k < inputs.wavelength_count; ++k) {
         if (!(inputs.wavelength[k] > 0)) {
-            std::fprintf(stderr,
-                         "torvel: invalid wavelength, %g, for output "
-                         "wavelength #%d\n",
-                         static_cast<double>(inputs.wavelength[k]), k);
+            print_message(
+                "torvel: invalid wavelength, %g, for output "
+                "wavelength #%d\n",
+                static_cast<double>(inputs.wavelength[k]), k);
             error = 1;
         }
     }
@@ -253,10 +255,17 @@ int parse_command_line(int argc, char** argv, fit_inputs* inputs) {
     inputs->input_name = argv[1];
     inputs->output_name = argv[2];
     const FileWavelengths list = probe_input_wavelengths(inputs->input_name);
+    return parse_fit_options(argc - 3, argv + 3, list.nm, list.count, inputs);
+}
+
+int parse_fit_options(int count, const char* const* options, const float* waves_nm, int wave_count,
+                      fit_inputs* inputs) {
+    FileWavelengths list = {std::clamp(wave_count, 0, kMaxSelectedWavelengths), {0, 0, 0, 0, 0}};
+    std::copy(waves_nm, waves_nm + list.count, list.nm);
     select_all_wavelengths(list, inputs);
     int error = 0;
-    for (int i = 3; i < argc; ++i) {
-        error |= parse_option(argv[i], list, inputs);
+    for (int i = 0; i < count; ++i) {
+        error |= parse_option(options[i], list, inputs);
     }
     error |= check_selected_wavelengths(*inputs);
     return error;

@@ -8,6 +8,7 @@
 #include <torvel/driver.hpp>
 #include <torvel/fit.hpp>
 #include <torvel/imageio.hpp>
+#include <torvel/messages.hpp>
 #include <torvel/pupil.hpp>
 #include <torvel/safeout.hpp>
 #include <torvel/unwrap.hpp>
@@ -35,28 +36,24 @@ bulk_array<float> allocate_floats(std::int64_t count) {
 }
 
 int report_insufficient_memory() {
-    std::fprintf(stderr, "torvel: insufficient memory\n");
+    print_message("torvel: insufficient memory\n");
     return 1;
 }
 
 // The residual of one slot: computed into a plane of its own, written at
 // output section (0, slot, 0). Slot 0's statistics become the image-wide ones
 // of the final header; later slots record theirs per wavelength.
-int write_residual_section(const fit_inputs& inputs, const input_header& h, int slot, float cutoff,
+int write_residual_section(const fit_inputs& inputs, const input_header& h, int slot,
                            fit_run* run) {
     if (image_seek_section(kResidual, 0, slot, 0) != 0) {
-        std::fprintf(stderr, "torvel: unable to position at output section 0 %d 0\n", slot);
+        print_message("torvel: unable to position at output section 0 %d 0\n", slot);
         return 1;
     }
     bulk_array<float> residual = allocate_floats(2 * plane_pixels(h));
     if (!residual) return report_insufficient_memory();
     float stats[3];
-    compute_residual(h.x0, h.y0, h.dx, h.dy, cutoff, h.nx, h.ny, run->amplitude.get(),
-                     run->phase.get(), inputs.amplitude_n, inputs.amplitude_m,
-                     get_parametric_pupil_amplitude_zernike_coeff(run->pupil.get(), slot),
-                     inputs.phase_n, inputs.phase_m,
-                     get_parametric_pupil_phase_zernike_coeff(run->pupil.get(), slot),
-                     residual.get(), stats);
+    compute_slot_residual(inputs, h, slot, run->amplitude.get(), run->phase.get(), run->pupil.get(),
+                          residual.get(), stats);
     if (slot == 0) {
         for (int k = 0; k < 3; ++k) run->residual_stats[k] = stats[k];
     } else {
@@ -65,40 +62,19 @@ int write_residual_section(const fit_inputs& inputs, const input_header& h, int 
     return image_write_section(kResidual, residual.get()) != 0 ? 1 : 0;
 }
 
-// Reads wavelength w into the work planes: the amplitude into A and the
-// phase into B, splitting a complex section when the image holds one.
-int read_amplitude_and_phase(const input_header& h, int w, fit_run* run) {
-    if (image_seek_section(kInput, 0, w, 0) != 0) {
-        std::fprintf(stderr, "torvel: unable to position input at section 0 %d 0\n", w);
-        return 1;
-    }
-    // The layer has said why when a read fails; fitting the stale plane
-    // would pass made-up values off as a fit.
-    if (image_read_section(kInput, run->amplitude.get()) != 0) return 1;
-    if (h.complex_pixels) {
-        separate_amplitude_phase(h.nx * h.ny, run->amplitude.get(), run->phase.get());
-        return 0;
-    }
-    // A missing phase section is reported but, as it always has been, does
-    // not stop the run: the read below then takes the next section in turn.
-    if (image_seek_section(kInput, 1, w, 0) != 0)
-        std::fprintf(stderr, "torvel: unable to position input at section 1 %d 0\n", w);
-    return image_read_section(kInput, run->phase.get()) != 0 ? 1 : 0;
-}
-
 // A NaN or an infinity among the pixels a fit uses would make every
 // coefficient of the fit, and the fit file, meaningless.
 int check_finite_planes(const fit_inputs& inputs, const input_header& h, int slot, float cutoff,
-                        const fit_run& run) {
-    const float* planes[2] = {run.amplitude.get(), run.phase.get()};
+                        const float* amplitude, const float* phase) {
+    const float* planes[2] = {amplitude, phase};
     const char* names[2] = {"amplitude", "phase"};
     for (int k = 0; k < 2; ++k) {
         if (disc_is_finite(h.x0, h.y0, h.dx, h.dy, cutoff, h.nx, h.ny, planes[k])) continue;
-        std::fprintf(stderr,
-                     "torvel: %s: the %s at wavelength %.0f (%d) is not finite inside the "
-                     "pupil\n",
-                     inputs.input_name, names[k], double(inputs.wavelength[slot]),
-                     inputs.wavelength_index[slot]);
+        print_message(
+            "torvel: %s: the %s at wavelength %.0f (%d) is not finite inside the "
+            "pupil\n",
+            inputs.input_name, names[k], double(inputs.wavelength[slot]),
+            inputs.wavelength_index[slot]);
         return 1;
     }
     return 0;
@@ -130,7 +106,7 @@ int finish_run(fit_run* run) {
 
 int open_input_image(const char* name, fit_run* run, input_header* header) {
     if (image_open(kInput, name, "ro") != 0) {
-        std::fprintf(stderr, "torvel: unable to open %s for reading\n", name);
+        print_message("torvel: unable to open %s for reading\n", name);
         return 1;
     }
     run->input_open = true;
@@ -165,31 +141,29 @@ float pupil_cutoff(float na, float wavelength_nm) {
 int check_input_header(const char* name, const input_header& h) {
     int status = 0;
     if (h.nx < 1 || h.ny < 1 || h.nz < 1 || h.nw < 1 || h.nt < 1) {
-        std::fprintf(stderr, "torvel: no image data for pupil function image\n");
+        print_message("torvel: no image data for pupil function image\n");
         status = 1;
     }
     if (h.complex_pixels && h.nz != 1) {
-        std::fprintf(stderr,
-                     "torvel: for complex-valued pupil function image expect one z section\n");
+        print_message("torvel: for complex-valued pupil function image expect one z section\n");
         status = 1;
     } else if (!h.complex_pixels && h.nz != 2) {
-        std::fprintf(stderr,
-                     "torvel: for real-valued pupil function image expect two z sections\n");
+        print_message("torvel: for real-valued pupil function image expect two z sections\n");
         status = 1;
     }
     if (!(h.dx > 0.0f && h.dy > 0.0f)) {
-        std::fprintf(stderr, "torvel: invalid pixel spacing (%g %g) for pupil function image\n",
-                     h.dx, h.dy);
+        print_message("torvel: invalid pixel spacing (%g %g) for pupil function image\n", h.dx,
+                      h.dy);
         status = 1;
     }
     if (h.type != kPupilImageType) {
-        std::fprintf(stderr, "torvel: %s is not a pupil image file\n", name);
+        print_message("torvel: %s is not a pupil image file\n", name);
         status = 1;
     } else if (!(h.na >= 0.0f && h.na <= h.n_imm)) {
-        std::fprintf(stderr,
-                     "torvel: invalid numerical aperture (%g) or immersion media refractive "
-                     "index (%g) for pupil function image\n",
-                     h.na, h.n_imm);
+        print_message(
+            "torvel: invalid numerical aperture (%g) or immersion media refractive "
+            "index (%g) for pupil function image\n",
+            h.na, h.n_imm);
         status = 1;
     }
     return status;
@@ -202,12 +176,12 @@ int check_output_names(const fit_inputs& inputs) {
     else if (same_file(inputs.residual_name, inputs.input_name))
         clash = inputs.residual_name;
     if (clash != nullptr) {
-        std::fprintf(stderr, "torvel: %s is the input image; it is not overwritten\n", clash);
+        print_message("torvel: %s is the input image; it is not overwritten\n", clash);
         return 1;
     }
     if (same_file(inputs.residual_name, inputs.output_name)) {
-        std::fprintf(stderr, "torvel: %s cannot be both the fit file and the residual image\n",
-                     inputs.output_name);
+        print_message("torvel: %s cannot be both the fit file and the residual image\n",
+                      inputs.output_name);
         return 1;
     }
     return 0;
@@ -226,29 +200,29 @@ ParametricPupil* setup_parametric_output(const fit_inputs& inputs, std::int32_t 
     std::unique_ptr<ParametricPupil, pupil_deleter> pupil(create_parametric_pupil());
     if (!pupil || !set_parametric_pupil_lens_id(pupil.get(), lens_id) ||
         !set_parametric_pupil_wavelength_count(pupil.get(), inputs.wavelength_count)) {
-        std::fprintf(stderr, "torvel: insufficient memory\n");
+        print_message("torvel: insufficient memory\n");
         return nullptr;
     }
     for (int i = 0; i < inputs.wavelength_count; ++i) {
         if (!set_parametric_pupil_wavelength(pupil.get(), i, inputs.wavelength[i] / 1000.0f)) {
-            std::fprintf(stderr, "torvel: internal error setting output wavelengths\n");
+            print_message("torvel: internal error setting output wavelengths\n");
             return nullptr;
         }
     }
     if (!set_parametric_pupil_na_nimm(pupil.get(), na, n_imm)) {
-        std::fprintf(stderr,
-                     "torvel: invalid combination of numerical aperture, %g, and immersion "
-                     "media refractive index, %g\n",
-                     na, n_imm);
+        print_message(
+            "torvel: invalid combination of numerical aperture, %g, and immersion "
+            "media refractive index, %g\n",
+            na, n_imm);
         return nullptr;
     }
     if (!set_parametric_pupil_amplitude_zernike_orders(pupil.get(), inputs.amplitude_n,
                                                        inputs.amplitude_m)) {
-        std::fprintf(stderr, "torvel: unable to set up Zernike functions for the amplitude\n");
+        print_message("torvel: unable to set up Zernike functions for the amplitude\n");
         return nullptr;
     }
     if (!set_parametric_pupil_phase_zernike_orders(pupil.get(), inputs.phase_n, inputs.phase_m)) {
-        std::fprintf(stderr, "torvel: unable to set up Zernike functions for the phase\n");
+        print_message("torvel: unable to set up Zernike functions for the phase\n");
         return nullptr;
     }
     return pupil.release();
@@ -256,7 +230,7 @@ ParametricPupil* setup_parametric_output(const fit_inputs& inputs, std::int32_t 
 
 int open_residual_image(const fit_inputs& inputs, fit_run* run) {
     if (image_open(kResidual, inputs.residual_name, "new") != 0) {
-        std::fprintf(stderr, "torvel: unable to open %s for writing\n", inputs.residual_name);
+        print_message("torvel: unable to open %s for writing\n", inputs.residual_name);
         return 1;
     }
     image_copy_header(kResidual, kInput);
@@ -269,29 +243,63 @@ int open_residual_image(const fit_inputs& inputs, fit_run* run) {
     return 0;
 }
 
-int fit_wavelength(const fit_inputs& inputs, const input_header& h, int slot, fit_run* run) {
-    const float cutoff = pupil_cutoff(h.na, inputs.wavelength[slot]);
-    if (read_amplitude_and_phase(h, inputs.wavelength_index[slot], run) != 0 ||
-        check_finite_planes(inputs, h, slot, cutoff, *run) != 0)
+int read_amplitude_and_phase(const input_header& h, int w, float* amplitude, float* phase) {
+    if (image_seek_section(kInput, 0, w, 0) != 0) {
+        print_message("torvel: unable to position input at section 0 %d 0\n", w);
         return 1;
+    }
+    // The layer has said why when a read fails; fitting the stale plane
+    // would pass made-up values off as a fit.
+    if (image_read_section(kInput, amplitude) != 0) return 1;
+    if (h.complex_pixels) {
+        separate_amplitude_phase(h.nx * h.ny, amplitude, phase);
+        return 0;
+    }
+    // A missing phase section is reported but, as it always has been, does
+    // not stop the run: the read below then takes the next section in turn.
+    if (image_seek_section(kInput, 1, w, 0) != 0)
+        print_message("torvel: unable to position input at section 1 %d 0\n", w);
+    return image_read_section(kInput, phase) != 0 ? 1 : 0;
+}
+
+int fit_planes(const fit_inputs& inputs, const input_header& h, int slot, const float* amplitude,
+               float* phase, ParametricPupil* pupil) {
+    const float cutoff = pupil_cutoff(h.na, inputs.wavelength[slot]);
+    if (check_finite_planes(inputs, h, slot, cutoff, amplitude, phase) != 0) return 1;
 
     // Unwrapped before the fits, not between them as the progress lines
     // suggest, so that both can share one least-squares system; unwrapping
     // prints nothing and touches nothing the amplitude fit reads.
-    phunwrap(h.x0, h.y0, h.dx, h.dy, cutoff, h.nx, h.ny, run->phase.get());
-    const FitRequest amplitude{
-        "\nPerforming least squares fit to amplitude...\n", run->amplitude.get(),
-        inputs.amplitude_n, inputs.amplitude_m,
-        get_parametric_pupil_amplitude_zernike_coeff(run->pupil.get(), slot)};
-    const FitRequest phase{"\nPerforming least squares fit to phase...\n", run->phase.get(),
-                           inputs.phase_n, inputs.phase_m,
-                           get_parametric_pupil_phase_zernike_coeff(run->pupil.get(), slot)};
-    if (const int status = compute_fit_pair(h.x0, h.y0, h.dx, h.dy, cutoff, h.nx, h.ny, amplitude,
-                                            phase, inputs.tolerance);
+    phunwrap(h.x0, h.y0, h.dx, h.dy, cutoff, h.nx, h.ny, phase);
+    const FitRequest amplitude_fit{"\nPerforming least squares fit to amplitude...\n", amplitude,
+                                   inputs.amplitude_n, inputs.amplitude_m,
+                                   get_parametric_pupil_amplitude_zernike_coeff(pupil, slot)};
+    const FitRequest phase_fit{"\nPerforming least squares fit to phase...\n", phase,
+                               inputs.phase_n, inputs.phase_m,
+                               get_parametric_pupil_phase_zernike_coeff(pupil, slot)};
+    return compute_fit_pair(h.x0, h.y0, h.dx, h.dy, cutoff, h.nx, h.ny, amplitude_fit, phase_fit,
+                            inputs.tolerance);
+}
+
+void compute_slot_residual(const fit_inputs& inputs, const input_header& h, int slot,
+                           const float* amplitude, const float* phase, ParametricPupil* pupil,
+                           float* residual, float stats[3]) {
+    compute_residual(h.x0, h.y0, h.dx, h.dy, pupil_cutoff(h.na, inputs.wavelength[slot]), h.nx,
+                     h.ny, amplitude, phase, inputs.amplitude_n, inputs.amplitude_m,
+                     get_parametric_pupil_amplitude_zernike_coeff(pupil, slot), inputs.phase_n,
+                     inputs.phase_m, get_parametric_pupil_phase_zernike_coeff(pupil, slot),
+                     residual, stats);
+}
+
+int fit_wavelength(const fit_inputs& inputs, const input_header& h, int slot, fit_run* run) {
+    if (read_amplitude_and_phase(h, inputs.wavelength_index[slot], run->amplitude.get(),
+                                 run->phase.get()) != 0)
+        return 1;
+    if (const int status =
+            fit_planes(inputs, h, slot, run->amplitude.get(), run->phase.get(), run->pupil.get());
         status != 0)
         return status;
-
-    if (run->residual_open) return write_residual_section(inputs, h, slot, cutoff, run);
+    if (run->residual_open) return write_residual_section(inputs, h, slot, run);
     return 0;
 }
 
@@ -299,12 +307,12 @@ int write_fit_file(ParametricPupil* pupil, const char* name) {
     std::int32_t code = 0;
     if (write_parametric_pupil(pupil, name, &code)) return 0;
     if (code == 1) {
-        std::fprintf(stderr, "torvel: unable to open %s for writing\n", name);
+        print_message("torvel: unable to open %s for writing\n", name);
     } else if (code == 2) {
-        std::fprintf(stderr, "torvel: an I/O error occurred while writing %s\n", name);
+        print_message("torvel: an I/O error occurred while writing %s\n", name);
     } else {
-        std::fprintf(stderr, "torvel: an unrecognized error code, %d, occurred while writing %s\n",
-                     code, name);
+        print_message("torvel: an unrecognized error code, %d, occurred while writing %s\n", code,
+                      name);
     }
     return 1;
 }

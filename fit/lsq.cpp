@@ -10,6 +10,7 @@
 
 #include <torvel/bulk.hpp>
 #include <torvel/fit.hpp>
+#include <torvel/messages.hpp>
 #include "sampling.hpp"
 #include <torvel/zernike.hpp>
 
@@ -65,23 +66,23 @@ std::unique_ptr<T[]> allocate(std::int64_t count) {
 // and keeps doing so.
 int report_info(int info) {
     if (info > 0) {
-        std::fprintf(stderr, "torvel: internal error: invalid input to dgelsd\n");
+        print_message("torvel: internal error: invalid input to dgelsd\n");
         return 1;
     }
     if (info < 0) {
-        std::fprintf(stderr, "torvel: singular value decomposition failed to converge\n");
+        print_message("torvel: singular value decomposition failed to converge\n");
         return 1;
     }
     return 0;
 }
 
 int report_no_memory() {
-    std::fprintf(stderr, "torvel: insufficient memory\n");
+    print_message("torvel: insufficient memory\n");
     return 1;
 }
 
 void print_counts(int ncol, int nrow) {
-    std::printf("%d unknowns %d measurements\n", ncol, nrow);
+    print_progress("%d unknowns %d measurements\n", ncol, nrow);
 }
 
 // What one solve left for one fit: 1 when its work arrays could not be had,
@@ -101,7 +102,7 @@ int report_solution(const Solved& solved, int ncol, const double* solution, doub
     if (report_info(solved.info) != 0) {
         return 1;
     }
-    std::printf("rank %d\n", solved.rank);
+    print_progress("rank %d\n", solved.rank);
     std::copy(solution, solution + ncol, coeff);
     return 0;
 }
@@ -228,7 +229,7 @@ int compute_fit(float x0, float y0, float dx, float dy, float cutoff, int nx, in
         return 0;
     }
     if (coeff == nullptr) {
-        std::fprintf(stderr, "torvel: internal error: NULL coefficient array\n");
+        print_message("torvel: internal error: NULL coefficient array\n");
         return 1;
     }
     // In 64 bits, so that a set too large for an int fails the size check
@@ -237,7 +238,7 @@ int compute_fit(float x0, float y0, float dx, float dy, float cutoff, int nx, in
     const double est = estimate_pixel_count(dx, dy, cutoff);
     // !(est < limit) also turns away a NaN estimate, whose ceiling no int holds.
     if (!(est < row_limit(ncol64))) {
-        std::fprintf(stderr, "torvel: too large of a matrix to handle\n");
+        print_message("torvel: too large of a matrix to handle\n");
         return 1;
     }
     const int ncol = static_cast<int>(ncol64);
@@ -260,8 +261,7 @@ int compute_fit(float x0, float y0, float dx, float dy, float cutoff, int nx, in
     fill_rhs(x0, y0, dx, dy, cutoff, nx, ny, section, rhs.get(), &measurements);
     print_counts(ncol, measurements);
     if (ncol > measurements) {
-        std::fprintf(stderr, "torvel: more parameters (%d) than measurements (%d)\n", ncol,
-                     measurements);
+        print_message("torvel: more parameters (%d) than measurements (%d)\n", ncol, measurements);
         return 1;
     }
     fill_matrix(x0, y0, dx, dy, cutoff, nx, ny, ncol, measurements, n, m, matrix.get());
@@ -276,11 +276,11 @@ int compute_fit_pair(float x0, float y0, float dx, float dy, float cutoff, int n
     const fit_detail::PupilGeometry g{x0, y0, dx, dy, cutoff, nx, ny};
     SharedSystem shared;
     if (!prepare_shared_system(g, first, second, &shared)) {
-        std::fputs(first.heading, stdout);
+        print_progress("%s", first.heading);
         const int status = compute_fit(x0, y0, dx, dy, cutoff, nx, ny, first.section, first.n,
                                        first.m, first.coeff, tol);
         if (status != 0) return status;
-        std::fputs(second.heading, stdout);
+        print_progress("%s", second.heading);
         return compute_fit(x0, y0, dx, dy, cutoff, nx, ny, second.section, second.n, second.m,
                            second.coeff, tol);
     }
@@ -294,7 +294,7 @@ int compute_fit_pair(float x0, float y0, float dx, float dy, float cutoff, int n
     Solved solved[2];
     solve_shared_system(&shared, static_cast<double>(tol), solved);
     for (int k = 0; k < 2; ++k) {
-        std::fputs(fits[k]->heading, stdout);
+        print_progress("%s", fits[k]->heading);
         print_counts(shared.ncol[k], counts[k]);
         if (const int status =
                 report_solution(solved[k], shared.ncol[k], shared.rhs(k), fits[k]->coeff);

@@ -7,6 +7,7 @@
 #include <cstdio>
 
 #include <torvel/fit.hpp>
+#include <torvel/messages.hpp>
 #include "sampling.hpp"
 #include <torvel/zernike.hpp>
 
@@ -210,7 +211,7 @@ void compute_residual(float x0, float y0, float dx, float dy, float cutoff, int 
     for (std::size_t i = 0; i < values; i += 2) totals.add(residual[i], residual[i + 1]);
     const float count = static_cast<float>(static_cast<std::int64_t>(nx) * ny);
     const double rms = std::sqrt(static_cast<double>(totals.sum_of_squares / count));
-    std::printf("\nroot mean square error %g\n", rms);
+    print_progress("\nroot mean square error %g\n", rms);
     stats[0] = totals.minimum;
     stats[1] = totals.maximum;
     stats[2] = totals.sum / count;

@@ -7,7 +7,7 @@
 
 namespace torvel {
 
-void separate_amplitude_phase(int count, float* samples, float* phase) {
+void split_amplitude_phase(int count, const float* samples, float* amplitude, float* phase) {
     // The phases first, each from its own pixel's samples, which nothing
     // writes until all are done: the pixels can be split between threads.
     fit_detail::run_in_parts(count, fit_detail::parts_for(count), [&](int, int begin, int end) {
@@ -24,13 +24,18 @@ void separate_amplitude_phase(int count, float* samples, float* phase) {
         }
     });
     // Then the moduli, in order: amplitude i goes to slot i, which samples
-    // 2i and 2i + 1 of this or a later pixel never occupy once it is written:
-    // sample i has been read, and every later sample starts at 2(i + 1) > i.
+    // 2i and 2i + 1 of this or a later pixel never occupy once it is written
+    // when amplitude is samples itself: sample i has been read, and every
+    // later sample starts at 2(i + 1) > i.
     for (int i = 0; i < count; ++i) {
         const float re = samples[2 * i];
         const float im = samples[2 * i + 1];
-        samples[i] = std::sqrt(re * re + im * im);
+        amplitude[i] = std::sqrt(re * re + im * im);
     }
+}
+
+void separate_amplitude_phase(int count, float* samples, float* phase) {
+    split_amplitude_phase(count, samples, samples, phase);
 }
 
 fcomplex cmult(fcomplex a, fcomplex b) {

@@ -3,6 +3,7 @@
 #include "mrc.hpp"
 
 #include <torvel/imageio.hpp>
+#include <torvel/messages.hpp>
 
 #include <cstdarg>
 #include <cstdio>
@@ -23,7 +24,7 @@ const char* g_program = "torvel";
     va_start(args, format);
     std::vsnprintf(reason, sizeof reason, format, args);
     va_end(args);
-    std::fprintf(stderr, "%s: %s: %s\n", g_program, subject, reason);
+    print_message("%s: %s: %s\n", g_program, subject, reason);
 }
 
 bool in_range(int stream) {

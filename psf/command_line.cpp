@@ -7,6 +7,7 @@
 #include <torvel/psf.hpp>
 #include <torvel/safeout.hpp>
 #include <torvel/switches.hpp>
+#include <torvel/messages.hpp>
 
 namespace torvel {
 namespace {
@@ -73,7 +74,7 @@ int parse_size(const option_args& args, psf_inputs* inputs) {
     bool good = count >= 1 && count <= 3;
     for (const int v : values) good = good && v >= 1 && v <= kMaxSide;
     if (!good) {
-        std::fprintf(stderr, "%s: %s expects one to three integers from 1 to %d, nx[:ny[:nz]]\n",
+        print_message("%s: %s expects one to three integers from 1 to %d, nx[:ny[:nz]]\n",
                      kProgram, kSizeOption, kMaxSide);
         return 1;
     }
@@ -89,7 +90,7 @@ int parse_spacing(const option_args& args, const char* option, double* nm) {
     const int count = get_floatswitch(option, args.argv, args.argc, 1, &value);
     if (count == -1) return 0;
     if (count != 1 || !(value > 0.0f) || !std::isfinite(value)) {
-        std::fprintf(stderr, "%s: %s expects one positive number of nm\n", kProgram, option);
+        print_message("%s: %s expects one positive number of nm\n", kProgram, option);
         return 1;
     }
     *nm = value;
@@ -104,12 +105,12 @@ int check_output_name(const psf_inputs& inputs) {
                                           std::strcmp(dot, ".tiff") == 0);
     int error = 0;
     if (!known) {
-        std::fprintf(stderr, "%s: %s: the name must end in .mrc, .tif or .tiff\n", kProgram,
+        print_message("%s: %s: the name must end in .mrc, .tif or .tiff\n", kProgram,
                      inputs.output_name);
         error = 1;
     }
     if (same_file(inputs.output_name, inputs.model_name)) {
-        std::fprintf(stderr, "%s: %s is the fit file; it is not overwritten\n", kProgram,
+        print_message("%s: %s is the fit file; it is not overwritten\n", kProgram,
                      inputs.output_name);
         error = 1;
     }

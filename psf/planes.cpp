@@ -15,6 +15,7 @@
 
 #include <torvel/psf.hpp>
 #include <torvel/zernike.hpp>
+#include <torvel/messages.hpp>
 
 namespace torvel {
 int plane_threads(int planes) {
@@ -83,7 +84,7 @@ int compute_psf_stack(const psf_plan& plan, const psf_propagator& propagator,
     if (!works) return 1;
     for (int t = 0; t < threads; ++t) {
         if (make_psf_work(propagator, &works[t]) != 0) {
-            std::fprintf(stderr, "%s: insufficient memory for the work planes\n", "torvel-psf");
+            print_message("%s: insufficient memory for the work planes\n", "torvel-psf");
             return 1;
         }
     }
@@ -127,13 +128,13 @@ int compute_model_stack(const model_choice& choice, bool vector, ParametricPupil
     psf_propagator propagator;
     if (make_psf_propagator(optics, {plan.nx, plan.ny, plan.dx_um}, vector, kDefaultDiscPixels,
                             &propagator) != 0) {
-        std::fprintf(stderr, "%s: insufficient memory for the pupil grid\n", "torvel-psf");
+        print_message("%s: insufficient memory for the pupil grid\n", "torvel-psf");
         return 1;
     }
     const std::size_t points = std::size_t(propagator.side) * propagator.side;
     std::unique_ptr<std::complex<float>[]> pupil(new (std::nothrow) std::complex<float>[points]);
     if (!pupil) {
-        std::fprintf(stderr, "%s: insufficient memory for the pupil grid\n", "torvel-psf");
+        print_message("%s: insufficient memory for the pupil grid\n", "torvel-psf");
         return 1;
     }
     evaluate_model_pupil(choice, model, choice.wavelength_index[slot], propagator,

@@ -13,6 +13,7 @@
 
 #include <torvel/imageio.hpp>
 #include <torvel/psf.hpp>
+#include <torvel/messages.hpp>
 
 namespace torvel {
 namespace {
@@ -95,8 +96,7 @@ int plan_psf(const psf_inputs& inputs, const ParametricPupil& model, psf_plan* p
     const double bytes = voxels * sizeof(float);
     const double memory = physical_memory_bytes();
     if (voxels > double(PTRDIFF_MAX / 8) || (memory > 0 && bytes > memory)) {
-        std::fprintf(stderr,
-                     "%s: a %d x %d x %d stack of %d wavelength(s) needs %.3g GB, more than the "
+        print_message("%s: a %d x %d x %d stack of %d wavelength(s) needs %.3g GB, more than the "
                      "%.3g GB of memory\n",
                      kProgram, plan->nx, plan->ny, plan->nz, plan->wavelength_count, bytes / 1e9,
                      memory / 1e9);
@@ -110,7 +110,7 @@ int write_psf_stack(const psf_inputs& inputs, ParametricPupil* model, const psf_
     const std::size_t total = per_wavelength * std::size_t(plan.wavelength_count);
     std::unique_ptr<float[]> voxels(new (std::nothrow) float[total]);
     if (!voxels) {
-        std::fprintf(stderr, "%s: insufficient memory for a %d x %d x %d stack\n", kProgram,
+        print_message("%s: insufficient memory for a %d x %d x %d stack\n", kProgram,
                      plan.nx, plan.ny, plan.nz);
         return 1;
     }

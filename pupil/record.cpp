@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
 
 #include <sys/mman.h>
@@ -288,6 +289,16 @@ bool has_label(const ParametricPupil* pupil, std::int32_t index) {
     return pupil != nullptr && index >= 0 && index < pupil->label_count;
 }
 
+struct record_deleter {
+    void operator()(ParametricPupil* pupil) const { destroy_parametric_pupil(pupil); }
+};
+
+// Copies count values of from into to, either of which may be null when
+// there are none.
+void copy_values(const double* from, double* to, std::int32_t count) {
+    if (from != nullptr && to != nullptr && count > 0) std::copy(from, from + count, to);
+}
+
 }  // namespace
 
 std::int64_t polarf_term_count(std::int32_t a, std::int32_t b) {
@@ -311,6 +322,42 @@ void destroy_parametric_pupil(ParametricPupil* pupil) {
     free_waves(pupil->waves, 0, pupil->wavelength_count);
     if (pupil->wavelength_capacity > 0) delete[] pupil->waves;
     delete pupil;
+}
+
+ParametricPupil* copy_parametric_pupil(const ParametricPupil* pupil) {
+    if (pupil == nullptr) return nullptr;
+    std::unique_ptr<ParametricPupil, record_deleter> copy(create_parametric_pupil());
+    if (!copy) return nullptr;
+    ParametricPupil* c = copy.get();
+    for (std::int32_t i = 0; i < pupil->label_count; ++i)
+        if (!insert_parametric_pupil_label(c, i, pupil->labels[i])) return nullptr;
+    c->numerical_aperture = pupil->numerical_aperture;
+    c->immersion_refractive_index = pupil->immersion_refractive_index;
+    c->lens_id = pupil->lens_id;
+    if (!set_parametric_pupil_amplitude_zernike_orders(c, pupil->amplitude_zernike_n,
+                                                       pupil->amplitude_zernike_m) ||
+        !set_parametric_pupil_phase_zernike_orders(c, pupil->phase_zernike_n,
+                                                   pupil->phase_zernike_m) ||
+        !set_parametric_pupil_amplitude_polarf_orders(c, pupil->amplitude_polarf_n,
+                                                      pupil->amplitude_polarf_m) ||
+        !set_parametric_pupil_phase_polarf_orders(c, pupil->phase_polarf_n,
+                                                  pupil->phase_polarf_m) ||
+        !set_parametric_pupil_wavelength_count(c, pupil->wavelength_count))
+        return nullptr;
+    const std::int32_t counts[4] = {get_parametric_pupil_amplitude_zernike_count(c),
+                                    get_parametric_pupil_phase_zernike_count(c),
+                                    get_parametric_pupil_amplitude_polarf_count(c),
+                                    get_parametric_pupil_phase_polarf_count(c)};
+    for (std::int32_t w = 0; w < pupil->wavelength_count; ++w) {
+        const WaveAttributes& from = pupil->waves[w];
+        WaveAttributes& to = c->waves[w];
+        to.wavelength = from.wavelength;
+        copy_values(from.amplitude_zernike_coeff, to.amplitude_zernike_coeff, counts[0]);
+        copy_values(from.phase_zernike_coeff, to.phase_zernike_coeff, counts[1]);
+        copy_values(from.amplitude_polarf_coeff, to.amplitude_polarf_coeff, counts[2]);
+        copy_values(from.phase_polarf_coeff, to.phase_polarf_coeff, counts[3]);
+    }
+    return copy.release();
 }
 
 // ---- labels ----------------------------------------------------------------

@@ -15,6 +15,7 @@
 #include <torvel/safeout.hpp>
 #include <torvel/switches.hpp>
 #include <torvel/zernike.hpp>
+#include <torvel/messages.hpp>
 
 namespace torvel {
 namespace {
@@ -89,7 +90,7 @@ int parse_size(const option_args& args, render_inputs* inputs) {
     if (count == -1) return 0;
     if (count == 1) values[1] = values[0];
     if (count != 1 && count != 2) {
-        std::fprintf(stderr, "%s: %s expects one or two integers from 1 to %d, nx[:ny]\n",
+        print_message("%s: %s expects one or two integers from 1 to %d, nx[:ny]\n",
                      kProgram, kSizeOption, INT_MAX);
         return 1;
     }
@@ -104,7 +105,7 @@ int parse_spacing(const option_args& args, render_inputs* inputs) {
         get_floatswitch_within(kSpacingOption, args.argv, args.argc, 1, 0.0, FLT_MAX, &value);
     if (count == -1) return 0;
     if (count != 1 || !(value > 0.0f)) {
-        std::fprintf(stderr, "%s: %s expects one positive number\n", kProgram, kSpacingOption);
+        print_message("%s: %s expects one positive number\n", kProgram, kSpacingOption);
         return 1;
     }
     inputs->spacing = value;
@@ -117,7 +118,7 @@ int parse_centre(const option_args& args, render_inputs* inputs) {
         get_floatswitch_within(kCentreOption, args.argv, args.argc, 2, -FLT_MAX, FLT_MAX, values);
     if (count == -1) return 0;
     if (count != 2) {
-        std::fprintf(stderr, "%s: %s expects two numbers, x0:y0\n", kProgram, kCentreOption);
+        print_message("%s: %s expects two numbers, x0:y0\n", kProgram, kCentreOption);
         return 1;
     }
     inputs->centre_given = true;
@@ -154,13 +155,12 @@ int parse_drop(const char* program, const char* value, model_choice* choice) {
         const std::size_t length = end ? std::size_t(end - item) : std::strlen(item);
         zernike_term term{};
         if (!parse_drop_item(item, length, &term)) {
-            std::fprintf(stderr,
-                         "%s: %s expects piston, tilt, defocus or n:m (0 <= m <= n, n - m even), "
+            print_message("%s: %s expects piston, tilt, defocus or n:m (0 <= m <= n, n - m even), "
                          "separated by commas; not \"%.*s\"\n",
                          program, kDropOption, static_cast<int>(length), item);
             error = 1;
         } else if (choice->drop_count == kMaxDroppedTerms) {
-            std::fprintf(stderr, "%s: %s names at most %d terms\n", program, kDropOption,
+            print_message("%s: %s names at most %d terms\n", program, kDropOption,
                          kMaxDroppedTerms);
             return 1;
         } else {
@@ -178,8 +178,7 @@ int select_wavelengths(const char* program, const char* value, const char* model
     const std::int32_t count = get_parametric_pupil_wavelength_count(&model);
     if (value == nullptr) {
         if (count > kMaxSelectedWavelengths) {
-            std::fprintf(stderr,
-                         "%s: %s holds %d wavelengths and an image at most %d: choose them with "
+            print_message("%s: %s holds %d wavelengths and an image at most %d: choose them with "
                          "%s\n",
                          program, model_name, count, kMaxSelectedWavelengths, kWaveOption);
             return 1;
@@ -193,13 +192,13 @@ int select_wavelengths(const char* program, const char* value, const char* model
     // too large for an int wraps to another; here one is refused first.
     int ignored = 0;
     if (extract_switch_ints_within(value, 0, INT_MIN, INT_MAX, &ignored) == 0) {
-        std::fprintf(stderr, "%s: %s expects indices or wavelengths in nm separated by \":\"\n",
+        print_message("%s: %s expects indices or wavelengths in nm separated by \":\"\n",
                      kProgram, kWaveOption);
         return 1;
     }
     std::unique_ptr<float[]> nm(new (std::nothrow) float[std::size_t(count)]);
     if (!nm) {
-        std::fprintf(stderr, "%s: insufficient memory\n", program);
+        print_message("%s: insufficient memory\n", program);
         return 1;
     }
     for (int k = 0; k < count; ++k) nm[k] = get_parametric_pupil_wavelength(&model, k) * 1000.0f;
@@ -221,29 +220,27 @@ int check_model(const char* program, const char* model_name, const ParametricPup
     for (int k = 0; k < choice.wavelength_count; ++k) {
         const float um = get_parametric_pupil_wavelength(&model, choice.wavelength_index[k]);
         if (!(um > 0.0f) || !std::isfinite(um)) {
-            std::fprintf(stderr, "%s: %s: invalid wavelength, %g um, at index %d\n", program,
+            print_message("%s: %s: invalid wavelength, %g um, at index %d\n", program,
                          model_name, double(um), choice.wavelength_index[k]);
             error = 1;
         }
     }
     char what[160];
     if (find_unusable_pupil_value(&model, what, sizeof what) != 0) {
-        std::fprintf(stderr, "%s: %s: %s\n", program, model_name, what);
+        print_message("%s: %s: %s\n", program, model_name, what);
         error = 1;
     }
     const float na = get_parametric_pupil_numerical_aperture(&model);
     const float n_imm = get_parametric_pupil_immersion_refractive_index(&model);
     if (!(na / n_imm <= 1.0f)) {
-        std::fprintf(stderr,
-                     "%s: %s: numerical aperture %g above the immersion index %g; torvel would "
+        print_message("%s: %s: numerical aperture %g above the immersion index %g; torvel would "
                      "refuse the image\n",
                      program, model_name, double(na), double(n_imm));
         error = 1;
     }
     if (get_parametric_pupil_amplitude_polarf_count(&model) > 0 ||
         get_parametric_pupil_phase_polarf_count(&model) > 0) {
-        std::fprintf(stderr,
-                     "%s: %s: the model holds a polar Fourier series; %s evaluates Zernike "
+        print_message("%s: %s: the model holds a polar Fourier series; %s evaluates Zernike "
                      "series only\n",
                      program, model_name, program);
         error = 1;
@@ -254,7 +251,7 @@ int check_model(const char* program, const char* model_name, const ParametricPup
 // The image must not replace the model it is made from.
 int check_image_name(const render_inputs& inputs) {
     if (!same_file(inputs.image_name, inputs.model_name)) return 0;
-    std::fprintf(stderr, "%s: %s is the fit file; it is not overwritten\n", kProgram,
+    print_message("%s: %s is the fit file; it is not overwritten\n", kProgram,
                  inputs.image_name);
     return 1;
 }
@@ -281,7 +278,7 @@ pupil_ptr read_model_file(const char* program, const char* name) {
     std::int32_t code = 0, line = 0, column = 0;
     pupil_ptr model(read_parametric_pupil(name, &code, &line, &column));
     if (!model)
-        std::fprintf(stderr, "%s: %s:%d:%d: %s\n", program, name, line, column,
+        print_message("%s: %s:%d:%d: %s\n", program, name, line, column,
                      read_parametric_pupil_error_text(code));
     return model;
 }
@@ -295,13 +292,13 @@ int check_option_names(const char* program, const char* const* argv, int argc,
         for (const char* option : options)
             if (std::strncmp(arg, option, std::strlen(option)) == 0) known = option;
         if (known == nullptr) {
-            std::fprintf(stderr, "%s: unrecognized option %s\n", program, arg);
+            print_message("%s: unrecognized option %s\n", program, arg);
             error = 1;
             continue;
         }
         for (int j = 1; j < i; ++j) {
             if (std::strncmp(argv[j], known, std::strlen(known)) == 0) {
-                std::fprintf(stderr, "%s: %s given more than once\n", program, known);
+                print_message("%s: %s given more than once\n", program, known);
                 error = 1;
                 break;
             }
@@ -358,6 +355,26 @@ void drop_phase_terms(const model_choice& choice, ParametricPupil* model) {
     }
 }
 
+namespace {
+
+// The options that follow the image name, for model (null when it could not
+// be read: the options are still checked, so that one run reports every
+// problem).
+int parse_render_options_of(const option_args& args, const char* model_name,
+                            ParametricPupil* model, render_inputs* inputs) {
+    int error = check_option_names(kProgram, args.argv, args.argc, kOptions);
+    error |= parse_size(args, inputs);
+    error |= parse_spacing(args, inputs);
+    error |= parse_centre(args, inputs);
+    const int form = option_name_index(kProgram, args.argv, args.argc, kFormOption, kForms);
+    if (form >= 0) inputs->complex_form = form == 0;
+    error |= form == -2 ? 1 : 0;
+    error |= parse_model_choice(kProgram, args.argv, args.argc, model_name, model, &inputs->model);
+    return error;
+}
+
+}  // namespace
+
 int parse_render_command_line(int argc, char** argv, render_inputs* inputs, pupil_ptr* model) {
     if (argc < 3) {
         print_render_usage(stderr);
@@ -366,19 +383,17 @@ int parse_render_command_line(int argc, char** argv, render_inputs* inputs, pupi
     inputs->model_name = argv[1];
     inputs->image_name = argv[2];
     *model = read_model_file(kProgram, inputs->model_name);
-    const option_args args{argv + 2, argc - 2};
     int error = *model ? 0 : 1;
     error |= check_image_name(*inputs);
-    error |= check_option_names(kProgram, args.argv, args.argc, kOptions);
-    error |= parse_size(args, inputs);
-    error |= parse_spacing(args, inputs);
-    error |= parse_centre(args, inputs);
-    const int form = option_name_index(kProgram, args.argv, args.argc, kFormOption, kForms);
-    if (form >= 0) inputs->complex_form = form == 0;
-    error |= form == -2 ? 1 : 0;
-    error |= parse_model_choice(kProgram, args.argv, args.argc, inputs->model_name, model->get(),
-                                &inputs->model);
-    return error;
+    return error | parse_render_options_of({argv + 2, argc - 2}, inputs->model_name, model->get(),
+                                           inputs);
+}
+
+int parse_render_options(int argc, const char* const* argv, const ParametricPupil& model,
+                         render_inputs* inputs) {
+    // The record is only read; the choice's helpers take it writable.
+    return parse_render_options_of({argv, argc}, inputs->model_name,
+                                   const_cast<ParametricPupil*>(&model), inputs);
 }
 
 }  // namespace torvel

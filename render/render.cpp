@@ -16,6 +16,7 @@
 #include <torvel/pupil.hpp>
 #include <torvel/render.hpp>
 #include <torvel/zernike.hpp>
+#include <torvel/messages.hpp>
 
 namespace torvel {
 namespace {
@@ -111,8 +112,7 @@ int check_finite(const render_inputs& inputs, const pupil_grid& grid, float wave
     if (bad == end) return 0;
     const std::int64_t at = bad - plane;
     const std::int64_t pixel = inputs.complex_form ? at / 2 : at % pixels;
-    std::fprintf(stderr,
-                 "torvel-render: %s: the pupil at %g nm evaluates to %g at pixel (%lld, %lld): a "
+    print_message("torvel-render: %s: the pupil at %g nm evaluates to %g at pixel (%lld, %lld): a "
                  "coefficient or the wavelength is out of range\n",
                  inputs.model_name, double(wavelength_nm), double(*bad),
                  static_cast<long long>(pixel % grid.nx), static_cast<long long>(pixel / grid.nx));
@@ -133,8 +133,7 @@ struct image_output {
 int plan_render(const render_inputs& inputs, const ParametricPupil& model, render_plan* plan) {
     const std::int64_t pixels = std::int64_t(inputs.nx) * inputs.ny;
     if (pixels > kMaxPlanePixels) {
-        std::fprintf(stderr,
-                     "torvel-render: a %d x %d image is too large: torvel reads at most %lld "
+        print_message("torvel-render: a %d x %d image is too large: torvel reads at most %lld "
                      "pixels a plane\n",
                      inputs.nx, inputs.ny, static_cast<long long>(kMaxPlanePixels));
         return 1;
@@ -180,7 +179,7 @@ int render_wavelength(const render_inputs& inputs, ParametricPupil* model, int w
     std::unique_ptr<double[]> scratch(new (std::nothrow) double[std::size_t(
         zernike_recurrent_scratch_size(std::max({amplitude.n, phase.n, 0})))]);
     if (!scratch) {
-        std::fprintf(stderr, "torvel-render: insufficient memory\n");
+        print_message("torvel-render: insufficient memory\n");
         return 1;
     }
 
@@ -221,7 +220,7 @@ int write_pupil_image(const char* program, const char* name, const render_plan& 
     const std::int64_t pixels = std::int64_t(plan.nx) * plan.ny;
     std::unique_ptr<float[]> plane(new (std::nothrow) float[std::size_t(2 * pixels)]);
     if (!plane) {
-        std::fprintf(stderr, "%s: insufficient memory for a %d x %d image\n", program, plan.nx,
+        print_message("%s: insufficient memory for a %d x %d image\n", program, plan.nx,
                      plan.ny);
         return 1;
     }

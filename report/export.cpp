@@ -12,6 +12,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <torvel/messages.hpp>
 #include <torvel/report.hpp>
 #include <torvel/safeout.hpp>
 #include <torvel/zernike.hpp>
@@ -186,13 +187,13 @@ json fit_json(const report_entry& e) {
 int write_text_file(const char* name, const std::string& text) {
     safe_output out;
     if (safe_output_open(name, "w", &out) != 0) {
-        std::fprintf(stderr, "torvel-report: unable to open %s for writing: %s\n", name,
-                     std::strerror(errno));
+        print_message("torvel-report: unable to open %s for writing: %s\n", name,
+                      std::strerror(errno));
         return 1;
     }
     std::fwrite(text.data(), 1, text.size(), out.stream);
     if (safe_output_commit(&out) != 0) {
-        std::fprintf(stderr, "torvel-report: an I/O error occurred while writing %s\n", name);
+        print_message("torvel-report: an I/O error occurred while writing %s\n", name);
         return 1;
     }
     return 0;
@@ -260,7 +261,7 @@ void append_csv_series(std::string* csv, const report_entry& e, std::size_t w, b
 
 }  // namespace
 
-int write_report_json(const char* name, std::span<const report_entry> entries) {
+std::string report_json_text(std::span<const report_entry> entries) {
     json root;
     root["generator"] = "torvel-report";
     json conventions;
@@ -269,7 +270,11 @@ int write_report_json(const char* name, std::span<const report_entry> entries) {
     json fits = json::array();
     for (const report_entry& e : entries) fits.push_back(fit_json(e));
     root["fits"] = fits;
-    return write_text_file(name, root.dump(1) + "\n");
+    return root.dump(1) + "\n";
+}
+
+int write_report_json(const char* name, std::span<const report_entry> entries) {
+    return write_text_file(name, report_json_text(entries));
 }
 
 int write_report_csv(const char* name, std::span<const report_entry> entries) {

@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include <torvel/messages.hpp>
 #include <torvel/report.hpp>
 #include <torvel/safeout.hpp>
 #include <torvel/zernike.hpp>
@@ -657,19 +658,19 @@ cairo_status_t write_to_file(void* closure, const unsigned char* data, unsigned 
 int write_png(cairo_surface_t* surface, const char* name) {
     safe_output out;
     if (safe_output_open(name, "wb", &out) != 0) {
-        std::fprintf(stderr, "torvel-report: unable to open %s for writing: %s\n", name,
-                     std::strerror(errno));
+        print_message("torvel-report: unable to open %s for writing: %s\n", name,
+                      std::strerror(errno));
         return 1;
     }
     const cairo_status_t status =
         cairo_surface_write_to_png_stream(surface, write_to_file, out.stream);
     if (status != CAIRO_STATUS_SUCCESS) {
-        std::fprintf(stderr, "torvel-report: unable to write %s: %s\n", name,
-                     cairo_status_to_string(status));
+        print_message("torvel-report: unable to write %s: %s\n", name,
+                      cairo_status_to_string(status));
         return 1;
     }
     if (safe_output_commit(&out) != 0) {
-        std::fprintf(stderr, "torvel-report: an I/O error occurred while writing %s\n", name);
+        print_message("torvel-report: an I/O error occurred while writing %s\n", name);
         return 1;
     }
     return 0;
@@ -681,11 +682,11 @@ int check_same_pixels(const char* image_name, const image_geometry& a, const cha
     if (a.nx == b.nx && a.ny == b.ny && a.x0 == b.x0 && a.y0 == b.y0 && a.dx == b.dx &&
         a.dy == b.dy)
         return 0;
-    std::fprintf(stderr,
-                 "torvel-report: %s: size %d x %d, centre (%g, %g), spacing (%g, %g) does not "
-                 "match %d x %d, centre (%g, %g), spacing (%g, %g) of %s\n",
-                 residual_name, b.nx, b.ny, double(b.x0), double(b.y0), double(b.dx), double(b.dy),
-                 a.nx, a.ny, double(a.x0), double(a.y0), double(a.dx), double(a.dy), image_name);
+    print_message(
+        "torvel-report: %s: size %d x %d, centre (%g, %g), spacing (%g, %g) does not "
+        "match %d x %d, centre (%g, %g), spacing (%g, %g) of %s\n",
+        residual_name, b.nx, b.ny, double(b.x0), double(b.y0), double(b.dx), double(b.dy), a.nx,
+        a.ny, double(a.x0), double(a.y0), double(a.dx), double(a.dy), image_name);
     return 1;
 }
 
@@ -710,8 +711,7 @@ int write_report_figure(const char* png_name, const report_entry& entry, const c
     }
     const figure_size size = size_of(bands);
     if (size.height > kMaxFigureSide) {
-        std::fprintf(stderr,
-                     "torvel-report: %s: a figure of %zu wavelengths would be %d pixels high, "
+        print_message("torvel-report: %s: a figure of %zu wavelengths would be %d pixels high, "
                      "more than the %d a PNG is drawn with\n",
                      png_name, bands.size(), size.height, kMaxFigureSide);
         return 1;
@@ -726,7 +726,7 @@ int write_report_figure(const char* png_name, const report_entry& entry, const c
     cairo_destroy(cr);
     int result = 1;
     if (drawn != CAIRO_STATUS_SUCCESS) {
-        std::fprintf(stderr, "torvel-report: %s: the figure could not be drawn: %s\n", png_name,
+        print_message("torvel-report: %s: the figure could not be drawn: %s\n", png_name,
                      cairo_status_to_string(drawn));
     } else {
         result = write_png(surface, png_name);

@@ -13,6 +13,7 @@
 #include <torvel/driver.hpp>
 #include <torvel/fit.hpp>
 #include <torvel/imageio.hpp>
+#include <torvel/messages.hpp>
 #include <torvel/unwrap.hpp>
 
 #include "figure_detail.hpp"
@@ -73,7 +74,7 @@ int check_pupil_header(const char* name, const input_header& h, const report_mod
                        bool want_complex) {
     int status = 0;
     auto fail = [&](const std::string& what) {
-        std::fprintf(stderr, "torvel-report: %s: %s\n", name, what.c_str());
+        print_message("torvel-report: %s: %s\n", name, what.c_str());
         status = 1;
     };
     if (h.type != kPupilImageType)
@@ -115,9 +116,9 @@ int match_wavelengths(const char* name, const image_header& h, const report_mode
         index->push_back(found);
     }
     if (matched) return 0;
-    std::fprintf(stderr, "torvel-report: %s: wavelengths %s nm do not match %s nm of %s\n", name,
-                 nm_list(h.waves, count).c_str(), nm_list(nm.data(), int(nm.size())).c_str(),
-                 model.file.c_str());
+    print_message("torvel-report: %s: wavelengths %s nm do not match %s nm of %s\n", name,
+                  nm_list(h.waves, count).c_str(), nm_list(nm.data(), int(nm.size())).c_str(),
+                  model.file.c_str());
     return 1;
 }
 
@@ -139,7 +140,7 @@ plane allocate_plane(std::int64_t floats) {
 }
 
 int report_no_memory() {
-    std::fprintf(stderr, "torvel-report: insufficient memory for the figure\n");
+    print_message("torvel-report: insufficient memory for the figure\n");
     return 1;
 }
 
@@ -147,7 +148,7 @@ int report_no_memory() {
 // message.
 int read_section(int stream, const char* name, int z, int w, float* buffer) {
     if (image_seek_section(stream, z, w, 0) != 0) {
-        std::fprintf(stderr, "torvel-report: %s: no section %d of wavelength %d\n", name, z, w);
+        print_message("torvel-report: %s: no section %d of wavelength %d\n", name, z, w);
         return 1;
     }
     return image_read_section(stream, buffer) != 0 ? 1 : 0;
@@ -172,8 +173,7 @@ int check_finite(const char* name, const image_geometry& g, float cutoff, float 
         finite = disc_is_finite(g.x0, g.y0, g.dx, g.dy, cutoff, g.nx, g.ny, values);
     }
     if (finite) return 0;
-    std::fprintf(stderr,
-                 "torvel-report: %s: the %s at wavelength %g nm is not finite inside the pupil\n",
+    print_message("torvel-report: %s: the %s at wavelength %g nm is not finite inside the pupil\n",
                  name, what, double(wavelength_nm));
     return 1;
 }

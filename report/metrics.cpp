@@ -11,6 +11,7 @@
 #include <span>
 #include <utility>
 
+#include <torvel/messages.hpp>
 #include <torvel/pupil.hpp>
 #include <torvel/report.hpp>
 #include <torvel/zernike.hpp>
@@ -288,8 +289,7 @@ std::vector<aberration_share> rank_aberrations(const std::vector<double>& c, int
 // message.
 int check_model(const report_model& model) {
     if (model.waves.empty()) {
-        std::fprintf(stderr, "torvel-report: %s: the fit holds no wavelength\n",
-                     model.file.c_str());
+        print_message("torvel-report: %s: the fit holds no wavelength\n", model.file.c_str());
         return 1;
     }
     for (std::size_t w = 0; w < model.waves.size(); ++w) {
@@ -297,18 +297,18 @@ int check_model(const report_model& model) {
         // six decimals of a micrometre; one that rounds to 0 has none.
         const float um = model.waves[w].wavelength_um;
         if (!(std::round(double(um) * 1e6) > 0.0) || !std::isfinite(um)) {
-            std::fprintf(stderr,
-                         "torvel-report: %s: wavelength %zu is %g um; a wavelength must be "
-                         "positive (at least 0.000001 um as fit files write it)\n",
-                         model.file.c_str(), w, double(um));
+            print_message(
+                "torvel-report: %s: wavelength %zu is %g um; a wavelength must be "
+                "positive (at least 0.000001 um as fit files write it)\n",
+                model.file.c_str(), w, double(um));
             return 1;
         }
     }
     if (model_aperture(model) > model_immersion_index(model)) {
-        std::fprintf(stderr,
-                     "torvel-report: %s: numerical aperture %g above the immersion index %g; no "
-                     "focus shift is defined\n",
-                     model.file.c_str(), double(model.na), double(model.n_imm));
+        print_message(
+            "torvel-report: %s: numerical aperture %g above the immersion index %g; no "
+            "focus shift is defined\n",
+            model.file.c_str(), double(model.na), double(model.n_imm));
         return 1;
     }
     return 0;
@@ -321,14 +321,18 @@ int load_report_model(const char* file, report_model* model) {
     std::unique_ptr<ParametricPupil, pupil_deleter> pupil(
         read_parametric_pupil(file, &code, &line, &column));
     if (!pupil) {
-        std::fprintf(stderr, "torvel-report: %s:%d:%d: %s\n", file, int(line), int(column),
-                     read_parametric_pupil_error_text(code));
+        print_message("torvel-report: %s:%d:%d: %s\n", file, int(line), int(column),
+                      read_parametric_pupil_error_text(code));
         return 1;
     }
-    ParametricPupil* p = pupil.get();
+    return take_report_model(file, pupil.get(), model);
+}
+
+int take_report_model(const char* file, ParametricPupil* pupil, report_model* model) {
+    ParametricPupil* p = pupil;
     char unusable[200];
     if (find_unusable_pupil_value(p, unusable, sizeof unusable) != 0) {
-        std::fprintf(stderr, "torvel-report: %s: %s\n", file, unusable);
+        print_message("torvel-report: %s: %s\n", file, unusable);
         return 1;
     }
     model->file = file;
@@ -441,7 +445,7 @@ int check_wavelength_metrics(const report_model& model, const wavelength_metrics
     };
     for (const auto& [name, value] : figures) {
         if (std::isfinite(value)) continue;
-        std::fprintf(stderr, "torvel-report: %s: the %s at %g nm is %g%s\n", model.file.c_str(),
+        print_message("torvel-report: %s: the %s at %g nm is %g%s\n", model.file.c_str(),
                      name, w.wavelength_nm, value,
                      w.mean_amplitude == 0.0 ? " (the mean amplitude is 0)" : "");
         return 1;

@@ -6,6 +6,7 @@
 #include <new>
 #include <string>
 
+#include <torvel/messages.hpp>
 #include <torvel/report.hpp>
 #include <torvel/safeout.hpp>
 #include <torvel/switches.hpp>
@@ -62,11 +63,11 @@ int take_switch(const char* arg, report_inputs* inputs) {
     const std::string name = equals ? std::string(arg + 1, equals) : std::string(arg + 1);
     const int which = search_string_list(kSwitchNames, int(std::size(kSwitchNames)), name.c_str());
     if (which < 0 || equals == nullptr) {
-        std::fprintf(stderr, "%s: unknown option %s (see %s -h)\n", kProgram, arg, kProgram);
+        print_message("%s: unknown option %s (see %s -h)\n", kProgram, arg, kProgram);
         return 1;
     }
     if (equals[1] == '\0') {
-        std::fprintf(stderr, "%s: -%s= needs a file name\n", kProgram, name.c_str());
+        print_message("%s: -%s= needs a file name\n", kProgram, name.c_str());
         return 1;
     }
     *switch_field(inputs, which) = equals + 1;  // as in torvel, a later one wins
@@ -85,15 +86,14 @@ int check_output_names(const report_inputs& in) {
         if (outputs[i] == nullptr) continue;
         for (const char* input : inputs) {
             if (same_file(input, outputs[i])) {
-                std::fprintf(stderr, "%s: %s is an input; it is not overwritten\n", kProgram,
-                             outputs[i]);
+                print_message("%s: %s is an input; it is not overwritten\n", kProgram, outputs[i]);
                 status = 1;
                 break;
             }
         }
         for (std::size_t j = 0; j < i; ++j) {
             if (same_file(outputs[j], outputs[i])) {
-                std::fprintf(stderr, "%s: %s is named for two outputs\n", kProgram, outputs[i]);
+                print_message("%s: %s is named for two outputs\n", kProgram, outputs[i]);
                 status = 1;
             }
         }
@@ -104,7 +104,7 @@ int check_output_names(const report_inputs& in) {
 // The containers of the report grow with the input; running out of memory
 // for them ends the run with this message rather than an exception.
 int report_no_memory() {
-    std::fprintf(stderr, "%s: insufficient memory\n", kProgram);
+    print_message("%s: insufficient memory\n", kProgram);
     return 1;
 }
 
@@ -131,16 +131,16 @@ int parse_report_command_line(int argc, const char* const* argv, report_inputs* 
         }
     }
     if (inputs->fit_files.empty()) {
-        std::fprintf(stderr, "%s: no fit file given (see %s -h)\n", kProgram, kProgram);
+        print_message("%s: no fit file given (see %s -h)\n", kProgram, kProgram);
         status = 1;
     }
     if (inputs->png_name == nullptr && (inputs->image_name || inputs->residual_name)) {
-        std::fprintf(stderr, "%s: -image= and -residual= are drawn only with -png=\n", kProgram);
+        print_message("%s: -image= and -residual= are drawn only with -png=\n", kProgram);
         status = 1;
     }
     if (inputs->png_name != nullptr && inputs->fit_files.size() > 1) {
-        std::fprintf(stderr, "%s: -png= draws one fit file, and %zu are given\n", kProgram,
-                     inputs->fit_files.size());
+        print_message("%s: -png= draws one fit file, and %zu are given\n", kProgram,
+                      inputs->fit_files.size());
         status = 1;
     }
     status |= check_output_names(*inputs);

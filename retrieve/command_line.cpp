@@ -9,6 +9,7 @@
 #include <torvel/retrieve.hpp>
 #include <torvel/safeout.hpp>
 #include <torvel/switches.hpp>
+#include <torvel/messages.hpp>
 
 namespace torvel {
 namespace {
@@ -92,7 +93,7 @@ int parse_positive(const option_args& args, const char* option, const char* what
     const int count = get_floatswitch(option, args.argv, args.argc, 1, &v);
     if (count == -1) return 0;
     if (count != 1 || !(v > 0.0f) || !std::isfinite(v)) {
-        std::fprintf(stderr, "%s: %s expects one positive number%s\n", kProgram, option, what);
+        print_message("%s: %s expects one positive number%s\n", kProgram, option, what);
         return 1;
     }
     *value = v;
@@ -104,7 +105,7 @@ int parse_integer(const option_args& args, const char* option, int low, int high
     const int count = get_intswitchc(option, args.argv, args.argc, 1, &v);
     if (count == -1) return 0;
     if (count != 1 || v < low || v > high) {
-        std::fprintf(stderr, "%s: %s expects one integer from %d to %d\n", kProgram, option, low,
+        print_message("%s: %s expects one integer from %d to %d\n", kProgram, option, low,
                      high);
         return 1;
     }
@@ -119,7 +120,7 @@ int parse_wavelengths(const option_args& args, retrieve_inputs* inputs) {
     bool good = count >= 1 && count <= 5;
     for (int i = 0; good && i < count; ++i) good = values[i] >= 200.0f && values[i] < 2000.0f;
     if (!good) {
-        std::fprintf(stderr, "%s: %s expects one to five wavelengths in nm, 200 to 1999\n",
+        print_message("%s: %s expects one to five wavelengths in nm, 200 to 1999\n",
                      kProgram, kWaveOption);
         return 1;
     }
@@ -134,7 +135,7 @@ int parse_background(const option_args& args, retrieve_inputs* inputs) {
     char* end = nullptr;
     const double v = std::strtod(text, &end);
     if (end == text || *end != '\0' || !std::isfinite(v) || v < 0) {
-        std::fprintf(stderr, "%s: %s expects auto or a number, 0 or more\n", kProgram,
+        print_message("%s: %s expects auto or a number, 0 or more\n", kProgram,
                      kBackgroundOption);
         return 1;
     }
@@ -148,14 +149,14 @@ int check_output_names(const retrieve_inputs& inputs) {
     int error = 0;
     const char* dot = std::strrchr(inputs.output_name, '.');
     if (dot == nullptr || std::strcmp(dot, ".mrc") != 0) {
-        std::fprintf(stderr, "%s: %s: the pupil image's name must end in .mrc\n", kProgram,
+        print_message("%s: %s: the pupil image's name must end in .mrc\n", kProgram,
                      inputs.output_name);
         error = 1;
     }
     const char* names[] = {inputs.output_name, inputs.psf_name, inputs.log_name};
     for (const char* name : names) {
         if (name != nullptr && same_file(name, inputs.stack_name)) {
-            std::fprintf(stderr, "%s: %s is the bead stack; it is not overwritten\n", kProgram,
+            print_message("%s: %s is the bead stack; it is not overwritten\n", kProgram,
                          name);
             error = 1;
         }
@@ -163,7 +164,7 @@ int check_output_names(const retrieve_inputs& inputs) {
     for (int a = 0; a < 3; ++a)
         for (int b = a + 1; b < 3; ++b)
             if (names[a] != nullptr && names[b] != nullptr && same_file(names[a], names[b])) {
-                std::fprintf(stderr, "%s: %s is named for two outputs\n", kProgram, names[b]);
+                print_message("%s: %s is named for two outputs\n", kProgram, names[b]);
                 error = 1;
             }
     return error;
@@ -204,13 +205,13 @@ int parse_retrieve_command_line(int argc, char** argv, retrieve_inputs* inputs) 
     inputs->log_name = option_value(args.argv, args.argc, kLogOption);
     for (const char* option : {kNaOption, kIndexOption}) {
         if (option_value(args.argv, args.argc, option) == nullptr) {
-            std::fprintf(stderr, "%s: %s is required: the stack does not record it\n", kProgram,
+            print_message("%s: %s is required: the stack does not record it\n", kProgram,
                          option);
             error = 1;
         }
     }
     if (inputs->na > 0 && inputs->n > 0 && inputs->na >= inputs->n) {
-        std::fprintf(stderr, "%s: the aperture %g is not below the immersion index %g\n", kProgram,
+        print_message("%s: the aperture %g is not below the immersion index %g\n", kProgram,
                      inputs->na, inputs->n);
         error = 1;
     }

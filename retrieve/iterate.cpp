@@ -17,6 +17,7 @@
 #endif
 
 #include <torvel/retrieve.hpp>
+#include <torvel/messages.hpp>
 
 namespace torvel {
 namespace {
@@ -257,7 +258,7 @@ int retrieve_pupil(const retrieve_inputs& inputs, const bead_stack& bead, retrie
     const int fft_size = internal_fft_size(bead, inputs.na, inputs.n);
     if (make_psf_propagator_sized(optics, {bead.size, bead.size, bead.dx_um}, inputs.vector,
                                   fft_size, &result->propagator) != 0) {
-        std::fprintf(stderr, "%s: insufficient memory for the %d-point pupil grid\n", kProgram,
+        print_message("%s: insufficient memory for the %d-point pupil grid\n", kProgram,
                      fft_size);
         return 1;
     }
@@ -274,7 +275,7 @@ int retrieve_pupil(const retrieve_inputs& inputs, const bead_stack& bead, retrie
     log->error.reset(new (std::nothrow) double[std::size_t(inputs.iterations)]);
     if (make_step_scale(&pb) != 0 || make_defocus_tables(&pb) != 0 || make_thread_states(pb, threads, &states) != 0 ||
         !result->pupil || !next || !log->error) {
-        std::fprintf(stderr, "%s: insufficient memory for the retrieval's work space\n", kProgram);
+        print_message("%s: insufficient memory for the retrieval's work space\n", kProgram);
         return 1;
     }
     std::span<std::complex<float>> pupil(result->pupil.get(), pb.points);
@@ -317,7 +318,7 @@ int retrieve_pupil(const retrieve_inputs& inputs, const bead_stack& bead, retrie
         best = std::min(best, error);
         if (!finite || !std::isfinite(error) || !(norm > 0) ||
             (it > kFirstBackgroundUpdate && error > kDivergence * best)) {
-            std::fprintf(stderr, "%s: the retrieval diverged at iteration %d (error %g, best %g); "
+            print_message("%s: the retrieval diverged at iteration %d (error %g, best %g); "
                          "no pupil written\n", kProgram, it + 1, error, best);
             return 1;
         }

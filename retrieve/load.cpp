@@ -9,6 +9,7 @@
 #include <vector>
 
 #include <torvel/retrieve.hpp>
+#include <torvel/messages.hpp>
 
 namespace torvel {
 namespace {
@@ -25,14 +26,14 @@ int settle_geometry(const retrieve_inputs& inputs, image_stack_header* h) {
     if (inputs.dx_nm > 0) h->dx_um = h->dy_um = float(inputs.dx_nm / 1000.0);
     if (inputs.dz_nm > 0) h->dz_um = float(inputs.dz_nm / 1000.0);
     if (!(h->dx_um > 0) || !(h->dz_um > 0)) {
-        std::fprintf(stderr, "%s: %s gives no %s spacing: give it with %s\n", kProgram,
+        print_message("%s: %s gives no %s spacing: give it with %s\n", kProgram,
                      inputs.stack_name, h->dx_um > 0 ? "plane" : "pixel",
                      h->dx_um > 0 ? "-dz=nm" : "-dx=nm");
         error = 1;
     }
     if (inputs.wavelength_count > 0) {
         if (inputs.wavelength_count != h->nw) {
-            std::fprintf(stderr, "%s: -w= gives %d wavelength(s) for the %d of %s\n", kProgram,
+            print_message("%s: -w= gives %d wavelength(s) for the %d of %s\n", kProgram,
                          inputs.wavelength_count, h->nw, inputs.stack_name);
             return 1;
         }
@@ -40,7 +41,7 @@ int settle_geometry(const retrieve_inputs& inputs, image_stack_header* h) {
     }
     for (int w = 0; w < h->nw; ++w) {
         if (!(h->wavelengths_nm[w] > 0)) {
-            std::fprintf(stderr, "%s: %s names no wavelength: give it with -w=nm\n", kProgram,
+            print_message("%s: %s names no wavelength: give it with -w=nm\n", kProgram,
                          inputs.stack_name);
             return 1;
         }
@@ -51,18 +52,18 @@ int settle_geometry(const retrieve_inputs& inputs, image_stack_header* h) {
 int check_shape(const retrieve_inputs& inputs, const image_stack_header& h,
                 std::span<const float> voxels) {
     if (h.nz < 3) {
-        std::fprintf(stderr, "%s: %s has %d plane(s); retrieval needs at least 3\n", kProgram,
+        print_message("%s: %s has %d plane(s); retrieval needs at least 3\n", kProgram,
                      inputs.stack_name, h.nz);
         return 1;
     }
     if (inputs.size > h.nx || inputs.size > h.ny) {
-        std::fprintf(stderr, "%s: the %d-pixel crop is larger than the %d x %d image; give a "
+        print_message("%s: the %d-pixel crop is larger than the %d x %d image; give a "
                      "smaller -size=\n", kProgram, inputs.size, h.nx, h.ny);
         return 1;
     }
     for (std::size_t k = 0; k < voxels.size(); ++k) {
         if (!std::isfinite(voxels[k])) {
-            std::fprintf(stderr, "%s: %s has a non-finite voxel (number %zu)\n", kProgram,
+            print_message("%s: %s has a non-finite voxel (number %zu)\n", kProgram,
                          inputs.stack_name, k);
             return 1;
         }
@@ -72,7 +73,7 @@ int check_shape(const retrieve_inputs& inputs, const image_stack_header& h,
     for (int w = 0; w < h.nw; ++w) {
         const double limit = 0.45 * h.wavelengths_nm[w] / 1000.0 / inputs.na;
         if (dx > limit) {
-            std::fprintf(stderr, "%s: the %g nm pixel is too coarse for NA %g at %g nm (at most "
+            print_message("%s: the %g nm pixel is too coarse for NA %g at %g nm (at most "
                          "%.0f nm, 0.45 wavelength / NA)\n", kProgram, dx * 1000.0, inputs.na,
                          double(h.wavelengths_nm[w]), limit * 1000.0);
             return 1;
@@ -135,18 +136,18 @@ int crop_wavelength(const retrieve_inputs& inputs, const image_stack_header& h,
     find_brightest(voxels, nx, ny, nz, &bx, &by, &bz, &peak);
     const char* which = h.nw > 1 ? " in one wavelength" : "";
     if (!(peak - median > kBeadSigmas * sigma) || !(peak > median)) {
-        std::fprintf(stderr, "%s: %s: no bead found%s: nothing stands out of the background "
+        print_message("%s: %s: no bead found%s: nothing stands out of the background "
                      "(%g, noise %g)\n", kProgram, inputs.stack_name, which, median, sigma);
         return 1;
     }
     if (bx == 0 || by == 0 || bx == nx - 1 || by == ny - 1 || bz == 0 || bz == nz - 1) {
-        std::fprintf(stderr, "%s: %s: no bead found%s: the brightest voxel (%d, %d, %d) lies on "
+        print_message("%s: %s: no bead found%s: the brightest voxel (%d, %d, %d) lies on "
                      "the stack's edge\n", kProgram, inputs.stack_name, which, bx, by, bz);
         return 1;
     }
     const int x0 = bx - n / 2, y0 = by - n / 2;
     if (x0 < 0 || y0 < 0 || x0 + n > nx || y0 + n > ny) {
-        std::fprintf(stderr, "%s: %s: the bead at pixel (%d, %d) lies too near the image's edge "
+        print_message("%s: %s: the bead at pixel (%d, %d) lies too near the image's edge "
                      "for a %d-pixel crop; give a smaller -size=\n", kProgram, inputs.stack_name,
                      bx, by, n);
         return 1;
@@ -165,7 +166,7 @@ int crop_wavelength(const retrieve_inputs& inputs, const image_stack_header& h,
     bead->bead_z = bz;
     bead->voxels.reset(new (std::nothrow) float[std::size_t(n) * n * nz]);
     if (!bead->voxels) {
-        std::fprintf(stderr, "%s: insufficient memory for the crop\n", kProgram);
+        print_message("%s: insufficient memory for the crop\n", kProgram);
         return 1;
     }
     for (int k = 0; k < nz; ++k)

@@ -10,6 +10,7 @@
 #include <torvel/render.hpp>
 #include <torvel/retrieve.hpp>
 #include <torvel/safeout.hpp>
+#include <torvel/messages.hpp>
 
 namespace torvel {
 namespace {
@@ -82,11 +83,11 @@ int fill_slot(void* context, int slot, const pupil_grid& grid, float* plane) {
 int write_text(const char* name, const char* text, std::size_t length) {
     safe_output out;
     if (safe_output_open(name, "w", &out) != 0) {
-        std::fprintf(stderr, "%s: %s: cannot be written\n", kProgram, name);
+        print_message("%s: %s: cannot be written\n", kProgram, name);
         return 1;
     }
     if (std::fwrite(text, 1, length, out.stream) != length || safe_output_commit(&out) != 0) {
-        std::fprintf(stderr, "%s: %s: cannot be written\n", kProgram, name);
+        print_message("%s: %s: cannot be written\n", kProgram, name);
         return 1;
     }
     return 0;
@@ -147,7 +148,7 @@ int write_retrieved_psf(const retrieve_inputs& inputs, const bead_data& data,
     const std::size_t pixels = std::size_t(n) * n, per_wavelength = pixels * nz;
     std::unique_ptr<float[]> voxels(new (std::nothrow) float[per_wavelength * data.wavelengths]);
     if (!voxels) {
-        std::fprintf(stderr, "%s: insufficient memory for the PSF stack\n", kProgram);
+        print_message("%s: insufficient memory for the PSF stack\n", kProgram);
         return 1;
     }
     for (int w = 0; w < data.wavelengths; ++w) {
@@ -172,7 +173,7 @@ int write_retrieval_log(const retrieve_inputs& inputs, const bead_data& data,
     const std::size_t room = 64 + rows * 48;
     std::unique_ptr<char[]> text(new (std::nothrow) char[room]);
     if (!text) {
-        std::fprintf(stderr, "%s: insufficient memory for the log\n", kProgram);
+        print_message("%s: insufficient memory for the log\n", kProgram);
         return 1;
     }
     std::size_t used = std::size_t(std::snprintf(text.get(), room, "wavelength_nm,iteration,error\n"));
@@ -191,7 +192,7 @@ int write_retrieval_outputs(const retrieve_inputs& inputs, const bead_data& data
     std::unique_ptr<std::complex<float>[]> images(
         new (std::nothrow) std::complex<float>[pixels * data.wavelengths]);
     if (!images) {
-        std::fprintf(stderr, "%s: insufficient memory for the pupil image\n", kProgram);
+        print_message("%s: insufficient memory for the pupil image\n", kProgram);
         return 1;
     }
     for (int w = 0; w < data.wavelengths; ++w)

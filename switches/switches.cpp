@@ -8,6 +8,8 @@
 #include <memory>
 #include <new>
 
+#include <torvel/messages.hpp>
+
 namespace torvel {
 namespace {
 
@@ -93,16 +95,16 @@ const char* find_switch_value(const char* prefix, const char* const* argv, int a
 
 void print_range_format_error(const char* program, const char* name, int allow_third) {
     if (allow_third) {
-        std::fprintf(stderr,
-                     "%s: %s expects one to three integer values; the first\n"
-                     "    two must be non-negative; the second must at least as\n"
-                     "    large as the first; the third must be positive\n",
-                     program, name);
+        print_message(
+            "%s: %s expects one to three integer values; the first\n"
+            "    two must be non-negative; the second must at least as\n"
+            "    large as the first; the third must be positive\n",
+            program, name);
     } else {
-        std::fprintf(stderr,
-                     "%s: %s expects one or two non-negative integer values\n"
-                     "    the second must be at least as large as the first\n",
-                     program, name);
+        print_message(
+            "%s: %s expects one or two non-negative integer values\n"
+            "    the second must be at least as large as the first\n",
+            program, name);
     }
 }
 
@@ -121,9 +123,8 @@ int check_range_values(const char* program, const char* name, const int* values,
             return result;
         }
         if (values[i] >= dim_size) {
-            std::fprintf(stderr,
-                         "%s: %s argument to %s greater than or equal to dimension size %d\n",
-                         program, kOrdinal[i], name, dim_size);
+            print_message("%s: %s argument to %s greater than or equal to dimension size %d\n",
+                          program, kOrdinal[i], name, dim_size);
             result = 1;
         } else {
             range[i] = values[i];
@@ -162,16 +163,15 @@ int resolve_wave_value(const char* program, const char* name, int value, const f
         return 0;
     }
     if (value < kLowestWavelength || value >= kWavelengthLimit) {
-        std::fprintf(stderr,
-                     "%s: values passed to %s are expected to be wavelengths "
-                     "or indices\n",
-                     program, name);
+        print_message(
+            "%s: values passed to %s are expected to be wavelengths "
+            "or indices\n",
+            program, name);
         return 1;
     }
     const int found = find_wavelength(file_waves, file_wave_count, value);
     if (found < 0) {
-        std::fprintf(stderr, "%s: wavelength %d is not present in the input file\n", program,
-                     value);
+        print_message("%s: wavelength %d is not present in the input file\n", program, value);
         return 1;
     }
     *index = found;
@@ -266,11 +266,11 @@ int handle_wave_switch(const char* program, const char* name, const char* text,
     }
     const int count = extract_switch_ints(text, max_values, values.get());
     if (count == 0) {
-        std::fprintf(stderr, "%s: %s expects at least one value\n", program, name);
+        print_message("%s: %s expects at least one value\n", program, name);
         return 1;
     }
     if (count > max_values) {
-        std::fprintf(stderr, "%s: %s expects at most %d values\n", program, name, max_values);
+        print_message("%s: %s expects at most %d values\n", program, name, max_values);
         return 1;
     }
     int result = 0;
@@ -303,10 +303,9 @@ int search_string_list(const char* const* list, int length, const char* text) {
 
 void print_invalid_name(const char* program, const char* name, const char* value,
                         const char* const* valid, int length) {
-    std::fprintf(stderr, "%s: invalid argument, %s, to %s; valid values are:", program, value,
-                 name);
+    print_message("%s: invalid argument, %s, to %s; valid values are:", program, value, name);
     for (int i = 0; i < length; ++i) {
-        std::fprintf(stderr, i + 1 < length ? " %s," : " %s\n", valid[i]);
+        print_message(i + 1 < length ? " %s," : " %s\n", valid[i]);
     }
 }
 

@@ -5,11 +5,12 @@
 # then, as an ordinary user (nobody): runs every program's -h and shows its
 # manual page, fits the sample image the package ships, reports the fit with
 # a figure, and builds the example that libtorvel-dev ships against it with
-# pkg-config. Finally purges the packages and checks that none of their files
+# pkg-config, and fits the sample with the Python module of python3-torvel
+# (when made). Finally purges the packages and checks that none of their files
 # is left, unless --keep is given (what apt-get fetched for them stays). Run
 # as root.
 #
-#   bash tools/check-deb.sh [--keep] [torvel_*.deb libtorvel-dev_*.deb]
+#   bash tools/check-deb.sh [--keep] [torvel_*.deb libtorvel-dev_*.deb [python3-torvel_*.deb]]
 set -euo pipefail
 trap 'echo "check-deb: stopped: \"$BASH_COMMAND\" failed (status $?)" >&2' ERR
 keep=0
@@ -26,7 +27,7 @@ if ((EUID != 0)); then
     exit 1
 fi
 
-for p in torvel libtorvel-dev; do
+for p in torvel libtorvel-dev python3-torvel; do
     if dpkg -s "$p" >/dev/null 2>&1; then
         echo "check-deb: $p is installed already; remove it first (dpkg --purge $p)" >&2
         exit 1
@@ -42,7 +43,11 @@ if ((${#debs[@]} == 0)); then
     quietly "build build/deb" build/deb.log cmake --build build/deb -j"$(nproc)"
     quietly "cpack -G DEB" build/deb.log sh -c 'cd build/deb && cpack -G DEB'
     debs=("$PWD"/build/deb/torvel_*.deb "$PWD"/build/deb/libtorvel-dev_*.deb)
+    python_deb=$(compgen -G "$PWD/build/deb/python3-torvel_*.deb" || true)
+    [[ -n $python_deb ]] && debs+=("$python_deb")
 fi
+packages=()
+for d in "${debs[@]}"; do packages+=("$(dpkg-deb -f "$d" Package)"); done
 for d in "${debs[@]}"; do
     dpkg-deb -f "$d" Package Version Depends | sed 's/^/  /'
 done
@@ -50,9 +55,9 @@ done
 export DEBIAN_FRONTEND=noninteractive
 quietly "apt-get install the packages" build/deb-install.log apt-get install -y "${debs[@]}" g++ pkgconf
 files=$(mktemp)
-dpkg -L torvel libtorvel-dev >"$files"
+dpkg -L "${packages[@]}" >"$files"
 purge() {
-    quietly "dpkg --purge torvel libtorvel-dev" build/deb-install.log dpkg --purge torvel libtorvel-dev
+    quietly "dpkg --purge ${packages[*]}" build/deb-install.log dpkg --purge "${packages[@]}"
     local left=0
     while read -r f; do
         if [[ -f $f || -L $f ]]; then
@@ -61,7 +66,9 @@ purge() {
         fi
     done <"$files"
     rm -f "$files"
-    if dpkg -s torvel >/dev/null 2>&1 || dpkg -s libtorvel-dev >/dev/null 2>&1 || ((left)); then
+    local p
+    for p in "${packages[@]}"; do dpkg -s "$p" >/dev/null 2>&1 && left=1; done
+    if ((left)); then
         echo "check-deb: the packages were not purged cleanly" >&2
         return 1
     fi
@@ -103,3 +110,9 @@ example=/usr/share/doc/libtorvel-dev/examples/pupil_model/pupil_model.cpp
 as_user sh -c "c++ -std=c++20 $example \$(pkg-config --cflags --libs torvel) -o pupil_model"
 as_user ./pupil_model fit.txt >"$work/model.txt"
 head -n 3 "$work/model.txt"
+if [[ " ${packages[*]} " == *" python3-torvel "* ]]; then
+    as_user /usr/bin/python3 -c 'import sys, torvel; torvel.fit(sys.argv[1]).write("py_fit.txt")' \
+        $doc/examples/pupil.mrc
+    cmp "$work/fit.txt" "$work/py_fit.txt"
+    echo "import torvel: the same fit file, from $(as_user /usr/bin/python3 -c 'import torvel; print(torvel.__file__)')"
+fi

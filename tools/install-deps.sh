@@ -9,11 +9,12 @@ source tools/quiet.sh
 # OpenBLAS, in its OpenMP build, is the LAPACK torvel links; the reference
 # LAPACK and the other OpenBLAS builds are there for the test that results do
 # not depend on the build. Making the Debian packages needs file and dpkg-dev
-# (dpkg-shlibdeps, dpkg-buildflags); their test needs lintian.
+# (dpkg-shlibdeps, dpkg-buildflags); their test needs lintian. pybind11,
+# Python's headers and pytest build and test the Python module.
 packages=(g++ cmake make libopenblas-openmp-dev libopenblas0-serial libopenblas0-pthread liblapack3
           libblas3 libgtest-dev libbenchmark-dev python3 python3-numpy python3-mrcfile pkgconf
           man-db groff-base libcairo2-dev nlohmann-json3-dev fonts-dejavu-core libfftw3-dev libtiff-dev
-          python3-tifffile file dpkg-dev lintian "$@")
+          python3-tifffile file dpkg-dev lintian pybind11-dev python3-dev python3-pytest "$@")
 missing=()
 for p in "${packages[@]}"; do
     dpkg -s "$p" >/dev/null 2>&1 || missing+=("$p")

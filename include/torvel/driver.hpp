@@ -42,6 +42,14 @@ void print_usage(std::FILE* stream);
 // Reports every problem on stderr and returns 1 if there was any, else 0.
 int parse_command_line(int argc, char** argv, fit_inputs* inputs);
 
+// Applies the option arguments options[0 .. count - 1], as they follow the
+// two file names on the command line, to *inputs, whose -w= selects from the
+// image's wavelengths waves_nm[0 .. wave_count - 1] (at most five): all of
+// them, in order, when no -w= is given. Reports every problem on stderr and
+// returns 1 if there was any, else 0.
+int parse_fit_options(int count, const char* const* options, const float* waves_nm, int wave_count,
+                      fit_inputs* inputs);
+
 // Writes the summary of the settled options to standard output.
 void print_input_summary(const fit_inputs& inputs);
 
@@ -123,10 +131,30 @@ int allocate_work_planes(const input_header& header, fit_run* run);
 // after "unable to open ... for writing".
 int open_residual_image(const fit_inputs& inputs, fit_run* run);
 
-// Reads, fits (amplitude, then unwrapped phase) and, when a residual image
-// is open, writes the residuals of selected wavelength slot. A plane with a
-// NaN or an infinity among the pixels the fit uses is refused before any
-// fit. Returns 0, or the failing step's status after its message.
+// Reads section w of the input open on stream 1 into the planes: amplitude
+// receives the section as read (2 * nx * ny floats for a complex image, split
+// in place into nx * ny amplitudes), phase nx * ny floats. Returns 0, or 1
+// after a message.
+int read_amplitude_and_phase(const input_header& header, int w, float* amplitude, float* phase);
+
+// Fits selected wavelength slot to its planes (nx * ny floats each, on the
+// header's geometry) into the slot's coefficient arrays of pupil: amplitude,
+// then the phase unwrapped in place. A plane with a NaN or an infinity among
+// the pixels the fit uses is refused before any fit. Returns 0, or the
+// failing step's status after its message.
+int fit_planes(const fit_inputs& inputs, const input_header& header, int slot,
+               const float* amplitude, float* phase, ParametricPupil* pupil);
+
+// Writes into residual (2 * nx * ny floats) the complex residual of slot's
+// fit in pupil to the planes fit_planes left (the phase unwrapped), and its
+// statistics into stats, as compute_residual does.
+void compute_slot_residual(const fit_inputs& inputs, const input_header& header, int slot,
+                           const float* amplitude, const float* phase, ParametricPupil* pupil,
+                           float* residual, float stats[3]);
+
+// Reads and fits selected wavelength slot into the run's planes and record
+// and, when a residual image is open, writes the residuals of the slot.
+// Returns 0, or the failing step's status after its message.
 int fit_wavelength(const fit_inputs& inputs, const input_header& header, int slot, fit_run* run);
 
 // The clean-up of a run that succeeded: closes the input and writes the

@@ -117,6 +117,11 @@ pupil_pixel locate_pupil_pixel(float x0, float y0, float dx, float dy, float cut
 // gets phase 0. Nothing is written when count <= 0.
 void separate_amplitude_phase(int count, float* samples, float* phase);
 
+// As separate_amplitude_phase, with the amplitudes written to
+// amplitude[0 .. count - 1] (which may be samples itself, or memory apart
+// from it) and samples left as they were when it is apart.
+void split_amplitude_phase(int count, const float* samples, float* amplitude, float* phase);
+
 // A complex value in single precision.
 struct fcomplex {
     float re;

@@ -67,6 +67,11 @@ ParametricPupil* create_parametric_pupil();
 // accepted and ignored.
 void destroy_parametric_pupil(ParametricPupil* pupil);
 
+// Returns a new record holding the same labels, optics, wavelengths, order
+// sets and coefficients as pupil, owned by the caller; null when pupil is
+// null or memory runs out.
+ParametricPupil* copy_parametric_pupil(const ParametricPupil* pupil);
+
 // ---- labels ----------------------------------------------------------------
 
 // Number of labels; 0 for a null record.

@@ -117,6 +117,14 @@ void print_render_usage(std::FILE* stream);
 // every problem on stderr; returns 1 if there was any, else 0.
 int parse_render_command_line(int argc, char** argv, render_inputs* inputs, pupil_ptr* model);
 
+// Fills *inputs from the options argv[1 .. argc - 1] (argv[0], the image
+// name on the command line, is not looked at) for the model in memory, whose
+// wavelengths -w= selects from; inputs->model_name names the model in
+// messages. Checks every option and the model against what an image can
+// hold, reporting every problem; returns 1 if there was any, else 0.
+int parse_render_options(int argc, const char* const* argv, const ParametricPupil& model,
+                         render_inputs* inputs);
+
 // The image about to be written, as far as the options and the model settle
 // it: its size, spacing, requested pupil centre and the type information and
 // wavelengths of its header.

@@ -21,6 +21,8 @@
 #include <string>
 #include <vector>
 
+#include <torvel/pupil.hpp>
+
 namespace torvel {
 
 // ---- terms and conventions ---------------------------------------------------
@@ -85,6 +87,11 @@ double model_immersion_index(const report_model& model);
 // positive, or an aperture above the immersion index (no focus shift is
 // defined then).
 int load_report_model(const char* file, report_model* model);
+
+// Fills *model from the record pupil, with file as its name in the report.
+// Returns 0, or 1 after one message when the report cannot give figures for
+// it (no wavelength, a wavelength that is not positive).
+int take_report_model(const char* file, ParametricPupil* pupil, report_model* model);
 
 // ---- figures of merit --------------------------------------------------------
 
@@ -165,6 +172,9 @@ void print_report_table(std::FILE* stream, std::span<const report_entry> entries
 // the optics and the conventions as JSON to name, through safeout. Returns 0,
 // or 1 after one message.
 int write_report_json(const char* name, std::span<const report_entry> entries);
+
+// The JSON text write_report_json writes, newline-ended.
+std::string report_json_text(std::span<const report_entry> entries);
 
 // Writes every coefficient of every wavelength of every entry as CSV to name,
 // with the conventions and optics in leading "#" lines, through safeout.

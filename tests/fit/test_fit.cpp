@@ -377,6 +377,12 @@ TEST(SeparateAmplitudePhase, splits_samples_in_place_with_the_stated_edge_cases)
     for (std::size_t i = 0; i < many.size(); ++i) many[i] = std::sin(0.37f * static_cast<float>(i));
     const std::vector<float> before = many;
     separate_amplitude_phase(50000, many.data(), many_phase.data());
+    // Split into memory apart from the samples: the same values, the
+    // samples left as they were.
+    std::vector<float> apart(50000), apart_phase(50000);
+    split_amplitude_phase(50000, before.data(), apart.data(), apart_phase.data());
+    EXPECT_EQ(apart, std::vector<float>(many.begin(), many.begin() + 50000));
+    EXPECT_EQ(apart_phase, many_phase);
     for (std::size_t i = 0; i < many_phase.size(); ++i) {
         std::vector<float> one(before.begin() + 2 * i, before.begin() + 2 * i + 2);
         float one_phase = 0.0f;

@@ -4,7 +4,8 @@
 # pkg-config, and both read a fit that the installed torvel made of the
 # sample image. Also: the exported files name no absolute path, and every
 # installed manual page shows with `man -l`.
-# Called with -DBUILD_DIR=... -DSOURCE_DIR=... -DCXX=... -DCXX_FLAGS=...
+# Called with -DBUILD_DIR=... -DSOURCE_DIR=... -DCXX=... -DCXX_FLAGS=... and,
+# when the build makes the Python module, -DPYTHON=<its interpreter>.
 include(${CMAKE_CURRENT_LIST_DIR}/run.cmake)
 
 run(mktemp -d -t torvel-install-check.XXXXXX)
@@ -34,6 +35,20 @@ endforeach()
 file(COPY ${SOURCE_DIR}/examples/pupil_model DESTINATION ${work})
 set(example ${work}/pupil_model)
 run(${prefix}/bin/torvel ${SOURCE_DIR}/sample/pupil.mrc ${work}/fit.txt)
+
+# The Python module, when the build makes one, imports from where it is
+# installed and fits the sample into the program's fit file.
+if(PYTHON)
+  file(GLOB module ${prefix}/lib/python3*/dist-packages/torvel*.so)
+  if(NOT module)
+    message(FATAL_ERROR "no Python module installed in ${prefix}/lib/python3*/dist-packages")
+  endif()
+  get_filename_component(module_dir ${module} DIRECTORY)
+  run(${CMAKE_COMMAND} -E env PYTHONPATH=${module_dir} ${PYTHON} -c
+      "import sys, torvel\ntorvel.fit(sys.argv[1]).write(sys.argv[2])"
+      ${SOURCE_DIR}/sample/pupil.mrc ${work}/python_fit.txt)
+  run(${CMAKE_COMMAND} -E compare_files ${work}/fit.txt ${work}/python_fit.txt)
+endif()
 
 run(${CMAKE_COMMAND} -S ${example} -B ${work}/cmake-build "-DCMAKE_PREFIX_PATH=${prefix}"
     "-DCMAKE_CXX_COMPILER=${CXX}" "-DCMAKE_CXX_FLAGS=${CXX_FLAGS}")

@@ -189,5 +189,35 @@ TEST(ParametricPupilRecord, resizes_inserts_and_deletes_wavelengths_in_capacity_
     for (int w = 0; w < 4; ++w) EXPECT_EQ(wave_of(p.get(), w), w == 1 ? fresh : moved(w - (w > 1)));
 }
 
+TEST(ParametricPupilRecord, copies_into_a_record_of_its_own) {
+    Pupil p(create_parametric_pupil());
+    ASSERT_NE(set_parametric_pupil_na_nimm(p.get(), 1.2f, 1.33f), nullptr);
+    ASSERT_NE(set_parametric_pupil_lens_id(p.get(), 7), nullptr);
+    ASSERT_NE(insert_parametric_pupil_label(p.get(), 1, "second"), nullptr);  // "" before it
+    ASSERT_NE(set_parametric_pupil_amplitude_zernike_orders(p.get(), -1, -1), nullptr);
+    ASSERT_NE(set_parametric_pupil_phase_zernike_orders(p.get(), 6, 6), nullptr);
+    ASSERT_NE(set_parametric_pupil_amplitude_polarf_orders(p.get(), 1, 0), nullptr);
+    ASSERT_NE(set_parametric_pupil_wavelength_count(p.get(), 2), nullptr);
+    for (int w = 0; w < 2; ++w) {
+        ASSERT_NE(set_parametric_pupil_wavelength(p.get(), w, 0.5f + w), nullptr);
+        for (int k = 0; k < 28; ++k)
+            get_parametric_pupil_phase_zernike_coeff(p.get(), w)[k] = k + w;
+        get_parametric_pupil_amplitude_polarf_coeff(p.get(), w)[2] = 3.0 + w;
+    }
+    // Lowered sets keep longer arrays; the copy holds what the counts reach.
+    ASSERT_NE(set_parametric_pupil_phase_zernike_orders(p.get(), 4, 2), nullptr);
+
+    Pupil copy(copy_parametric_pupil(p.get()));
+    ASSERT_NE(copy, nullptr);
+    EXPECT_EQ(header_of(copy.get()), header_of(p.get()));
+    EXPECT_EQ(labels_of(copy.get()), labels_of(p.get()));
+    for (int w = 0; w < 2; ++w) {
+        EXPECT_EQ(wave_of(copy.get(), w), wave_of(p.get(), w)) << w;
+        EXPECT_NE(get_parametric_pupil_phase_zernike_coeff(copy.get(), w),
+                  get_parametric_pupil_phase_zernike_coeff(p.get(), w));
+    }
+    EXPECT_EQ(copy_parametric_pupil(nullptr), nullptr);
+}
+
 }  // namespace
 }  // namespace torvel
