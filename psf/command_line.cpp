@@ -67,7 +67,7 @@ struct option_args {
 
 int parse_size(const option_args& args, psf_inputs* inputs) {
     int values[3] = {0, 0, 0};
-    const int count = get_intswitchc(kSizeOption, args.argv, args.argc, 3, values);
+    const int count = get_intswitch_within(kSizeOption, args.argv, args.argc, 3, 1, kMaxSide, values);
     if (count == -1) return 0;
     if (count == 1) values[1] = values[0];
     if (count < 3) values[2] = inputs->nz;

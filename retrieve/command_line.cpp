@@ -102,7 +102,7 @@ int parse_positive(const option_args& args, const char* option, const char* what
 
 int parse_integer(const option_args& args, const char* option, int low, int high, int* value) {
     int v = 0;
-    const int count = get_intswitchc(option, args.argv, args.argc, 1, &v);
+    const int count = get_intswitch_within(option, args.argv, args.argc, 1, low, high, &v);
     if (count == -1) return 0;
     if (count != 1 || v < low || v > high) {
         print_message("%s: %s expects one integer from %d to %d\n", kProgram, option, low,

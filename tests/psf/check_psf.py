@@ -83,7 +83,7 @@ check(r.returncode == 0 and r.stdout.startswith("usage: torvel-psf") and r.stder
 # Every problem of one command line in one run; the earlier file untouched.
 with open(path("keep.mrc"), "wb") as f:
     f.write(b"earlier")
-r = run(model, path("keep.mrc"), "-size=0", "-dx=-5", "-model=vectorial", "-normalize=max",
+r = run(model, path("keep.mrc"), "-size=4294967312", "-dx=-5", "-model=vectorial", "-normalize=max",
         "-w=9", "-drop=focus", "-colour=red")
 lines = r.stderr.splitlines()
 check(r.returncode == 1 and len(lines) >= 7 and all(l.startswith("torvel-psf: ") for l in lines),
