@@ -19,9 +19,8 @@ constexpr const char* kDxOption = "-dx=";
 constexpr const char* kDzOption = "-dz=";
 constexpr const char* kModelOption = "-model=";
 constexpr const char* kNormalizeOption = "-normalize=";
-constexpr const char* kOptions[] = {kSizeOption,  kDxOption,        kDzOption, "-w=",
-                                    "-drop=",     "-amplitude=",    kModelOption,
-                                    kNormalizeOption};
+constexpr const char* kOptions[] = {kSizeOption, kDxOption,     kDzOption,    "-w=",
+                                    "-drop=",    "-amplitude=", kModelOption, kNormalizeOption};
 constexpr const char* kModels[] = {"scalar", "vector"};
 constexpr const char* kNormalizations[] = {"sum", "peak", "none"};
 
@@ -60,22 +59,20 @@ constexpr const char* kUsageLines[] = {
     "        makes its largest voxel 1; none leaves |E|^2 in um^-4.",
 };
 
-struct option_args {
-    const char* const* argv;
-    int argc;
-};
+using option_args = switch_args;
 
 int parse_size(const option_args& args, psf_inputs* inputs) {
     int values[3] = {0, 0, 0};
-    const int count = get_intswitch_within(kSizeOption, args.argv, args.argc, 3, 1, kMaxSide, values);
+    const int count =
+        get_intswitch_within(kSizeOption, args.argv, args.argc, 3, 1, kMaxSide, values);
     if (count == -1) return 0;
     if (count == 1) values[1] = values[0];
     if (count < 3) values[2] = inputs->nz;
     bool good = count >= 1 && count <= 3;
     for (const int v : values) good = good && v >= 1 && v <= kMaxSide;
     if (!good) {
-        print_message("%s: %s expects one to three integers from 1 to %d, nx[:ny[:nz]]\n",
-                     kProgram, kSizeOption, kMaxSide);
+        print_message("%s: %s expects one to three integers from 1 to %d, nx[:ny[:nz]]\n", kProgram,
+                      kSizeOption, kMaxSide);
         return 1;
     }
     inputs->nx = values[0];
@@ -100,18 +97,18 @@ int parse_spacing(const option_args& args, const char* option, double* nm) {
 // The output must be a stack format the image layer writes, and not the fit file.
 int check_output_name(const psf_inputs& inputs) {
     const char* dot = std::strrchr(inputs.output_name, '.');
-    const bool known = dot != nullptr && (std::strcmp(dot, ".mrc") == 0 ||
-                                          std::strcmp(dot, ".tif") == 0 ||
-                                          std::strcmp(dot, ".tiff") == 0);
+    const bool known =
+        dot != nullptr && (std::strcmp(dot, ".mrc") == 0 || std::strcmp(dot, ".tif") == 0 ||
+                           std::strcmp(dot, ".tiff") == 0);
     int error = 0;
     if (!known) {
         print_message("%s: %s: the name must end in .mrc, .tif or .tiff\n", kProgram,
-                     inputs.output_name);
+                      inputs.output_name);
         error = 1;
     }
     if (same_file(inputs.output_name, inputs.model_name)) {
         print_message("%s: %s is the fit file; it is not overwritten\n", kProgram,
-                     inputs.output_name);
+                      inputs.output_name);
         error = 1;
     }
     return error;

@@ -78,10 +78,7 @@ constexpr const char* kModelChoiceUsageLines[] = {
 };
 
 // The switch helpers search argv[1] on; the options begin at argv[3].
-struct option_args {
-    const char* const* argv;
-    int argc;
-};
+using option_args = switch_args;
 
 int parse_size(const option_args& args, render_inputs* inputs) {
     int values[2] = {0, 0};

@@ -82,10 +82,7 @@ constexpr const char* kUsageLines[] = {
     "        Print this text and exit.",
 };
 
-struct option_args {
-    const char* const* argv;
-    int argc;
-};
+using option_args = switch_args;
 
 // One positive finite number, or nothing.
 int parse_positive(const option_args& args, const char* option, const char* what, double* value) {

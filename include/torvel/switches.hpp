@@ -8,6 +8,14 @@
 
 namespace torvel {
 
+// A command line's arguments as the switch helpers search them, argv[1] to
+// argv[argc - 1]; the companion programs pass the part after their file
+// names this way.
+struct switch_args {
+    const char* const* argv;
+    int argc;
+};
+
 // Scans text as integers separated by ":" ("%d" rules: leading white space
 // skipped, a sign may start the next number, so "3-4" gives 3 and -4).
 // Stores the first `room` values in values[0..room-1]; later ones are counted
