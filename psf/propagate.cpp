@@ -18,10 +18,11 @@ namespace torvel {
 struct psf_fft_plans {
     fftwf_plan rows = nullptr;     // side rows of length M, contiguous
     fftwf_plan columns = nullptr;  // nx columns of length M, each contiguous
+    fftwf_plan one_row = nullptr;  // a single row of length M, for a grid of one row
     // The same transforms the other way, for psf_adjoint_field.
     fftwf_plan rows_adjoint = nullptr, columns_adjoint = nullptr;
     ~psf_fft_plans() {
-        for (fftwf_plan plan : {rows, columns, rows_adjoint, columns_adjoint})
+        for (fftwf_plan plan : {rows, columns, one_row, rows_adjoint, columns_adjoint})
             if (plan) fftwf_destroy_plan(plan);
     }
 };
@@ -252,7 +253,10 @@ int make_plans(psf_propagator* pr) {
                                               nullptr, 1, m, FFTW_FORWARD, kPlanning);
     plans->columns_adjoint = fftwf_plan_many_dft(1, n, nx, c.get(), nullptr, 1, m, d.get(), nullptr,
                                                  1, m, FFTW_FORWARD, kPlanning);
-    if (!plans->rows || !plans->columns || !plans->rows_adjoint || !plans->columns_adjoint)
+    if (pr->grid.ny == 1)
+        plans->one_row = fftwf_plan_dft_1d(m, a.get(), b.get(), FFTW_BACKWARD, kPlanning);
+    if (!plans->rows || !plans->columns || !plans->rows_adjoint || !plans->columns_adjoint ||
+        (pr->grid.ny == 1 && !plans->one_row))
         return 1;
     pr->plans = std::move(plans);
     return 0;
@@ -294,6 +298,28 @@ void step_pupil(const psf_propagator& pr, psf_buffers* w) {
     }
 }
 
+// field_of_weighted for a grid of one row, which lies at y = 0: there the
+// column transforms would be read at index 0 only, the sum of their inputs,
+// so the pupil's rows are summed first and one transform of length M
+// replaces side + nx of them (an x-z section costs a plane's pupil points).
+template <class Sink>
+void field_of_weighted_row(const psf_propagator& pr, const float* factor, psf_buffers* w,
+                           Sink&& sink) {
+    const int m = pr.fft_size, side = pr.side, r = pr.radius;
+    auto* row = reinterpret_cast<std::complex<float>*>(w->row_in.get());
+    std::fill(row, row + m, std::complex<float>(0.0f));
+    for (int q = 0; q < side; ++q) {
+        const std::complex<float>* from = w->weighted.get() + std::size_t(q) * side;
+        const float* scale = factor ? factor + std::size_t(q) * side : nullptr;
+        for (int p = pr.row_begin[q]; p < pr.row_end[q]; ++p)
+            row[p < r ? p - r + m : p - r] += scale ? from[p] * scale[p] : from[p];
+    }
+    fftwf_execute_dft(pr.plans->one_row, w->row_in.get(), w->row_out.get());
+    const auto* out = reinterpret_cast<const std::complex<float>*>(w->row_out.get());
+    for (int i = 0; i < pr.grid.nx; ++i)
+        sink(std::size_t(i), out[pr.column_at[i]] * (pr.sinc_x[i] * pr.sinc_y[0]));
+}
+
 // The field of work's weighted pupil times factor (-1: none): calls
 // sink(pixel, value) once for each pixel (j nx + i) of the plane.
 template <class Sink>
@@ -302,6 +328,10 @@ void field_of_weighted(const psf_propagator& pr, int factor, psf_buffers* w, Sin
     const std::size_t points = std::size_t(side) * side;
     const float* f = factor >= 0 ? pr.factor.get() + std::size_t(factor) * points : nullptr;
     auto* rows = reinterpret_cast<std::complex<float>*>(w->row_in.get());
+    if (ny == 1) {
+        field_of_weighted_row(pr, f, w, sink);
+        return;
+    }
     for (int q = 0; q < side; ++q) {
         std::complex<float>* row = rows + std::size_t(q) * m;
         const std::complex<float>* from = w->weighted.get() + std::size_t(q) * side;

@@ -1,7 +1,7 @@
 // The PNG figure of one fit, drawn with cairo: per wavelength a band with an
 // amplitude row and a phase row (measured, fitted, residual side by side) and
-// the phase at best focus with contour lines, each panel the pupil disc with
-// its title and a colour bar with units.
+// the phase at best focus with contour lines beside the PSF there, each panel
+// the pupil disc (or a PSF section) with its title and a colour bar with units.
 
 #include <algorithm>
 #include <cairo.h>
@@ -38,12 +38,14 @@ constexpr int kBarWidth = 14;
 constexpr int kMargin = 16;
 constexpr int kHeaderHeight = 58;
 constexpr int kBandHeading = 34;
-constexpr int kFooterHeight = 48;
+constexpr int kFooterHeight = 64;
 constexpr int kMinimumWidth = 700;
 // The largest side of an image surface cairo makes.
 constexpr int kMaxFigureSide = 32767;
 // Pixels across the disc of a fitted panel drawn without an image.
 constexpr int kModelGridRadius = kDisc / 2;
+// The PSF panels span this many decades below the brightest sample.
+constexpr double kPsfDecades = 4.0;
 
 constexpr float kNotInDisc = std::numeric_limits<float>::quiet_NaN();
 
@@ -62,6 +64,12 @@ struct panel {
     bool diverging = false;
     double lo = 0.0, hi = 1.0;
     bool contours = false;  // contour lines at the colour bar's ticks
+    // A PSF section instead of the pupil disc: columns x rows samples, row 0
+    // at the bottom, spanning ±half_across_um and ±half_up_um; values are
+    // log10 of the intensity over its peak, so the bar reads in decades.
+    int columns = 0, rows = 0;
+    double half_across_um = 0.0, half_up_um = 0.0;
+    std::string up_axis{};
 };
 
 // One wavelength: the pixels it is drawn on and its rows of panels.
@@ -112,28 +120,6 @@ panel empty_panel(const band& b, std::string title, std::string unit, bool diver
     return p;
 }
 
-// One series of a fit, ready to be evaluated point after point: up to its
-// last term that is not zero, with the radial recurrence (O(n^2) a point at
-// any order) and its own scratch; the neutral value (1 for an amplitude, 0
-// for a phase) when there is no series.
-struct series_values {
-    const std::vector<double>& c;
-    int n, m;
-    double neutral;
-    std::vector<double> scratch;
-
-    series_values(const std::vector<double>& coeffs, int set_n, int set_m, double neutral_value)
-        : c(coeffs), n(-1), m(-1), neutral(neutral_value) {
-        if (!c.empty()) zernike_set_in_use(set_n, set_m, c.data(), &n, &m);
-        scratch.resize(std::size_t(zernike_recurrent_scratch_size(n)));
-    }
-
-    double at(double rho, double theta) {
-        if (c.empty()) return neutral;
-        return evaluate_zernike_series_recurrent(rho, theta, n, m, c.data(), scratch.data());
-    }
-};
-
 // The fitted amplitude and phase of wavelength w over the band's pixels.
 void add_fitted(const report_model& model, int w, const band& b, panel* amplitude, panel* phase) {
     const report_wavelength& fit = model.waves[std::size_t(w)];
@@ -149,9 +135,7 @@ void add_fitted(const report_model& model, int w, const band& b, panel* amplitud
 // shift that the metrics found, the focus evaluated exactly at each pixel.
 void add_best_focus(const report_model& model, int w, const wavelength_metrics& metrics,
                     const band& b, panel* waves) {
-    std::vector<double> c = model.waves[std::size_t(w)].phase;
-    const int last = std::min(int(c.size()) - 1, zernike_term_index(1, 1) + 1);
-    for (int slot = 0; slot <= last; ++slot) c[std::size_t(slot)] = 0.0;
+    const std::vector<double> c = phase_without_tilt(model, w);
     series_values rest(c, model.phase_n, model.phase_m, 0.0);
     for_each_disc_pixel(b, [&](std::size_t k, std::size_t, double rho, double theta) {
         const double phase = rest.at(rho, theta) -
@@ -258,9 +242,54 @@ image_geometry model_grid() {
             2 * kModelGridRadius + 1, 2 * kModelGridRadius + 1};
 }
 
-// Builds the band of wavelength w from whatever sources there are.
+// The two PSF panels of a wavelength in window, their values still to come.
+std::vector<panel> psf_panels(const psf_window& window) {
+    auto section = [&](std::string title, std::string up_axis, int rows, double spacing) {
+        panel p{std::move(title), "I / peak", {}, false, -kPsfDecades, 0.0};
+        p.columns = window.n;
+        p.rows = rows;
+        p.half_across_um = 0.5 * window.n * window.dx_um;
+        p.half_up_um = 0.5 * rows * spacing;
+        p.up_axis = std::move(up_axis);
+        return p;
+    };
+    std::vector<panel> panels;
+    panels.push_back(section("PSF x\u2013y at best focus", "y  (\u00b5m)", window.n, window.dx_um));
+    panels.push_back(section("PSF x\u2013z through best focus", "z \u2212 \u0394z  (\u00b5m)",
+                             window.planes, window.dz_um));
+    return panels;
+}
+
+// Computes the PSF of wavelength w into the band's PSF panels, the last two
+// of its last row: log10 of the intensity over the brightest sample of
+// either section, down to kPsfDecades below it. Returns 0, or 1 after a
+// message.
+int add_psf(const char* png_name, const report_entry& entry, int w, const psf_window& window,
+            band* b) {
+    psf_sections s;
+    if (compute_psf_sections(png_name, entry.model, w, entry.metrics[std::size_t(w)], window, &s) !=
+        0)
+        return 1;
+    float peak = 0.0f;
+    for (const std::vector<float>* v : {&s.xy, &s.xz})
+        for (float value : *v) peak = std::max(peak, value);
+    std::vector<panel>& row = b->rows.back();
+    panel* xy = &row[row.size() - 2];
+    for (auto [p, values] : {std::pair{xy, &s.xy}, std::pair{xy + 1, &s.xz}}) {
+        p->values.resize(values->size());
+        for (std::size_t k = 0; k < values->size(); ++k) {
+            const double level =
+                peak > 0.0f ? std::log10(double((*values)[k]) / peak) : -kPsfDecades;
+            p->values[k] = float(std::max(level, -kPsfDecades));
+        }
+    }
+    return 0;
+}
+
+// Builds the band of wavelength w from whatever sources there are, with
+// the PSF panels of window still empty (add_psf fills them).
 band make_band(const report_entry& entry, int w, const measured_pupil* measured,
-               const residual_image* residual) {
+               const residual_image* residual, const psf_window& window) {
     band b;
     b.heading = heading_of(entry.metrics[std::size_t(w)]);
     b.notes = aberration_notes(entry.metrics[std::size_t(w)]);
@@ -302,11 +331,13 @@ band make_band(const report_entry& entry, int w, const measured_pupil* measured,
     best_focus.back().contours = true;
     add_best_focus(entry.model, w, entry.metrics[std::size_t(w)], b, &best_focus.back());
     set_common_range({&best_focus.back()});
-    if (amplitude.size() == 1) {  // the fit alone: one row of amplitude, phase, best focus
+    std::vector<panel> psf = psf_panels(window);
+    if (amplitude.size() == 1) {  // the fit alone: amplitude, phase, best focus; the PSF below
         amplitude.push_back(std::move(phase.front()));
         amplitude.push_back(std::move(best_focus.front()));
-        b.rows = {std::move(amplitude)};
+        b.rows = {std::move(amplitude), std::move(psf)};
     } else {
+        for (panel& p : psf) best_focus.push_back(std::move(p));
         b.rows = {std::move(amplitude), std::move(phase), std::move(best_focus)};
     }
     return b;
@@ -405,6 +436,17 @@ double tick_step(double range) {
     return power * (f < 1.5 ? 1.0 : f < 3.5 ? 2.0 : f < 7.5 ? 5.0 : 10.0);
 }
 
+// 10 to the integer power t, written as such ("1" for t = 0).
+std::string power_of_ten(double t) {
+    static const char* const kDigits[10] = {"\u2070", "\u00b9", "\u00b2", "\u00b3", "\u2074",
+                                            "\u2075", "\u2076", "\u2077", "\u2078", "\u2079"};
+    const long power = std::lround(t);
+    if (power == 0) return "1";
+    std::string digits;
+    for (long rest = std::labs(power); rest > 0; rest /= 10) digits.insert(0, kDigits[rest % 10]);
+    return std::string("10") + (power < 0 ? "\u207b" : "") + digits;
+}
+
 // The colour bar at (x, y), kDisc high, low values at the bottom, with ticks
 // and the unit above it.
 void draw_colour_bar(cairo_t* cr, const panel& p, double x, double y) {
@@ -431,7 +473,7 @@ void draw_colour_bar(cairo_t* cr, const panel& p, double x, double y) {
         cairo_stroke(cr);
         char label[32];
         std::snprintf(label, sizeof label, "%.*f", decimals, std::fabs(t) < 0.5 * step ? 0.0 : t);
-        text_at(cr, x + kBarWidth + 7, ty + 4, label);
+        text_at(cr, x + kBarWidth + 7, ty + 4, p.columns > 0 ? power_of_ten(t) : label);
     }
     set_font(cr, 12.0, true);
     text_at(cr, x, y + kDisc + 16, p.unit);
@@ -518,10 +560,31 @@ void text_aligned(cairo_t* cr, double x, double y, const std::string& text, doub
     text_at(cr, x - align * extents.x_advance, y, text);
 }
 
-// The pupil axes kx (below the disc) and ky (left of it) in units of NA /
-// wavelength, ticks at every half unit, so orientation and scale are on the
-// picture.
-void draw_axes(cairo_t* cr, double cx, double cy) {
+// An axis of a panel: values from -half to half across the square of the
+// disc, and the axis's name.
+struct axis {
+    double half;
+    std::string name;
+};
+
+// A labelled step of 1, 2 or 5 times a power of ten, the largest not beyond
+// half, so that an axis carries three to five labels.
+double label_step(double half) {
+    const double power = std::pow(10.0, std::floor(std::log10(half)));
+    const double f = half / power;
+    return power * (f < 2.0 ? 1.0 : f < 5.0 ? 2.0 : 5.0);
+}
+
+// The value t as an axis label, with a true minus sign.
+std::string axis_label(double t) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%g", std::fabs(t));
+    return (t < 0.0 ? "\u2212" : "") + std::string(text);
+}
+
+// Axes below the square about (cx, cy) (across) and left of it (up), ticks
+// at every half label step, so that orientation and scale are on the picture.
+void draw_axes(cairo_t* cr, double cx, double cy, const axis& across, const axis& up) {
     const double r = kDisc / 2.0, below = cy + r + 5.0, left = cx - r - 5.0;
     cairo_set_source_rgb(cr, 0.25, 0.25, 0.25);
     cairo_set_line_width(cr, 1.0);
@@ -530,24 +593,58 @@ void draw_axes(cairo_t* cr, double cx, double cy) {
     cairo_move_to(cr, left, cy - r);
     cairo_line_to(cr, left, cy + r);
     set_font(cr, 11.0, false);
-    for (int k = -2; k <= 2; ++k) {
-        const double d = 0.5 * k * r;
-        cairo_move_to(cr, cx + d, below);
-        cairo_line_to(cr, cx + d, below + 4.0);
-        cairo_move_to(cr, left, cy - d);
-        cairo_line_to(cr, left - 4.0, cy - d);
-        if (k % 2 != 0) continue;
-        const std::string label = k == 0 ? "0" : k > 0 ? "1" : "\u22121";
-        text_aligned(cr, cx + d, below + 15.0, label, 0.5);
-        text_aligned(cr, left - 6.0, cy - d + 4.0, label, 1.0);
+    double widest = 0.0;
+    for (const bool is_across : {true, false}) {
+        const axis& a = is_across ? across : up;
+        const double step = label_step(a.half), last = std::floor(a.half / (0.5 * step) + 1e-9);
+        for (double k = -last; k <= last; ++k) {
+            const double d = 0.5 * k * step / a.half * r;
+            if (is_across) {
+                cairo_move_to(cr, cx + d, below);
+                cairo_line_to(cr, cx + d, below + 4.0);
+            } else {
+                cairo_move_to(cr, left, cy - d);
+                cairo_line_to(cr, left - 4.0, cy - d);
+            }
+            if (std::fmod(std::fabs(k), 2.0) != 0.0) continue;
+            const std::string label = axis_label(0.5 * k * step);
+            if (is_across) {
+                text_aligned(cr, cx + d, below + 15.0, label, 0.5);
+            } else {
+                text_aligned(cr, left - 6.0, cy - d + 4.0, label, 1.0);
+                cairo_text_extents_t extents;
+                cairo_text_extents(cr, label.c_str(), &extents);
+                widest = std::max(widest, extents.x_advance);
+            }
+        }
     }
     cairo_stroke(cr);
-    text_aligned(cr, cx, below + 28.0, "kx  (NA / \u03bb)", 0.5);
+    text_aligned(cr, cx, below + 28.0, across.name, 0.5);
     cairo_save(cr);
-    cairo_translate(cr, left - 20.0, cy);
+    cairo_translate(cr, std::min(left - 20.0, left - 8.0 - widest), cy);
     cairo_rotate(cr, -std::numbers::pi / 2.0);
-    text_aligned(cr, 0.0, 0.0, "ky  (NA / \u03bb)", 0.5);
+    text_aligned(cr, 0.0, 0.0, up.name, 0.5);
     cairo_restore(cr);
+}
+
+// A PSF section in the square where a pupil panel has its disc, each sample
+// a cell (row 0 at the bottom), framed, with its axes in µm.
+void draw_section(cairo_t* cr, const panel& p, double cx, double cy) {
+    const double left = cx - kDisc / 2.0, top = cy - kDisc / 2.0;
+    cairo_surface_t* image = raster(p, {0, p.columns - 1, 0, p.rows - 1});
+    cairo_save(cr);
+    cairo_translate(cr, left, top);
+    cairo_scale(cr, double(kDisc) / p.columns, double(kDisc) / p.rows);
+    cairo_set_source_surface(cr, image, 0.0, 0.0);
+    cairo_pattern_set_filter(cairo_get_source(cr), CAIRO_FILTER_NEAREST);
+    cairo_paint(cr);
+    cairo_restore(cr);
+    cairo_surface_destroy(image);
+    cairo_set_source_rgb(cr, 0.25, 0.25, 0.25);
+    cairo_set_line_width(cr, 1.0);
+    cairo_rectangle(cr, left - 0.5, top - 0.5, kDisc + 1.0, kDisc + 1.0);
+    cairo_stroke(cr);
+    draw_axes(cr, cx, cy, {p.half_across_um, "x  (\u00b5m)"}, {p.half_up_um, p.up_axis});
 }
 
 void draw_panel(cairo_t* cr, const band& b, const panel& p, double x, double y, bool axes) {
@@ -557,11 +654,15 @@ void draw_panel(cairo_t* cr, const band& b, const panel& p, double x, double y, 
     const double top = y + kTitleHeight;
     const double cx = x + kDiscLeft + kDisc / 2.0, cy = top + kDisc / 2.0;
     const double bar_x = x + kDiscLeft + kDisc + kBarGap;
+    draw_colour_bar(cr, p, bar_x, top);
+    if (p.columns > 0) {
+        draw_section(cr, p, cx, cy);
+        return;
+    }
     const disc_mapping at = mapping_of(b, cx, cy);
     draw_disc(cr, b, p, at);
-    draw_colour_bar(cr, p, bar_x, top);
     if (p.contours) draw_contours(cr, b, p, at, bar_x, top);
-    if (axes) draw_axes(cr, cx, cy);
+    if (axes) draw_axes(cr, cx, cy, {1.0, "kx  (NA / \u03bb)"}, {1.0, "ky  (NA / \u03bb)"});
 }
 
 // The notes of a band in the cell at (x, y): a heading, then lines, an empty
@@ -639,13 +740,16 @@ void draw_figure(cairo_t* cr, const report_entry& entry, const std::vector<band>
     }
     set_font(cr, 12.0, false);
     cairo_set_source_rgb(cr, 0.3, 0.3, 0.3);
-    text_at(cr, kMargin, size.height - 28,
+    text_at(cr, kMargin, size.height - 44,
             "x (image columns) to the right, y (rows) up; theta runs from +x towards +y. Circle: "
             "pupil edge, NA / \u03bb. Phase in rad as fitted, piston and tilt included.");
-    text_at(cr, kMargin, size.height - 12,
+    text_at(cr, kMargin, size.height - 28,
             std::string("At best focus: less piston, tilt and the focus shift \u0394z (> 0: focus "
                         "at +z), in waves, contours at the ticks") +
                 (residual ? "; residual = measured \u2212 fitted." : "."));
+    text_at(cr, kMargin, size.height - 12,
+            "PSF: vector model of the fitted pupil less piston and tilt, intensity over the peak "
+            "of both sections, log scale; x\u2013z at y = 0, z from best focus.");
 }
 
 cairo_status_t write_to_file(void* closure, const unsigned char* data, unsigned int length) {
@@ -704,10 +808,11 @@ int write_report_figure(const char* png_name, const report_entry& entry, const c
         status = check_same_pixels(image_name, measured.geometry, residual_name, residual.geometry);
     if (status != 0) return 1;
 
+    const psf_window window = psf_window_of(entry.model);
     std::vector<band> bands;
     for (int w = 0; w < int(entry.model.waves.size()); ++w) {
         bands.push_back(make_band(entry, w, image_name ? &measured : nullptr,
-                                  residual_name ? &residual : nullptr));
+                                  residual_name ? &residual : nullptr, window));
     }
     const figure_size size = size_of(bands);
     if (size.height > kMaxFigureSide) {
@@ -716,6 +821,8 @@ int write_report_figure(const char* png_name, const report_entry& entry, const c
                      png_name, bands.size(), size.height, kMaxFigureSide);
         return 1;
     }
+    for (int w = 0; w < int(bands.size()); ++w)
+        if (add_psf(png_name, entry, w, window, &bands[std::size_t(w)]) != 0) return 1;
     cairo_surface_t* surface =
         cairo_image_surface_create(CAIRO_FORMAT_RGB24, size.width, size.height);
     cairo_t* cr = cairo_create(surface);

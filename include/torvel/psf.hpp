@@ -18,7 +18,8 @@
 // is no staircase), its pupil, kz and vector factors taken at the centroid
 // of that area. Such a sum is an FFT of length M along each axis; only
 // the rows that hold the disc and the columns that hold output voxels are
-// transformed. Area weighting makes the sum the integral divided by
+// transformed; a grid of one row (a section at y = 0) sums the pupil's rows
+// first and needs a single transform per plane. Area weighting makes the sum the integral divided by
 // sinc(dk x) sinc(dk y) (each pixel acts as a small square aperture), which
 // the plane multiplies back. M is chosen so that the disc spans at least
 // min_disc_pixels pixels and the grid holds the output window; a pixel

@@ -4,7 +4,7 @@ independently: figures of merit from the definitions on a fine grid (numpy),
 best focus of a real focus shift rendered and fitted again, the Noll and
 OSA/ANSI indices of the first 36 terms from the published tables, the JSON
 and CSV read back against the fit file, the PNG decoded with the disc where
-the layout puts it, and the example of docs/report.md against the program's
+the layout puts it and the PSF at best focus peaking in its centre, and the example of docs/report.md against the program's
 output on the sample.
 
 usage: check_report.py torvel-report torvel torvel-render pupil.mrc work_dir
@@ -242,8 +242,9 @@ png = os.path.join(WORK, "tilt.png")
 result = run(tilt, "-png=" + png)
 check(result.returncode == 0, f"png: exit {result.returncode}: {result.stderr}")
 width, height, pixel = read_png(png)
-# docs/report.md: the fit alone is one row of three 340-pixel panels and the notes, 1392 x 432.
-check((width, height) == (1392, 432), f"PNG size {width} x {height}")
+# docs/report.md: the fit alone is a row of amplitude, phase and best focus, then one of
+# the two PSF sections and the notes, in 340 x 292-pixel cells: 1052 x 740.
+check((width, height) == (1052, 740), f"PNG size {width} x {height}")
 white = (255, 255, 255)
 for panel in range(2):  # amplitude, phase: discs of radius 110 centred at (166 + 340 k, 232)
     cx, cy = 166 + 340 * panel, 232
@@ -256,6 +257,28 @@ for panel in range(2):  # amplitude, phase: discs of radius 110 centred at (166 
 green = lambda dx, dy: pixel(506 + dx, 232 + dy)[1]
 check(green(90, 0) > green(-90, 0) + 60, "phase does not rise towards +x (right)")
 check(green(0, -90) > green(0, 90) + 60, "phase does not rise towards +y (up)")
+
+# The PSF at best focus of a pure focus shift of 0.8 um at NA 1.4 (fitted to order 12
+# as above) with a tilt that would move the spot by 0.3 um: the best-focus plane (x-y,
+# centred at (166, 524)) and the x-z section (centred at (506, 524), z up) peak in their
+# centres, where viridis is brightest; the spot is darker 0.4 um off axis and at the
+# first axial minimum, 0.6 um off focus, and the x-z section is symmetric about focus.
+phase = -2 * math.pi * 0.8 * focus_path(1.4, 1.515, u) / 0.5
+c = np.linalg.lstsq(basis, phase, rcond=None)[0]
+terms = {(k, 0): float(c[k // 2]) for k in range(0, 13, 2)}
+terms[(1, 1)] = (6.0, -4.0)
+png = os.path.join(WORK, "focus.png")
+result = run(fit_file("focus.txt", [0.5], (12, 0), [terms]), "-png=" + png)
+check(result.returncode == 0, f"focus png: exit {result.returncode}: {result.stderr}")
+pixel = read_png(png)[2]
+for cx, what in ((166, "x-y"), (506, "x-z")):
+    check(pixel(cx, 524)[1] >= 225, f"PSF {what} not brightest in its centre: {pixel(cx, 524)}")
+for x, y, what in ((166 + 30, 524, "x-y at +x"), (166, 524 + 30, "x-y at -y"),
+                   (506 - 30, 524, "x-z at -x"), (506, 524 - 40, "x-z above focus"),
+                   (506, 524 + 40, "x-z below focus")):
+    check(pixel(x, y)[1] < 200, f"PSF {what} as bright as the focus: {pixel(x, y)}")
+axial = [(pixel(506, 524 - d)[1], pixel(506, 524 + d)[1]) for d in range(0, 110, 10)]
+check(all(abs(a - b) <= 12 for a, b in axial), f"PSF x-z not symmetric about focus: {axial}")
 
 # The sample as docs/report.md shows it, run as tools/run-sample.sh runs it: fitted
 # with a residual image and drawn beside both, with two rows of three panels and one
@@ -273,7 +296,7 @@ check(result.returncode == 0, f"image and residual: exit {result.returncode}: {r
 count = sum(1 for line in open(os.path.join(out, "sample_fit.txt"))
             if line.startswith("#zernike_coeff_phase_"))
 width, height, pixel = read_png(os.path.join(out, "report.png"))
-check((width, height) == (3 * 340 + 32, 106 + count * (34 + 3 * 292)),
+check((width, height) == (4 * 340 + 32, 122 + count * (34 + 3 * 292)),
       f"figure with image and residual: {width} x {height}")
 page = open(os.path.join(DOCS, "report.md"), encoding="utf-8").read()
 blocks = re.findall(r"```\n(.*?)```", page, re.S)
