@@ -42,7 +42,10 @@ void fill_pupil(const report_model& model, int w, const psf_propagator& pr,
             const double kx = pr.sample_kx[k], ky = pr.sample_ky[k];
             const double rho = std::hypot(kx, ky) / cutoff;
             const double theta = rho > 0.0 ? std::atan2(ky, kx) : 0.0;
-            pupil[k] = std::complex<float>(std::polar(amplitude.at(rho, theta), phase.at(rho, theta)));
+            // Written out rather than std::polar, which leaves a negative
+            // amplitude (a fit may dip below 0 at the rim) undefined.
+            const double a = amplitude.at(rho, theta), phi = phase.at(rho, theta);
+            pupil[k] = {float(a * std::cos(phi)), float(a * std::sin(phi))};
         }
     }
 }

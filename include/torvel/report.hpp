@@ -185,8 +185,10 @@ int write_report_csv(const char* name, std::span<const report_entry> entries);
 // per wavelength an amplitude row and a phase row with the fitted model;
 // beside it the measured amplitude and unwrapped phase when image_name is not
 // null, and the residual (measured minus fitted amplitude, and phase) when
-// residual_name is not null. Returns 0, or 1 after one message per problem
-// (images that cannot be read or do not match the model).
+// residual_name is not null; then the phase at best focus and the model's
+// PSF there (x-y and x-z sections, vector model, log scale). Returns 0, or 1
+// after one message per problem (images that cannot be read or do not match
+// the model, memory for the PSF).
 int write_report_figure(const char* png_name, const report_entry& entry, const char* image_name,
                         const char* residual_name);
 
