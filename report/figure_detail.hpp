@@ -102,8 +102,9 @@ struct psf_window {
 };
 
 // The window of model: ±4 λ / NA laterally and ±3 λ / (n (1 - cos α))
-// along z (sin α = NA / n) for its longest wavelength λ, a few rings and a
-// few axial widths of the focus, at any aperture.
+// along z (sin α = NA / n) for its longest wavelength λ (at most 6 times
+// its shortest), a few rings and a few axial widths of the focus, at any
+// aperture.
 psf_window psf_window_of(const report_model& model);
 
 // The PSF (vector model) of wavelength w at best focus: the model's

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cmath>
 #include <complex>
+#include <limits>
 #include <memory>
 #include <new>
 
@@ -22,6 +23,11 @@ constexpr int kSectionSamples = 111;
 // λ / (n (1 - cos α)) along z.
 constexpr double kLateralHalfWidth = 4.0;
 constexpr double kAxialHalfWidth = 3.0;
+// The window follows the longest wavelength, but no more than this many
+// times the shortest: the shortest's samples then stay finer than its
+// field's Nyquist spacing (no internal refinement), which bounds the FFT
+// grid and the memory of every wavelength whatever the fit file says.
+constexpr double kLongestOverShortest = 6.0;
 
 // The model's amplitude and phase less piston and tilt at the propagator's
 // pupil points.
@@ -66,9 +72,12 @@ std::vector<double> phase_without_tilt(const report_model& model, int w) {
 }
 
 psf_window psf_window_of(const report_model& model) {
-    double longest = 0.0;
-    for (const report_wavelength& wave : model.waves)
+    double longest = 0.0, shortest = std::numeric_limits<double>::infinity();
+    for (const report_wavelength& wave : model.waves) {
         longest = std::max(longest, double(wave.wavelength_um));
+        shortest = std::min(shortest, double(wave.wavelength_um));
+    }
+    longest = std::min(longest, kLongestOverShortest * shortest);
     const double na = model_aperture(model), n = model_immersion_index(model);
     // 1 - cos α without the cancellation of a small aperture.
     const double sine2 = (na / n) * (na / n);
@@ -110,8 +119,9 @@ int compute_psf_sections(const char* png_name, const report_model& model, int w,
     out->xz.resize(std::size_t(window.planes) * window.n);
     const double focus = metrics.focus_shift_um;
     psf_intensity_planes(plane, {pupil.get(), points}, focus, 0.0, 1, &work_plane, out->xy);
-    psf_intensity_planes(section, {shared ? pupil.get() : section_pupil.get(), section_points}, focus - window.planes / 2 * window.dz_um,
-                         window.dz_um, window.planes, &work_section, out->xz);
+    psf_intensity_planes(section, {shared ? pupil.get() : section_pupil.get(), section_points},
+                         focus - window.planes / 2 * window.dz_um, window.dz_um, window.planes,
+                         &work_section, out->xz);
     return 0;
 }
 
