@@ -261,7 +261,7 @@ TEST(PsfModel, TiltMovesTheSpotAgainstItsCoefficient) {
     psf_propagator pr;
     ASSERT_EQ(make_psf_propagator(kOil, {64, 64, 0.02}, false, kDefaultDiscPixels, &pr), 0);
     psf_work work;
-    ASSERT_EQ(make_psf_work(pr, &work), 0);
+    ASSERT_EQ(make_psf_work(pr, psf_work_use::fields, &work), 0);
     std::vector<std::complex<float>> field(64 * 64);
     psf_field_plane(pr, sampled(pr, kOil, tilted), 0.0, -1, &work, field);
     for (std::size_t at = 0; at < field.size(); at += 97)
