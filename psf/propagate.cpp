@@ -12,6 +12,9 @@
 #include <new>
 
 #include <fftw3.h>
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
 
 #include <torvel/bulk.hpp>
 #include <torvel/psf.hpp>
@@ -296,6 +299,13 @@ int fill_output_tables(psf_propagator* pr) {
     return 0;
 }
 
+// The row stride of the intensity's second pass: M rounded up to whole
+// 32-byte steps and one more, so that the rows of a power-of-two M do not
+// all fall into the same cache sets during the transpose.
+std::size_t padded_stride(int m) {
+    return (std::size_t(m) + 3) / 4 * 4 + 4;
+}
+
 int make_plans(psf_propagator* pr) {
     const int m = pr->fft_size, nx = pr->grid.nx;
     const std::size_t row_values = std::size_t(pr->side) * m, column_values = std::size_t(m) * nx;
@@ -317,11 +327,12 @@ int make_plans(psf_propagator* pr) {
     plans->columns_adjoint = fftwf_plan_many_dft(1, n, nx, c.get(), nullptr, 1, m, d.get(), nullptr,
                                                  1, m, FFTW_FORWARD, kPlanning);
     const int ny = pr->grid.ny;
-    fftw_buffer e = allocate_complex(std::size_t(m) * ny);
+    const int stride = int(padded_stride(m));
+    fftw_buffer e = allocate_complex(std::size_t(stride) * ny);
     fftw_buffer f = allocate_complex(std::size_t(m) * ny);
     if (!e || !f) return 1;
-    plans->output_rows = fftwf_plan_many_dft(1, n, ny, e.get(), nullptr, 1, m, f.get(), nullptr, 1,
-                                             m, FFTW_BACKWARD, kPlanning);
+    plans->output_rows = fftwf_plan_many_dft(1, n, ny, e.get(), nullptr, 1, stride, f.get(),
+                                             nullptr, 1, m, FFTW_BACKWARD, kPlanning);
     if (!plans->rows || !plans->columns || !plans->rows_adjoint || !plans->columns_adjoint ||
         !plans->output_rows)
         return 1;
@@ -451,6 +462,40 @@ void scale_into_columns(const psf_propagator& pr, const std::complex<float>* pup
     }
 }
 
+// rows[j stride + p] = from[p M + j refine] for p < side, j < ny: the first
+// pass's output, pupil column after column, into the second pass's input,
+// output row after output row. In blocks of kBlock rows and, with SSE2, two
+// by two values, so that reads and writes stay within a few cache lines.
+void transpose_into_rows(const psf_propagator& pr, const std::complex<float>* from,
+                         std::complex<float>* rows) {
+    const std::size_t m = std::size_t(pr.fft_size), ld = padded_stride(pr.fft_size);
+    const int side = pr.side, ny = pr.grid.ny, step = pr.refine;
+    constexpr int kBlock = 16;
+    for (int j0 = 0; j0 < ny; j0 += kBlock) {
+        const int j1 = std::min(j0 + kBlock, ny);
+        int p = 0;
+#ifdef __SSE2__
+        for (; step == 1 && p + 1 < side; p += 2) {
+            const auto* a = reinterpret_cast<const float*>(from + p * m);
+            const auto* b = reinterpret_cast<const float*>(from + (p + 1) * m);
+            int j = j0;
+            for (; j + 1 < j1; j += 2) {
+                const __m128 x = _mm_loadu_ps(a + 2 * j), y = _mm_loadu_ps(b + 2 * j);
+                _mm_storeu_ps(reinterpret_cast<float*>(rows + j * ld + p), _mm_movelh_ps(x, y));
+                _mm_storeu_ps(reinterpret_cast<float*>(rows + (j + 1) * ld + p),
+                              _mm_movehl_ps(y, x));
+            }
+            for (; j < j1; ++j) {
+                rows[j * ld + p] = from[p * m + j];
+                rows[j * ld + p + 1] = from[(p + 1) * m + j];
+            }
+        }
+#endif
+        for (; p < side; ++p)
+            for (int j = j0; j < j1; ++j) rows[j * ld + p] = from[p * m + std::size_t(j) * step];
+    }
+}
+
 // The field of the pupil in work's intensity input: the pupil's columns
 // along ky, then the output rows along kx, so that each plane comes out row
 // by row. Calls row(j, values, step) for each output row j, where
@@ -458,21 +503,10 @@ void scale_into_columns(const psf_propagator& pr, const std::complex<float>* pup
 // sinc correction.
 template <class Row>
 void shifted_field(const psf_propagator& pr, psf_buffers* w, Row&& row) {
-    const int m = pr.fft_size, side = pr.side, ny = pr.grid.ny, step = pr.refine;
+    const int m = pr.fft_size, ny = pr.grid.ny, step = pr.refine;
     fftwf_execute_dft(pr.plans->rows, w->intensity_in, w->row_out);
     const auto* transformed = reinterpret_cast<const std::complex<float>*>(w->row_out);
-    // In blocks of kBlock output rows, so that reads and writes both stay
-    // within a few cache lines per step.
-    constexpr int kBlock = 16;
-    auto* rows = reinterpret_cast<std::complex<float>*>(w->intensity_rows);
-    for (int j0 = 0; j0 < ny; j0 += kBlock) {
-        const int j1 = std::min(j0 + kBlock, ny);
-        for (int p = 0; p < side; ++p) {
-            const std::complex<float>* from = transformed + std::size_t(p) * m;
-            for (int j = j0; j < j1; ++j)
-                rows[std::size_t(j) * m + p] = from[std::size_t(j) * step];
-        }
-    }
+    transpose_into_rows(pr, transformed, reinterpret_cast<std::complex<float>*>(w->intensity_rows));
     fftwf_execute_dft(pr.plans->output_rows, w->intensity_rows, w->column_out);
     const auto* out = reinterpret_cast<const std::complex<float>*>(w->column_out);
     for (int j = 0; j < ny; ++j) row(j, out + std::size_t(j) * m, step);
@@ -577,7 +611,7 @@ int make_psf_work(const psf_propagator& pr, psf_work_use use, psf_work* work) {
     add(&b->column_out, output, false);
     if (use == psf_work_use::intensity) {
         add(&b->intensity_in, rows, true);
-        add(&b->intensity_rows, output, true);
+        add(&b->intensity_rows, padded_stride(pr.fft_size) * pr.grid.ny, true);
         add(&b->step, points, false);
         if (pr.vector) add(&b->weighted, points, false);
     } else {
