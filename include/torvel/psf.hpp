@@ -17,8 +17,9 @@
 // the area of its pixel that lies inside the disc (exactly, so the disc edge
 // is no staircase), its pupil, kz and vector factors taken at the centroid
 // of that area. Such a sum is an FFT of length M along each axis; only
-// the rows that hold the disc and the columns that hold output voxels are
-// transformed. Area weighting makes the sum the integral divided by
+// the pupil's rows or columns that hold the disc and the output's columns or
+// rows are transformed (the intensity transforms the pupil's columns first,
+// so that its planes come out row by row). Area weighting makes the sum the integral divided by
 // sinc(dk x) sinc(dk y) (each pixel acts as a small square aperture), which
 // the plane multiplies back. M is chosen so that the disc spans at least
 // min_disc_pixels pixels and the grid holds the output window; a pixel
