@@ -110,18 +110,20 @@ int compute_psf_sections(const char* png_name, const report_model& model, int w,
     std::unique_ptr<std::complex<float>[]> section_pupil(
         shared ? nullptr : new (std::nothrow) std::complex<float>[section_points]);
     psf_work work_plane, work_section;
-    if (!pupil || (!shared && !section_pupil) || make_psf_work(plane, &work_plane) != 0 ||
-        make_psf_work(section, &work_section) != 0)
+    if (!pupil || (!shared && !section_pupil) ||
+        make_psf_work(plane, psf_work_use::intensity, &work_plane) != 0 ||
+        make_psf_work(section, psf_work_use::intensity, &work_section) != 0)
         return out_of_memory(png_name, model, w);
     fill_pupil(model, w, plane, {pupil.get(), points});
     if (!shared) fill_pupil(model, w, section, {section_pupil.get(), section_points});
     out->xy.resize(std::size_t(window.n) * window.n);
     out->xz.resize(std::size_t(window.planes) * window.n);
     const double focus = metrics.focus_shift_um;
-    psf_intensity_planes(plane, {pupil.get(), points}, focus, 0.0, 1, &work_plane, out->xy);
+    psf_intensity_planes(plane, {pupil.get(), points}, focus, 0.0, 1, &work_plane, out->xy, nullptr,
+                         nullptr);
     psf_intensity_planes(section, {shared ? pupil.get() : section_pupil.get(), section_points},
                          focus - window.planes / 2 * window.dz_um, window.dz_um, window.planes,
-                         &work_section, out->xz);
+                         &work_section, out->xz, nullptr, nullptr);
     return 0;
 }
 

@@ -22,7 +22,10 @@
 // the same file) that runs before any library starts and, when neither
 // OMP_WAIT_POLICY nor GOMP_SPINCOUNT is set, has libgomp find GOMP_SPINCOUNT
 // set, bounding the spin to some tens of microseconds; main sees the
-// environment the program was started with. A user's own OMP_WAIT_POLICY,
+// environment the program was started with. The same start-up code stops
+// a program, with one line, whose address-space limit (ulimit -v) is too
+// small for OpenBLAS to start in: OpenBLAS would otherwise retry its
+// mapping for ever. A user's own OMP_WAIT_POLICY,
 // GOMP_SPINCOUNT and OMP_NUM_THREADS win over both. Programs that only use
 // the library (and do not call this) are left as they are.
 
