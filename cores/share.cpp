@@ -97,7 +97,8 @@ void bound_spin_before_libraries_start(int /*argc*/, char** argv, char** envp) {
 // allowed in all a program starts, with 306 MB it spun.)
 constexpr std::size_t kBlasStartBytes = std::size_t(288) << 20;
 
-void refuse_to_start_without_room_for_blas(int /*argc*/, char** argv, char** /*envp*/) {
+[[maybe_unused]] void refuse_to_start_without_room_for_blas(int /*argc*/, char** argv,
+                                                            char** /*envp*/) {
     rlimit limit{};
     if (getrlimit(RLIMIT_AS, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return;
     void* room = mmap(nullptr, kBlasStartBytes, PROT_NONE,
@@ -123,9 +124,15 @@ void refuse_to_start_without_room_for_blas(int /*argc*/, char** argv, char** /*e
 
 // In the executable's preinit array, so that they run before the
 // libraries' start-up code; linked into every program that calls
-// share_cores().
+// share_cores(). An address-sanitized build leaves the address-space check
+// out: the sanitizer reserves terabytes of address space, so no limit that
+// check could pass leaves it room, and its mmap is not usable before its
+// own start-up, which runs from the same array.
 [[gnu::section(".preinit_array"), gnu::used]] void (*const kEarly[])(int, char**, char**) = {
-    refuse_to_start_without_room_for_blas, bound_spin_before_libraries_start};
+#ifndef __SANITIZE_ADDRESS__
+    refuse_to_start_without_room_for_blas,
+#endif
+    bound_spin_before_libraries_start};
 
 std::string file_text(const char* path) {
     std::ifstream file(path);
