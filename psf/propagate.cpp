@@ -7,6 +7,7 @@
 #include <complex>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <new>
 
 #include <fftw3.h>
@@ -15,12 +16,21 @@
 
 namespace torvel {
 
+// FFTW's planner, and its destruction of plans, may run on one thread at a
+// time; executing plans is safe from any number. Propagators are made and
+// dropped by threads of their own in a process that computes several stacks
+// at once (the Python module's callers).
+namespace {
+std::mutex g_fftw_planner;
+}  // namespace
+
 struct psf_fft_plans {
     fftwf_plan rows = nullptr;     // side rows of length M, contiguous
     fftwf_plan columns = nullptr;  // nx columns of length M, each contiguous
     // The same transforms the other way, for psf_adjoint_field.
     fftwf_plan rows_adjoint = nullptr, columns_adjoint = nullptr;
     ~psf_fft_plans() {
+        const std::lock_guard<std::mutex> lock(g_fftw_planner);
         for (fftwf_plan plan : {rows, columns, rows_adjoint, columns_adjoint})
             if (plan) fftwf_destroy_plan(plan);
     }
@@ -243,6 +253,7 @@ int make_plans(psf_propagator* pr) {
                                                                             psf_fft_plans);
     if (!plans) return 1;
     int n[1] = {m};
+    const std::lock_guard<std::mutex> lock(g_fftw_planner);
     fftwf_set_timelimit(kPlanningSeconds);
     plans->rows = fftwf_plan_many_dft(1, n, pr->side, a.get(), nullptr, 1, m, b.get(), nullptr, 1,
                                       m, FFTW_BACKWARD, kPlanning);
