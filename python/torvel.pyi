@@ -130,7 +130,6 @@ def report(
     image: Path | None = None,
     residual: Path | None = None,
 ) -> dict[str, Any]: ...
-@overload
 def psf(
     model: Model,
     *,
@@ -142,22 +141,8 @@ def psf(
     amplitude: Literal["model", "uniform"] = "model",
     vector: bool = False,
     normalize: Literal["sum", "peak", "none"] = "sum",
-    path: None = None,
-) -> Stack: ...
-@overload
-def psf(
-    model: Model,
-    *,
-    size: int | tuple[int, int] | tuple[int, int, int] | None = None,
-    dx: float | None = None,
-    dz: float | None = None,
-    w: Selection = None,
-    drop: str | tuple[int, int] | Sequence[str | tuple[int, int]] | None = None,
-    amplitude: Literal["model", "uniform"] = "model",
-    vector: bool = False,
-    normalize: Literal["sum", "peak", "none"] = "sum",
-    path: Path,
-) -> None: ...
+    path: Path | None = None,
+) -> Stack | None: ...
 def retrieve(
     stack: Path | Stack | npt.NDArray[Any],
     *,
