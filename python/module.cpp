@@ -265,6 +265,12 @@ py::object fit_file(const std::string& path, option_list options, bool want_resi
                       {inputs.wavelength_count, h.ny, h.nx});
 }
 
+// An array's shape as Python writes it, for messages.
+std::string shape_text(const py::array& array) {
+    return py::str(
+        py::tuple(py::cast(std::vector<py::ssize_t>(array.shape(), array.shape() + array.ndim()))));
+}
+
 // A pair (x, y) of floats, or one float for both.
 void float_pair(const py::object& value, const char* what, float* x, float* y) {
     if (py::isinstance<py::sequence>(value)) {
@@ -286,10 +292,8 @@ py::object fit_array(const py::array& image, option_list options, bool want_resi
                              " (numpy.complex64: the interleaved float pairs torvel reads)");
     if (image.ndim() != 2 && image.ndim() != 3)
         throw py::value_error(
-            "torvel: the pupil array must have the shape (ny, nx) or (nw, ny, "
-            "nx), not " +
-            std::string(py::str(py::tuple(
-                py::cast(std::vector<py::ssize_t>(image.shape(), image.shape() + image.ndim()))))));
+            "torvel: the pupil array must have the shape (ny, nx) or (nw, ny, nx), not " +
+            shape_text(image));
     for (const char* key : {"na", "n", "wavelengths_nm", "spacing"})
         if (!geometry.contains(key))
             throw py::type_error(std::string("torvel: fitting an array needs the keyword ") + key);
@@ -519,7 +523,6 @@ int write_as(const char* program, Write&& write) {
     return status;
 }
 
-
 py::object render(const model& m, const py::object& size, const std::optional<double>& spacing,
                   const py::object& centre, const py::object& w, const std::string& form,
                   const py::object& drop, const std::string& amplitude,
@@ -535,8 +538,7 @@ py::object render(const model& m, const py::object& size, const std::optional<do
     options.texts.push_back("-amplitude=" + amplitude);
     std::vector<char*> argv = options.argv();
     std::string path;
-    if (!path_object.is_none())
-        path = path_text(path_object);
+    if (!path_object.is_none()) path = path_text(path_object);
 
     render_inputs inputs = kDefaultRenderInputs;
     inputs.model_name = model_label(m);
@@ -614,7 +616,6 @@ py::object report(const model& m, const py::object& json_name, const py::object&
     return py::module_::import("json").attr("loads")(text);
 }
 
-
 // ---- psf and retrieve ----------------------------------------------------------
 
 py::object psf(const model& m, const py::object& size, const std::optional<double>& dx,
@@ -648,7 +649,8 @@ py::object psf(const model& m, const py::object& size, const std::optional<doubl
             return 1;
         drop_phase_terms(inputs.model, copy.get());
         if (!path.empty())
-            return write_as("torvel-psf", [&] { return write_psf_stack(inputs, copy.get(), plan); });
+            return write_as("torvel-psf",
+                            [&] { return write_psf_stack(inputs, copy.get(), plan); });
         const std::int64_t count =
             std::int64_t(plan.nx) * plan.ny * plan.nz * plan.wavelength_count;
         voxels = allocate_bulk<float>(count);
@@ -680,10 +682,9 @@ stack_in_memory stack_of_array(const py::array& array) {
         throw py::type_error("torvel: the stack must hold real numbers, not " +
                              std::string(py::str(array.dtype())));
     if (array.ndim() != 3 && array.ndim() != 4)
-        throw py::value_error("torvel: the stack must have the shape (nz, ny, nx) or (nw, nz, ny, "
-                              "nx), not " +
-                              std::string(py::str(py::tuple(py::cast(std::vector<py::ssize_t>(
-                                  array.shape(), array.shape() + array.ndim()))))));
+        throw py::value_error(
+            "torvel: the stack must have the shape (nz, ny, nx) or (nw, nz, ny, nx), not " +
+            shape_text(array));
     stack_in_memory stack;
     stack.voxels = py::array_t<float, py::array::c_style | py::array::forcecast>::ensure(array);
     if (!stack.voxels) throw py::error_already_set();
@@ -792,8 +793,8 @@ py::object retrieve(const py::object& stack, double na, double n, const py::obje
         const std::size_t pixels = std::size_t(inputs.size) * inputs.size;
         images = allocate_bulk<float>(std::int64_t(2 * pixels) * data.wavelengths);
         if (!images) return insufficient_memory("torvel-retrieve");
-        const std::span<std::complex<float>> all(reinterpret_cast<std::complex<float>*>(images.get()),
-                                                 pixels * data.wavelengths);
+        const std::span<std::complex<float>> all(
+            reinterpret_cast<std::complex<float>*>(images.get()), pixels * data.wavelengths);
         for (int k = 0; k < data.wavelengths; ++k)
             pupil_on_image_grid(results[k], inputs.size, all.subspan(pixels * k, pixels));
         return write_as("torvel-retrieve", [&] {
@@ -808,7 +809,8 @@ py::object retrieve(const py::object& stack, double na, double n, const py::obje
         });
     });
     pupil_result result;
-    result.image = complex_to_numpy(std::move(images), {data.wavelengths, inputs.size, inputs.size});
+    result.image =
+        complex_to_numpy(std::move(images), {data.wavelengths, inputs.size, inputs.size});
     result.na = inputs.na;
     result.n = inputs.n;
     result.lens = inputs.lens;
