@@ -253,16 +253,19 @@ int make_plans(psf_propagator* pr) {
                                                                             psf_fft_plans);
     if (!plans) return 1;
     int n[1] = {m};
-    const std::lock_guard<std::mutex> lock(g_fftw_planner);
-    fftwf_set_timelimit(kPlanningSeconds);
-    plans->rows = fftwf_plan_many_dft(1, n, pr->side, a.get(), nullptr, 1, m, b.get(), nullptr, 1,
-                                      m, FFTW_BACKWARD, kPlanning);
-    plans->columns = fftwf_plan_many_dft(1, n, nx, c.get(), nullptr, 1, m, d.get(), nullptr, 1, m,
-                                         FFTW_BACKWARD, kPlanning);
-    plans->rows_adjoint = fftwf_plan_many_dft(1, n, pr->side, a.get(), nullptr, 1, m, b.get(),
-                                              nullptr, 1, m, FFTW_FORWARD, kPlanning);
-    plans->columns_adjoint = fftwf_plan_many_dft(1, n, nx, c.get(), nullptr, 1, m, d.get(), nullptr,
-                                                 1, m, FFTW_FORWARD, kPlanning);
+    {
+        // Released before plans can be destroyed: their destructor takes it too.
+        const std::lock_guard<std::mutex> lock(g_fftw_planner);
+        fftwf_set_timelimit(kPlanningSeconds);
+        plans->rows = fftwf_plan_many_dft(1, n, pr->side, a.get(), nullptr, 1, m, b.get(), nullptr,
+                                          1, m, FFTW_BACKWARD, kPlanning);
+        plans->columns = fftwf_plan_many_dft(1, n, nx, c.get(), nullptr, 1, m, d.get(), nullptr, 1,
+                                             m, FFTW_BACKWARD, kPlanning);
+        plans->rows_adjoint = fftwf_plan_many_dft(1, n, pr->side, a.get(), nullptr, 1, m, b.get(),
+                                                  nullptr, 1, m, FFTW_FORWARD, kPlanning);
+        plans->columns_adjoint = fftwf_plan_many_dft(1, n, nx, c.get(), nullptr, 1, m, d.get(),
+                                                     nullptr, 1, m, FFTW_FORWARD, kPlanning);
+    }
     if (!plans->rows || !plans->columns || !plans->rows_adjoint || !plans->columns_adjoint)
         return 1;
     pr->plans = std::move(plans);

@@ -513,12 +513,13 @@ std::string model_repr(const model& m) {
 
 // ---- render and report -------------------------------------------------------------
 
-// Runs an image layer write under its lock, its messages under program's name.
-template <class Write>
-int write_as(const char* program, Write&& write) {
+// Runs work, which reads or writes files through the image layer, under the
+// layer's lock and with the layer's messages under program's name.
+template <class Work>
+int in_image_layer(const char* program, Work&& work) {
     std::lock_guard<std::mutex> lock(g_image_layer);
     image_set_program_name(program);
-    const int status = write();
+    const int status = work();
     image_set_program_name("torvel");
     return status;
 }
@@ -559,8 +560,8 @@ py::object render(const model& m, const py::object& size, const std::optional<do
                               inputs.image_name);
                 return 1;
             }
-            return write_as("torvel-render",
-                            [&] { return write_rendered_image(inputs, copy.get(), plan); });
+            return in_image_layer("torvel-render",
+                                  [&] { return write_rendered_image(inputs, copy.get(), plan); });
         }
         const std::int64_t pixels = std::int64_t(plan.nx) * plan.ny;
         planes = allocate_bulk<float>(2 * pixels * plan.wavelength_count);
@@ -611,7 +612,8 @@ py::object report(const model& m, const py::object& json_name, const py::object&
         text = report_json_text(entries);
         if (inputs.json_name == nullptr && inputs.csv_name == nullptr && inputs.png_name == nullptr)
             return 0;
-        return write_as("torvel-report", [&] { return write_report_outputs(inputs, entries); });
+        return in_image_layer("torvel-report",
+                              [&] { return write_report_outputs(inputs, entries); });
     });
     return py::module_::import("json").attr("loads")(text);
 }
@@ -649,8 +651,8 @@ py::object psf(const model& m, const py::object& size, const std::optional<doubl
             return 1;
         drop_phase_terms(inputs.model, copy.get());
         if (!path.empty())
-            return write_as("torvel-psf",
-                            [&] { return write_psf_stack(inputs, copy.get(), plan); });
+            return in_image_layer("torvel-psf",
+                                  [&] { return write_psf_stack(inputs, copy.get(), plan); });
         const std::int64_t count =
             std::int64_t(plan.nx) * plan.ny * plan.nz * plan.wavelength_count;
         voxels = allocate_bulk<float>(count);
@@ -784,9 +786,9 @@ py::object retrieve(const py::object& stack, double na, double n, const py::obje
             if (load_bead_voxels(inputs, in_memory->header, {in_memory->voxels.data(), count},
                                  &data) != 0)
                 return 1;
-        } else {
-            std::lock_guard<std::mutex> lock(g_image_layer);
-            if (load_bead_data(inputs, &data) != 0) return 1;
+        } else if (in_image_layer("torvel-retrieve",
+                                  [&] { return load_bead_data(inputs, &data); }) != 0) {
+            return 1;
         }
         for (int k = 0; k < data.wavelengths; ++k)
             if (retrieve_pupil(inputs, data.stacks[k], &results[k], &logs[k]) != 0) return 1;
@@ -797,7 +799,7 @@ py::object retrieve(const py::object& stack, double na, double n, const py::obje
             reinterpret_cast<std::complex<float>*>(images.get()), pixels * data.wavelengths);
         for (int k = 0; k < data.wavelengths; ++k)
             pupil_on_image_grid(results[k], inputs.size, all.subspan(pixels * k, pixels));
-        return write_as("torvel-retrieve", [&] {
+        return in_image_layer("torvel-retrieve", [&] {
             if (inputs.output_name != nullptr && write_retrieved_pupil(inputs, data, all) != 0)
                 return 1;
             if (inputs.psf_name != nullptr && write_retrieved_psf(inputs, data, results) != 0)

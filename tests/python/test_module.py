@@ -239,6 +239,11 @@ def test_psf_and_retrieve_refuse_with_their_programs_messages(capfd, tmp_path):
     with pytest.raises(torvel.Error) as raised:
         torvel.retrieve(np.ones((3, 16, 16)), na=1.6, n=1.515, iterations=0)
     assert str(raised.value) == expected
+    expected = program_says(RETRIEVE_PROGRAM, tmp_path / "none.mrc", tmp_path / "pupil.mrc",
+                            "-na=1.4", "-n=1.515")
+    with pytest.raises(torvel.Error) as raised:
+        torvel.retrieve(tmp_path / "none.mrc", na=1.4, n=1.515)
+    assert str(raised.value) == expected
     optics = dict(na=1.4, n=1.515, w=600, dx=80, dz=200, size=16)
     with pytest.raises(torvel.Error, match=r"^torvel-retrieve: array: no bead found: nothing "
                                            r"stands out of the background"):
