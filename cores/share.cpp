@@ -2,10 +2,13 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
+#include <sstream>
+#include <string>
 
 #ifdef _OPENMP
 #include <omp.h>
@@ -96,11 +99,42 @@ std::string file_text(const char* path) {
 
 }  // namespace
 
+int threads_beside(int budget, std::string_view loadavg) {
+    // The fourth field, "RUNNABLE/TOTAL", counts the tasks that are running
+    // or waiting for a CPU at this moment, over the whole machine.
+    std::istringstream in{std::string(loadavg)};
+    double averages[3];
+    long runnable = 0;
+    char slash = 0;
+    if (!(in >> averages[0] >> averages[1] >> averages[2] >> runnable >> slash) || slash != '/' ||
+        runnable < 1)
+        return budget;
+    const long others = runnable - 1;
+    return static_cast<int>(std::clamp<long>(budget - others, 1, std::max(budget, 1)));
+}
+
 void share_cores() {
 #ifdef _OPENMP
     if (std::getenv("OMP_NUM_THREADS") != nullptr) return;
+    const int budget = omp_get_max_threads();
     const int granted = cgroup_cpu_limit("/sys/fs/cgroup", file_text("/proc/self/cgroup"));
-    if (granted > 0 && granted < omp_get_max_threads()) omp_set_num_threads(granted);
+    if (granted > 0 && granted < budget) {
+        omp_set_num_threads(granted);
+        return;
+    }
+    // A run restricted to some of the CPUs (taskset, a batch system's CPU
+    // set) has been given those, whatever the rest of the machine does. One
+    // that may run anywhere shares the machine with whatever else runs on
+    // it: a thread beyond the free cores only takes turns with another
+    // program's (or another run's, as with `xargs -P2`) and its waits then
+    // hold up the whole team, so that two runs side by side made less
+    // progress together than one after the other (bench/batch.py). The
+    // count is taken once, as the run starts.
+    const long online = sysconf(_SC_NPROCESSORS_ONLN);
+    if (online > 0 && budget >= online) {
+        const int threads = threads_beside(budget, file_text("/proc/loadavg"));
+        if (threads < budget) omp_set_num_threads(threads);
+    }
 #endif
 }
 

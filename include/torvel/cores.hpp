@@ -31,10 +31,19 @@
 
 namespace torvel {
 
-// Limits OpenMP's (and so OpenBLAS's) threads to the cores' worth of CPU
-// time this process's cgroup grants, unless OMP_NUM_THREADS is set; with it,
-// the start-up code above is part of the program. Call first in main.
+// Limits OpenMP's (and so OpenBLAS's) threads to the cores this process is
+// given, unless OMP_NUM_THREADS is set: the cores' worth of CPU time its
+// cgroup grants where that is fewer than the CPUs it may run on; and where
+// nothing restricts it to part of the machine, the cores that other work
+// does not hold as it starts (see threads_beside). With it, the start-up
+// code above is part of the program. Call first in main.
 void share_cores();
+
+// The threads to use out of `budget` CPUs when the machine's run queue
+// holds what `loadavg` (the text of /proc/loadavg) counts as runnable, this
+// process's one thread among them: one for each CPU that the others leave
+// free, at least one; `budget` where the text cannot be read.
+int threads_beside(int budget, std::string_view loadavg);
 
 // The number of cores' worth of CPU time (rounded up) that the cgroup
 // described by `self_cgroup` (the text of /proc/self/cgroup) and its

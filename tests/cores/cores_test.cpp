@@ -79,6 +79,17 @@ TEST_F(CgroupTree, Version1ReadsTheCpuControllersHierarchy) {
     EXPECT_EQ(limit("no colons here\n"), 0);
 }
 
+// The run queue's count includes the run itself; whatever else is runnable
+// takes a CPU off the budget, never the last one.
+TEST(Sharing, ThreadsLeaveTheCoresOtherWorkHolds) {
+    EXPECT_EQ(torvel::threads_beside(2, "0.00 0.01 0.05 1/118 9397\n"), 2);  // idle
+    EXPECT_EQ(torvel::threads_beside(2, "1.00 0.80 0.50 2/120 9400\n"), 1);  // a busy loop
+    EXPECT_EQ(torvel::threads_beside(2, "3.10 2.00 1.00 4/130 9500\n"), 1);
+    EXPECT_EQ(torvel::threads_beside(16, "3.10 2.00 1.00 4/130 9500\n"), 13);
+    for (const char* unreadable : {"", "0.1 0.2 0.3", "0.1 0.2 0.3 x/5 1", "0.1 0.2 0.3 0/5 1"})
+        EXPECT_EQ(torvel::threads_beside(8, unreadable), 8) << unreadable;
+}
+
 // What libgomp says of its waiting in `program -h` run under `env ARGS`:
 // the value it reports for GOMP_SPINCOUNT, its spin rounds before sleeping.
 std::string spin_count(const std::string& program, const std::string& env_args) {
