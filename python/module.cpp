@@ -742,14 +742,19 @@ py::list error_arrays(std::span<const retrieval_log> logs) {
     return errors;
 }
 
-py::object retrieve(const py::object& stack, double na, double n, const py::object& w,
+py::object retrieve(const py::object& stack, const std::optional<double>& na,
+                    const std::optional<double>& n, const py::object& w,
                     const std::optional<double>& dx, const std::optional<double>& dz,
                     const std::optional<int>& lens, const std::optional<int>& size,
                     const std::optional<int>& iterations, const std::optional<double>& tol,
                     const py::object& background, bool vector, const py::object& path_object,
                     const py::object& psf_object, const py::object& log_object) {
+    // Without them pybind11's own complaint would print the whole stack.
+    if (!na || !n)
+        throw py::type_error(std::string("torvel: retrieve() needs the keyword ") +
+                             (na ? "n (the immersion index)" : "na (the numerical aperture)"));
     option_list options;
-    options.texts = {"", "-na=" + number_text(na), "-n=" + number_text(n)};
+    options.texts = {"", "-na=" + number_text(*na), "-n=" + number_text(*n)};
     for (std::string& text :
          retrieve_options(w, dx, dz, lens, size, iterations, tol, background, vector))
         options.texts.push_back(std::move(text));
@@ -1055,11 +1060,11 @@ z = (k - nz // 2) dz, the emitter at the origin: the numbers torvel-psf
 writes. With path, writes the stack as torvel-psf does (.mrc, .tif or
 .tiff) and returns None.)doc");
 
-    module.def("retrieve", &retrieve, "stack"_a, py::kw_only(), "na"_a, "n"_a, "w"_a = py::none(),
-               "dx"_a = py::none(), "dz"_a = py::none(), "lens"_a = py::none(),
-               "size"_a = py::none(), "iterations"_a = py::none(), "tol"_a = py::none(),
-               "background"_a = "auto", "vector"_a = false, "path"_a = py::none(),
-               "psf"_a = py::none(), "log"_a = py::none(),
+    module.def("retrieve", &retrieve, "stack"_a, py::kw_only(), "na"_a = py::none(),
+               "n"_a = py::none(), "w"_a = py::none(), "dx"_a = py::none(), "dz"_a = py::none(),
+               "lens"_a = py::none(), "size"_a = py::none(), "iterations"_a = py::none(),
+               "tol"_a = py::none(), "background"_a = "auto", "vector"_a = false,
+               "path"_a = py::none(), "psf"_a = py::none(), "log"_a = py::none(),
                R"doc(retrieve(stack, *, na, n, w=None, dx=None, dz=None, lens=None, size=None,
          iterations=None, tol=None, background="auto", vector=False, path=None,
          psf=None, log=None) -> Pupil

@@ -24,13 +24,22 @@ PSF_PROGRAM = str(Path(PROGRAM).parent / "torvel-psf")
 RETRIEVE_PROGRAM = str(Path(PROGRAM).parent / "torvel-retrieve")
 SAMPLE = SOURCE / "sample" / "pupil.mrc"
 SAMPLE_MODEL = SOURCE / "sample" / "model_fit.txt"
+# The residual, the PSF's planes and the retrieval's sums are split between
+# threads, which may change their last bits: the programs run with as many
+# as the module (on a busy machine they would take fewer).
+THREADS = os.environ.get("OMP_NUM_THREADS") or str(len(os.sched_getaffinity(0)))
+
+
+def run(command, **keywords):
+    """A program's run with the module's thread count."""
+    return subprocess.run([str(part) for part in command], capture_output=True,
+                          env={**os.environ, "OMP_NUM_THREADS": THREADS}, **keywords)
 
 
 def run_program(tmp_path, *options):
     fit_file = tmp_path / "program_fit.txt"
     residual = tmp_path / "program_residual.mrc"
-    subprocess.run([PROGRAM, str(SAMPLE), str(fit_file), f"-residual={residual}", *options],
-                   check=True, capture_output=True)
+    run([PROGRAM, SAMPLE, fit_file, f"-residual={residual}", *options], check=True)
     with mrcfile.open(residual) as mrc:
         return fit_file.read_bytes(), mrc.data.copy()
 
@@ -108,8 +117,8 @@ def test_a_rendered_model_fits_back_in_memory():
 def test_the_report_holds_what_the_program_exports(tmp_path):
     model = torvel.read_fit(SAMPLE_MODEL)
     content = torvel.report(model, json=tmp_path / "report.json")
-    subprocess.run([str(Path(PROGRAM).parent / "torvel-report"), str(SAMPLE_MODEL),
-                    f"-json={tmp_path / 'program.json'}"], check=True, capture_output=True)
+    run([Path(PROGRAM).parent / "torvel-report", SAMPLE_MODEL, f"-json={tmp_path / 'program.json'}"],
+        check=True)
     exported = (tmp_path / "program.json").read_text()
     assert (tmp_path / "report.json").read_text() == exported
     assert content == json.loads(exported)
@@ -132,8 +141,7 @@ def program_stack(path):
 ])
 def test_the_psf_is_the_stack_the_program_writes(tmp_path, options, keywords):
     written_stack = tmp_path / "program.mrc"
-    subprocess.run([PSF_PROGRAM, str(SAMPLE_MODEL), str(written_stack), *options], check=True,
-                   capture_output=True)
+    run([PSF_PROGRAM, SAMPLE_MODEL, written_stack, *options], check=True)
     voxels, (dx_nm, dz_nm) = program_stack(written_stack)
     model = torvel.read_fit(SAMPLE_MODEL)
     stack = torvel.psf(model, **keywords)
@@ -156,13 +164,8 @@ def test_a_retrieval_from_an_array_is_the_programs(tmp_path):
     with mrcfile.new(bead) as mrc:
         mrc.set_data(counts.astype(np.float32))
     options = ["-size=32", "-iterations=4"]
-    # The planes' sums are split between threads, which may change their last
-    # bits: the program runs with as many as the module (on a busy machine it
-    # would take fewer).
-    threads = os.environ.get("OMP_NUM_THREADS", str(len(os.sched_getaffinity(0))))
-    subprocess.run([RETRIEVE_PROGRAM, str(bead), str(tmp_path / "program.mrc"),
-                    *(f"-{k}={v}" for k, v in optics.items()), *options],
-                   check=True, capture_output=True, env={**os.environ, "OMP_NUM_THREADS": threads})
+    run([RETRIEVE_PROGRAM, bead, tmp_path / "program.mrc",
+         *(f"-{k}={v}" for k, v in optics.items()), *options], check=True)
     image, geometry = read_pupil(tmp_path / "program.mrc")
 
     pupil = torvel.retrieve(counts, **optics, size=32, iterations=4,
@@ -195,8 +198,7 @@ def test_bad_input_raises_with_the_programs_message_and_prints_nothing(capfd, tm
         out.header.extra2 = mrc.header.extra2
         out.voxel_size = mrc.voxel_size
         out.header.origin = mrc.header.origin
-    program = subprocess.run([PROGRAM, str(bad_file), str(tmp_path / "fit.txt")],
-                             capture_output=True, text=True)
+    program = run([PROGRAM, bad_file, tmp_path / "fit.txt"], text=True)
     assert program.returncode == 1
     assert program.stderr == (f"torvel: {bad_file}: the amplitude at wavelength 617 (1) "
                               "is not finite inside the pupil\n")
@@ -223,9 +225,9 @@ def test_bad_input_raises_with_the_programs_message_and_prints_nothing(capfd, tm
 
 def test_psf_and_retrieve_refuse_with_their_programs_messages(capfd, tmp_path):
     def program_says(*command):
-        run = subprocess.run([str(c) for c in command], capture_output=True, text=True)
-        assert run.returncode == 1
-        return run.stderr.rstrip("\n")
+        program = run(command, text=True)
+        assert program.returncode == 1
+        return program.stderr.rstrip("\n")
 
     model = torvel.read_fit(SAMPLE_MODEL)
     expected = program_says(PSF_PROGRAM, SAMPLE_MODEL, tmp_path / "psf.mrc", "-size=0",
@@ -252,6 +254,8 @@ def test_psf_and_retrieve_refuse_with_their_programs_messages(capfd, tmp_path):
     with pytest.raises(torvel.Error, match=r"^torvel-retrieve: array: no bead found: nothing "
                                            r"stands out of the background"):
         torvel.retrieve(np.full((5, 20, 20), 3, np.uint16), **optics)
+    with pytest.raises(TypeError, match=r"^torvel: retrieve\(\) needs the keyword n "):
+        torvel.retrieve(np.ones((5, 20, 20)), na=1.4)
     with pytest.raises(TypeError, match="real numbers"):
         torvel.retrieve(np.ones((5, 20, 20), np.complex64), **optics)
     with pytest.raises(ValueError, match=r"shape \(nz, ny, nx\) or \(nw, nz, ny, nx\)"):
