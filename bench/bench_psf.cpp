@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include <torvel/cores.hpp>
 #include <torvel/psf.hpp>
 
 namespace {
@@ -44,6 +45,8 @@ void stack(benchmark::State& state, int nx, int nz, bool vector) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Threads as torvel-psf has them: bounded spinning, the cgroup's cores.
+    torvel::share_cores();
     if (argc < 2 || argv[1][0] == '-') {
         std::fprintf(stderr, "usage: bench_psf FIT_FILE [benchmark options]\n");
         return 1;

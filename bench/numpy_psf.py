@@ -9,14 +9,16 @@ aberration and an apodised amplitude, written as a fit file. For stacks of
 vector, the three are timed in turn, repetitions times:
   - torvel-psf per stack: BENCH_PSF (build/release/bench/bench_psf) computing
     the stack from the fit file's model in-process, as the program does (the
-    pupil grid, its FFT plans, every plane, on all cores), without the file;
+    pupil grid, its FFT plans, every plane, on all cores), without the file,
+    twice in one process: the second stack, and the first, which also sets
+    up FFTW's planner (a few ms once per process);
   - the whole program, torvel-psf (read the fit file, compute, write an MRC
     stack);
   - numpy: the pupil on the FFT grid of the stack (spacing 1 / (n dx), the
     disc a staircase of pixels), then per plane the defocus phase
     exp(2 pi i kz z), numpy.fft.ifft2 and |E|^2 (five fields for vector).
 Prints medians with the lowest and highest wall time, the ratio of numpy's
-median to torvel-psf's per stack, the same for processor time (user +
+median to torvel-psf's per stack (and to its first stack), the same for processor time (user +
 system, all threads; on a machine shared with other work the wall time
 mostly measures the others), the whole program's wall time, and each one's
 largest error against the integral computed by a polar
@@ -164,11 +166,15 @@ def summary(times):
 
 
 def bench_stack(bench, case):
-    """Wall and processor time in ms of one stack computed by bench_psf."""
+    """Wall and processor time in ms of two stacks computed by bench_psf in
+    one process: the first, which also sets up FFTW's planner, and the
+    second, in a process that has computed one (as numpy's FFT keeps its
+    plans from stack to stack)."""
     out = subprocess.run([bench, FIT, f"--benchmark_filter=^{case}/", "--benchmark_min_time=0",
-                          "--benchmark_format=json"], check=True, capture_output=True, text=True)
-    run = json.loads(out.stdout)["benchmarks"][0]
-    return run["real_time"], run["cpu_time"]
+                          "--benchmark_repetitions=2", "--benchmark_format=json"],
+                         check=True, capture_output=True, text=True)
+    runs = [b for b in json.loads(out.stdout)["benchmarks"] if b.get("run_type") == "iteration"]
+    return [(run["real_time"], run["cpu_time"]) for run in runs[:2]]
 
 
 def main():
@@ -185,16 +191,20 @@ def main():
         print(f"NA {NA} oil, {WAVELENGTH * 1000:.0f} nm, dx {dx * 1000:.1f} nm, dz {dz * 1000:.1f} nm; "
               f"{repetitions} runs each; times in ms: median (lowest-highest)")
         print(f"{'stack':>18} {'time':>4} {'torvel-psf per stack':>22} {'numpy':>23} {'ratio':>6}"
-              f" {'whole program':>22} {'error torvel':>13} {'error numpy':>12}")
+              f" {'first stack':>22} {'ratio':>6} {'whole program':>22} {'error torvel':>13}"
+              f" {'error numpy':>12}")
         for nx, nz in [(256, 64), (128, 128)]:
             for vector in (False, True):
                 model = "vector" if vector else "scalar"
                 case = f"{nx}x{nx}x{nz}/{model}"
                 command = [binary, FIT, out, f"-size={nx}:{nx}:{nz}", f"-dx={dx * 1000}",
                            f"-dz={dz * 1000}", "-normalize=none", f"-model={model}"]
-                times = {key: [] for key in ("ours", "ours_cpu", "numpy", "numpy_cpu", "program")}
+                times = {key: [] for key in ("ours", "ours_cpu", "first", "first_cpu", "numpy",
+                                             "numpy_cpu", "program")}
                 for _ in range(repetitions):
-                    wall, cpu = bench_stack(bench, case)
+                    (first, first_cpu), (wall, cpu) = bench_stack(bench, case)
+                    times["first"].append(first)
+                    times["first_cpu"].append(first_cpu)
                     times["ours"].append(wall)
                     times["ours_cpu"].append(cpu)
                     start, cpu = time.perf_counter(), time.process_time()
@@ -209,11 +219,15 @@ def main():
                 error_ours = largest_error(torvel_stack, dx, dz, vector)
                 error_theirs = largest_error(reference_stack, dx, dz, vector)
                 program = summary(times["program"])
-                for label, a, b in (("wall", summary(times["ours"]), summary(times["numpy"])),
-                                    ("cpu", summary(times["ours_cpu"]), summary(times["numpy_cpu"]))):
+                for label, a, b, c in (
+                        ("wall", summary(times["ours"]), summary(times["numpy"]),
+                         summary(times["first"])),
+                        ("cpu", summary(times["ours_cpu"]), summary(times["numpy_cpu"]),
+                         summary(times["first_cpu"]))):
                     whole = f"{program[0]:8.1f} ({program[1]:.1f}-{program[2]:.1f})" if label == "wall" else ""
                     print(f"{case:>18} {label:>4} {a[0]:8.1f} ({a[1]:.1f}-{a[2]:.1f}) "
-                          f"{b[0]:9.1f} ({b[1]:.1f}-{b[2]:.1f}) {b[0] / a[0]:6.1f} {whole:>22} "
+                          f"{b[0]:9.1f} ({b[1]:.1f}-{b[2]:.1f}) {b[0] / a[0]:6.1f} "
+                          f"{c[0]:8.1f} ({c[1]:.1f}-{c[2]:.1f}) {b[0] / c[0]:6.1f} {whole:>22} "
                           f"{error_ours:13.1e} {error_theirs:12.1e}", flush=True)
 
 

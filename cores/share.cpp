@@ -1,14 +1,15 @@
 #include <torvel/cores.hpp>
 
+#include <sys/mman.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
-#include <sstream>
-#include <string>
 
 #ifdef _OPENMP
 #include <omp.h>
@@ -87,10 +88,44 @@ void bound_spin_before_libraries_start(int /*argc*/, char** argv, char** envp) {
     lent_slot = nullptr;
 }
 
-// In the executable's preinit array, so that it runs before the libraries'
-// start-up code; linked into every program that calls share_cores().
-[[gnu::section(".preinit_array"), gnu::used]] void (*const kEarly)(int, char**, char**) =
-    bound_spin_before_libraries_start;
+// OpenBLAS maps two work buffers of 128 MiB each as it starts, before main
+// (whatever the number of CPUs), and where the address-space limit (ulimit
+// -v; some batch systems set it from a job's memory request) leaves no room
+// for them, it tries again for ever: the program would spin on a core,
+// print nothing and never end. So the room is tried first, with some to
+// spare, and a program without it says so and stops. (Measured: with 308 MB
+// allowed in all a program starts, with 306 MB it spun.)
+constexpr std::size_t kBlasStartBytes = std::size_t(288) << 20;
+
+void refuse_to_start_without_room_for_blas(int /*argc*/, char** argv, char** /*envp*/) {
+    rlimit limit{};
+    if (getrlimit(RLIMIT_AS, &limit) != 0 || limit.rlim_cur == RLIM_INFINITY) return;
+    void* room = mmap(nullptr, kBlasStartBytes, PROT_NONE,
+                      MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+    if (room != MAP_FAILED) {
+        munmap(room, kBlasStartBytes);
+        return;
+    }
+    const char* name = argv != nullptr && argv[0] != nullptr ? argv[0] : "torvel";
+    if (const char* slash = std::strrchr(name, '/')) name = slash + 1;
+    char line[320];
+    const int length = std::snprintf(
+        line, sizeof line,
+        "%s: the address-space limit (ulimit -v) of %llu MiB leaves no room for the "
+        "%zu MiB the linear algebra library maps as it starts; raise it\n",
+        name, static_cast<unsigned long long>(limit.rlim_cur >> 20), kBlasStartBytes >> 20);
+    if (length > 0) {
+        const std::size_t bytes = std::min(std::size_t(length), sizeof line - 1);
+        if (write(STDERR_FILENO, line, bytes) < 0) _exit(1);
+    }
+    _exit(1);
+}
+
+// In the executable's preinit array, so that they run before the
+// libraries' start-up code; linked into every program that calls
+// share_cores().
+[[gnu::section(".preinit_array"), gnu::used]] void (*const kEarly[])(int, char**, char**) = {
+    refuse_to_start_without_room_for_blas, bound_spin_before_libraries_start};
 
 std::string file_text(const char* path) {
     std::ifstream file(path);
@@ -99,42 +134,11 @@ std::string file_text(const char* path) {
 
 }  // namespace
 
-int threads_beside(int budget, std::string_view loadavg) {
-    // The fourth field, "RUNNABLE/TOTAL", counts the tasks that are running
-    // or waiting for a CPU at this moment, over the whole machine.
-    std::istringstream in{std::string(loadavg)};
-    double averages[3];
-    long runnable = 0;
-    char slash = 0;
-    if (!(in >> averages[0] >> averages[1] >> averages[2] >> runnable >> slash) || slash != '/' ||
-        runnable < 1)
-        return budget;
-    const long others = runnable - 1;
-    return static_cast<int>(std::clamp<long>(budget - others, 1, std::max(budget, 1)));
-}
-
 void share_cores() {
 #ifdef _OPENMP
     if (std::getenv("OMP_NUM_THREADS") != nullptr) return;
-    const int budget = omp_get_max_threads();
     const int granted = cgroup_cpu_limit("/sys/fs/cgroup", file_text("/proc/self/cgroup"));
-    if (granted > 0 && granted < budget) {
-        omp_set_num_threads(granted);
-        return;
-    }
-    // A run restricted to some of the CPUs (taskset, a batch system's CPU
-    // set) has been given those, whatever the rest of the machine does. One
-    // that may run anywhere shares the machine with whatever else runs on
-    // it: a thread beyond the free cores only takes turns with another
-    // program's (or another run's, as with `xargs -P2`) and its waits then
-    // hold up the whole team, so that two runs side by side made less
-    // progress together than one after the other (bench/batch.py). The
-    // count is taken once, as the run starts.
-    const long online = sysconf(_SC_NPROCESSORS_ONLN);
-    if (online > 0 && budget >= online) {
-        const int threads = threads_beside(budget, file_text("/proc/loadavg"));
-        if (threads < budget) omp_set_num_threads(threads);
-    }
+    if (granted > 0 && granted < omp_get_max_threads()) omp_set_num_threads(granted);
 #endif
 }
 

@@ -11,6 +11,7 @@
 #include <new>
 
 
+#include <torvel/bulk.hpp>
 #include <torvel/imageio.hpp>
 #include <torvel/psf.hpp>
 #include <torvel/messages.hpp>
@@ -139,7 +140,9 @@ image_stack_header psf_stack_header(const psf_plan& plan) {
 int write_psf_stack(const psf_inputs& inputs, ParametricPupil* model, const psf_plan& plan) {
     const std::size_t total =
         std::size_t(plan.nx) * plan.ny * plan.nz * std::size_t(plan.wavelength_count);
-    std::unique_ptr<float[]> voxels(new (std::nothrow) float[total]);
+    // Pages in bulk: faulted one by one, those of a large stack cost a
+    // good part of computing it.
+    bulk_array<float> voxels = allocate_bulk<float>(std::int64_t(total));
     if (!voxels) {
         print_message("%s: insufficient memory for a %d x %d x %d stack\n", kProgram,
                      plan.nx, plan.ny, plan.nz);

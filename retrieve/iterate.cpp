@@ -201,7 +201,7 @@ int make_thread_states(const problem& pb, int threads, std::unique_ptr<thread_st
     if (!*states) return 1;
     for (int t = 0; t < threads; ++t) {
         thread_state& ts = (*states)[t];
-        if (make_psf_work(*pb.pr, &ts.work) != 0) return 1;
+        if (make_psf_work(*pb.pr, psf_work_use::fields, &ts.work) != 0) return 1;
         ts.pupil_sum.reset(new (std::nothrow) std::complex<double>[pb.points]);
         ts.fields.reset(new (std::nothrow) std::complex<float>[pb.components * pb.pixels]);
         ts.defocused.reset(new (std::nothrow) std::complex<float>[pb.points]);

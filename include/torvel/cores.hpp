@@ -22,7 +22,10 @@
 // the same file) that runs before any library starts and, when neither
 // OMP_WAIT_POLICY nor GOMP_SPINCOUNT is set, has libgomp find GOMP_SPINCOUNT
 // set, bounding the spin to some tens of microseconds; main sees the
-// environment the program was started with. A user's own OMP_WAIT_POLICY,
+// environment the program was started with. The same start-up code stops
+// a program, with one line, whose address-space limit (ulimit -v) is too
+// small for OpenBLAS to start in: OpenBLAS would otherwise retry its
+// mapping for ever. A user's own OMP_WAIT_POLICY,
 // GOMP_SPINCOUNT and OMP_NUM_THREADS win over both. Programs that only use
 // the library (and do not call this) are left as they are.
 
@@ -31,19 +34,10 @@
 
 namespace torvel {
 
-// Limits OpenMP's (and so OpenBLAS's) threads to the cores this process is
-// given, unless OMP_NUM_THREADS is set: the cores' worth of CPU time its
-// cgroup grants where that is fewer than the CPUs it may run on; and where
-// nothing restricts it to part of the machine, the cores that other work
-// does not hold as it starts (see threads_beside). With it, the start-up
-// code above is part of the program. Call first in main.
+// Limits OpenMP's (and so OpenBLAS's) threads to the cores' worth of CPU
+// time this process's cgroup grants, unless OMP_NUM_THREADS is set; with it,
+// the start-up code above is part of the program. Call first in main.
 void share_cores();
-
-// The threads to use out of `budget` CPUs when the machine's run queue
-// holds what `loadavg` (the text of /proc/loadavg) counts as runnable, this
-// process's one thread among them: one for each CPU that the others leave
-// free, at least one; `budget` where the text cannot be read.
-int threads_beside(int budget, std::string_view loadavg);
 
 // The number of cores' worth of CPU time (rounded up) that the cgroup
 // described by `self_cgroup` (the text of /proc/self/cgroup) and its

@@ -17,8 +17,9 @@
 // the area of its pixel that lies inside the disc (exactly, so the disc edge
 // is no staircase), its pupil, kz and vector factors taken at the centroid
 // of that area. Such a sum is an FFT of length M along each axis; only
-// the rows that hold the disc and the columns that hold output voxels are
-// transformed. Area weighting makes the sum the integral divided by
+// the pupil's rows or columns that hold the disc and the output's columns or
+// rows are transformed (the intensity transforms the pupil's columns first,
+// so that its planes come out row by row). Area weighting makes the sum the integral divided by
 // sinc(dk x) sinc(dk y) (each pixel acts as a small square aperture), which
 // the plane multiplies back. M is chosen so that the disc spans at least
 // min_disc_pixels pixels and the grid holds the output window; a pixel
@@ -32,6 +33,7 @@
 #include <memory>
 #include <span>
 
+#include <torvel/bulk.hpp>
 #include <torvel/imageio.hpp>
 #include <torvel/render.hpp>
 
@@ -90,15 +92,23 @@ struct psf_propagator {
     std::int32_t radius = 0;      // R: pupil points run from -R to R along each axis
     std::int32_t side = 0;        // 2R + 1
     double dk = 0;                // µm⁻¹
-    std::unique_ptr<double[]> weight;  // area of each pupil pixel inside the disc, µm⁻²
+    // The arrays over the pupil take their pages in bulk (bulk.hpp): a
+    // propagator is made per stack, and its pages faulted one by one cost
+    // as much as its planes.
+    bulk_array<double> weight;  // area of each pupil pixel inside the disc, µm⁻²
     // Where the pupil of each point is taken, µm⁻¹: the point itself, or
     // for a pixel cut by the disc edge the centroid of its part inside.
-    std::unique_ptr<double[]> sample_kx, sample_ky;
-    std::unique_ptr<double[]> kz;      // at the sample point, µm⁻¹; 0 beyond n/λ
+    bulk_array<double> sample_kx, sample_ky;
+    bulk_array<double> kz;      // at the sample point, µm⁻¹; 0 beyond n/λ
     std::unique_ptr<std::int32_t[]> row_begin, row_end;  // the points of row q touching the disc
-    std::unique_ptr<float[]> factor;   // vector: kVectorFactors arrays of side² values
+    std::unique_ptr<std::int32_t[]> column_begin, column_end;  // and of column p
+    bulk_array<float> factor;   // vector: kVectorFactors arrays of side² values
+    bulk_array<float> column_factor;  // the same, column after column (p side + q)
     std::unique_ptr<float[]> sinc_x, sinc_y;  // sinc(dk x), sinc(dk y) of each output column, row
     std::unique_ptr<std::int32_t[]> column_at, row_at;  // FFT index of each output column, row
+    // exp(-2πi p (n/2) refine / M) for p < side, n = nx, ny: moves the
+    // centre voxel to FFT index 0, where the intensity reads its planes.
+    std::unique_ptr<std::complex<double>[]> shift_x, shift_y;
     std::unique_ptr<psf_fft_plans, psf_fft_plans_deleter> plans;
 };
 
@@ -133,8 +143,12 @@ struct psf_work {
     std::unique_ptr<psf_buffers, psf_buffers_deleter> buffers;
 };
 
-// Allocates *work for propagator. Returns 0, or 1 when memory runs out.
-int make_psf_work(const psf_propagator& propagator, psf_work* work);
+// What a work serves: psf_field_plane, psf_field_of_defocused and
+// psf_adjoint_field, or psf_intensity_planes.
+enum class psf_work_use { fields, intensity };
+
+// Allocates *work for propagator and use. Returns 0, or 1 when memory runs out.
+int make_psf_work(const psf_propagator& propagator, psf_work_use use, psf_work* work);
 
 // The field of the pupil `pupil` (side² values P(k) at the sample points
 // sample_kx, sample_ky, unweighted) at the plane z µm, multiplied by vector
@@ -170,10 +184,12 @@ void psf_adjoint_field(const psf_propagator& propagator, std::span<const std::co
 // (µm) into intensity (count planes of nx * ny values): |E|² for a scalar
 // propagator, the vector model's polarisation mean for a vector one, in
 // µm⁻⁴. Evenly spaced planes cost one product per pupil point for their
-// defocus instead of a sine and cosine.
+// defocus instead of a sine and cosine. Calls plane_done(context) after
+// each plane, unless it is null.
 void psf_intensity_planes(const psf_propagator& propagator,
                           std::span<const std::complex<float>> pupil, double z_um, double dz_um,
-                          int count, psf_work* work, std::span<float> intensity);
+                          int count, psf_work* work, std::span<float> intensity,
+                          void (*plane_done)(void* context), void* context);
 
 // ---- the program ---------------------------------------------------------------
 
