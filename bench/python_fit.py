@@ -7,11 +7,17 @@ Times, interleaved run by run, in wall time and in CPU time (the latter
 less disturbed by other programs on a shared machine): the program's whole
 run on the image file (start, read, fit, write the fit file), torvel.fit on
 the same image held in memory as a complex64 array, and torvel.fit on the
-file. Then, with one
-thread per fit (OMP_NUM_THREADS=1), one fit against two fits in two Python
-threads, which take about as long as one when the GIL is released and two
-cores are free. Prints medians with the spread (lowest, highest) and the
-ratios of the medians.
+file. Then one fit against two fits in two Python threads, which take
+about as long as one when the GIL is released and two cores are free:
+first with one OpenMP thread per fit (OMP_NUM_THREADS=1), so that the two
+fits are all the parallel work; then with OpenMP's default, where each fit
+already splits its per-pixel work between the cores. Prints medians with
+the spread (lowest, highest), the ratios of the medians, and the ratio of
+two to one run by run (median, lowest, highest). As the ratio needs two
+free cores, it also prints how long each fit of a pair was blocked, neither
+on a CPU nor waiting for one (the kernel's schedstat): near 0 with one
+OpenMP thread per fit when nothing serialises the two fits, whatever else
+keeps the cores busy (with more, a fit's thread also waits for its team).
 """
 
 import os
@@ -42,6 +48,14 @@ def cpu_seconds(work):
     start = total()
     work()
     return total() - start
+
+
+def scheduled():
+    """The calling thread's seconds on a CPU and waiting for one (schedstat):
+    what is left of its wall time it spent blocked, on a lock or the GIL."""
+    with open(f"/proc/self/task/{threading.get_native_id()}/schedstat") as f:
+        running, waiting, _ = f.read().split()
+    return int(running) / 1e9, int(waiting) / 1e9
 
 
 def summary(name, times):
@@ -95,11 +109,20 @@ def threads(runs):
     with tempfile.TemporaryDirectory() as folder:
         _, image, geometry = pupil(torvel, folder)
 
+    blocked = []  # per fit of a pair: the share of its time it could not run
+
     def one():
         torvel.fit(image, **geometry)
 
+    def one_of_two():
+        before, start = scheduled(), time.perf_counter()
+        one()
+        wall = time.perf_counter() - start
+        after = scheduled()
+        blocked.append((wall - sum(after) + sum(before)) / wall)
+
     def two():
-        pair = [threading.Thread(target=one) for _ in range(2)]
+        pair = [threading.Thread(target=one_of_two) for _ in range(2)]
         for t in pair:
             t.start()
         for t in pair:
@@ -109,10 +132,16 @@ def threads(runs):
     for _ in range(runs):
         ones.append(seconds(one))
         twos.append(seconds(two))
+    openmp = os.environ.get("OMP_NUM_THREADS", "default")
+    print(f"OMP_NUM_THREADS={openmp}:")
     print(summary("one fit, one thread", ones))
     print(summary("two fits in two threads", twos))
-    print(f"two / one: {statistics.median(twos) / statistics.median(ones):.3f} "
-          f"(best of each: {min(twos) / min(ones):.3f})")
+    ratios = [b / a for a, b in zip(ones, twos)]
+    print(f"two / one: {statistics.median(twos) / statistics.median(ones):.3f} of the medians; "
+          f"run by run median {statistics.median(ratios):.3f} "
+          f"(lowest {min(ratios):.3f}, highest {max(ratios):.3f})")
+    print(f"a fit of a pair blocked (neither running nor waiting for a CPU): median "
+          f"{statistics.median(blocked):.1%} of its time (highest {max(blocked):.1%})")
 
 
 def main():
@@ -121,8 +150,9 @@ def main():
         return
     runs = int(sys.argv[2]) if len(sys.argv) > 2 else 10
     against_program(sys.argv[1], runs)
-    subprocess.run([sys.executable, __file__, "--threads", str(runs)], check=True,
-                   env={**os.environ, "OMP_NUM_THREADS": "1"})
+    default = {k: v for k, v in os.environ.items() if k != "OMP_NUM_THREADS"}
+    for env in ({**default, "OMP_NUM_THREADS": "1"}, default):
+        subprocess.run([sys.executable, __file__, "--threads", str(runs)], check=True, env=env)
 
 
 if __name__ == "__main__":

@@ -1,5 +1,7 @@
 // Messages and progress lines, to the standard streams or a thread's capture.
 
+#include <unistd.h>
+
 #include <cstdarg>
 #include <cstdio>
 
@@ -45,6 +47,10 @@ void print_progress(const char* format, ...) noexcept {
     va_start(args, format);
     std::vprintf(format, args);
     va_end(args);
+}
+
+bool progress_on_terminal() noexcept {
+    return t_capture == nullptr && isatty(STDERR_FILENO) == 1;
 }
 
 message_capture::message_capture() noexcept : outer_(t_capture) {

@@ -114,6 +114,23 @@ int check_output_name(const psf_inputs& inputs) {
     return error;
 }
 
+// The options after the file names; model is null when it could not be read.
+int parse_psf_options_of(const option_args& args, ParametricPupil* model, psf_inputs* inputs) {
+    int error = check_option_names(kProgram, args.argv, args.argc, kOptions);
+    error |= parse_size(args, inputs);
+    error |= parse_spacing(args, kDxOption, &inputs->dx_nm);
+    error |= parse_spacing(args, kDzOption, &inputs->dz_nm);
+    const int form = option_name_index(kProgram, args.argv, args.argc, kModelOption, kModels);
+    if (form >= 0) inputs->vector = form == 1;
+    const int normalize =
+        option_name_index(kProgram, args.argv, args.argc, kNormalizeOption, kNormalizations);
+    if (normalize >= 0) inputs->normalize = static_cast<psf_normalize>(normalize);
+    error |= (form == -2 || normalize == -2) ? 1 : 0;
+    error |= parse_model_choice(kProgram, args.argv, args.argc, inputs->model_name, model,
+                                &inputs->model);
+    return error;
+}
+
 }  // namespace
 
 void print_psf_usage(std::FILE* stream) {
@@ -129,22 +146,17 @@ int parse_psf_command_line(int argc, char** argv, psf_inputs* inputs, pupil_ptr*
     inputs->model_name = argv[1];
     inputs->output_name = argv[2];
     *model = read_model_file(kProgram, inputs->model_name);
-    const option_args args{argv + 2, argc - 2};
     int error = *model ? 0 : 1;
     error |= check_output_name(*inputs);
-    error |= check_option_names(kProgram, args.argv, args.argc, kOptions);
-    error |= parse_size(args, inputs);
-    error |= parse_spacing(args, kDxOption, &inputs->dx_nm);
-    error |= parse_spacing(args, kDzOption, &inputs->dz_nm);
-    const int form = option_name_index(kProgram, args.argv, args.argc, kModelOption, kModels);
-    if (form >= 0) inputs->vector = form == 1;
-    const int normalize =
-        option_name_index(kProgram, args.argv, args.argc, kNormalizeOption, kNormalizations);
-    if (normalize >= 0) inputs->normalize = static_cast<psf_normalize>(normalize);
-    error |= (form == -2 || normalize == -2) ? 1 : 0;
-    error |= parse_model_choice(kProgram, args.argv, args.argc, inputs->model_name, model->get(),
-                                &inputs->model);
-    return error;
+    return error | parse_psf_options_of({argv + 2, argc - 2}, model->get(), inputs);
+}
+
+int parse_psf_options(int argc, const char* const* argv, const ParametricPupil& model,
+                      psf_inputs* inputs) {
+    int error = 0;
+    if (inputs->output_name != nullptr) error |= check_output_name(*inputs);
+    // The record is only read; the choice's helpers take it writable.
+    return error | parse_psf_options_of({argv, argc}, const_cast<ParametricPupil*>(&model), inputs);
 }
 
 }  // namespace torvel

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <new>
 
 #include <fftw3.h>
@@ -21,6 +22,14 @@
 
 namespace torvel {
 
+// FFTW's planner, and its destruction of plans, may run on one thread at a
+// time; executing plans is safe from any number. Propagators are made and
+// dropped by threads of their own in a process that computes several stacks
+// at once (the Python module's callers).
+namespace {
+std::mutex g_fftw_planner;
+}  // namespace
+
 struct psf_fft_plans {
     fftwf_plan rows = nullptr;     // side rows of length M, contiguous
     fftwf_plan columns = nullptr;  // nx columns of length M, each contiguous
@@ -30,6 +39,7 @@ struct psf_fft_plans {
     // columns lie as rows do), then ny output rows of length M.
     fftwf_plan output_rows = nullptr;
     ~psf_fft_plans() {
+        const std::lock_guard<std::mutex> lock(g_fftw_planner);
         for (fftwf_plan plan : {rows, columns, rows_adjoint, columns_adjoint, output_rows})
             if (plan) fftwf_destroy_plan(plan);
     }
@@ -317,22 +327,26 @@ int make_plans(psf_propagator* pr) {
         std::unique_ptr<psf_fft_plans, psf_fft_plans_deleter>(new (std::nothrow) psf_fft_plans);
     if (!plans) return 1;
     int n[1] = {m};
-    fftwf_set_timelimit(kPlanningSeconds);
-    plans->rows = fftwf_plan_many_dft(1, n, pr->side, a.get(), nullptr, 1, m, b.get(), nullptr, 1,
-                                      m, FFTW_BACKWARD, kPlanning);
-    plans->columns = fftwf_plan_many_dft(1, n, nx, c.get(), nullptr, 1, m, d.get(), nullptr, 1, m,
-                                         FFTW_BACKWARD, kPlanning);
-    plans->rows_adjoint = fftwf_plan_many_dft(1, n, pr->side, a.get(), nullptr, 1, m, b.get(),
-                                              nullptr, 1, m, FFTW_FORWARD, kPlanning);
-    plans->columns_adjoint = fftwf_plan_many_dft(1, n, nx, c.get(), nullptr, 1, m, d.get(), nullptr,
-                                                 1, m, FFTW_FORWARD, kPlanning);
     const int ny = pr->grid.ny;
     const int stride = int(padded_stride(m));
     fftw_buffer e = allocate_complex(std::size_t(stride) * ny);
     fftw_buffer f = allocate_complex(std::size_t(m) * ny);
     if (!e || !f) return 1;
-    plans->output_rows = fftwf_plan_many_dft(1, n, ny, e.get(), nullptr, 1, stride, f.get(),
-                                             nullptr, 1, m, FFTW_BACKWARD, kPlanning);
+    {
+        // Released before plans can be destroyed: their destructor takes it too.
+        const std::lock_guard<std::mutex> lock(g_fftw_planner);
+        fftwf_set_timelimit(kPlanningSeconds);
+        plans->rows = fftwf_plan_many_dft(1, n, pr->side, a.get(), nullptr, 1, m, b.get(), nullptr,
+                                          1, m, FFTW_BACKWARD, kPlanning);
+        plans->columns = fftwf_plan_many_dft(1, n, nx, c.get(), nullptr, 1, m, d.get(), nullptr, 1,
+                                             m, FFTW_BACKWARD, kPlanning);
+        plans->rows_adjoint = fftwf_plan_many_dft(1, n, pr->side, a.get(), nullptr, 1, m, b.get(),
+                                                  nullptr, 1, m, FFTW_FORWARD, kPlanning);
+        plans->columns_adjoint = fftwf_plan_many_dft(1, n, nx, c.get(), nullptr, 1, m, d.get(),
+                                                     nullptr, 1, m, FFTW_FORWARD, kPlanning);
+        plans->output_rows = fftwf_plan_many_dft(1, n, ny, e.get(), nullptr, 1, stride, f.get(),
+                                                 nullptr, 1, m, FFTW_BACKWARD, kPlanning);
+    }
     if (!plans->rows || !plans->columns || !plans->rows_adjoint || !plans->columns_adjoint ||
         !plans->output_rows)
         return 1;

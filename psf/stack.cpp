@@ -31,7 +31,7 @@ double physical_memory_bytes() {
 // Progress on a terminal: one line, rewritten in place, shown once the
 // stack has taken a second, never when standard error is not a terminal.
 struct progress_line {
-    bool terminal = isatty(STDERR_FILENO) == 1;
+    bool terminal = progress_on_terminal();
     bool shown = false;
     std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
     std::chrono::steady_clock::time_point last{};
@@ -106,29 +106,24 @@ int plan_psf(const psf_inputs& inputs, const ParametricPupil& model, psf_plan* p
     return 0;
 }
 
-int write_psf_stack(const psf_inputs& inputs, ParametricPupil* model, const psf_plan& plan) {
+int compute_psf_voxels(const psf_inputs& inputs, ParametricPupil* model, const psf_plan& plan,
+                       std::span<float> voxels) {
     const std::size_t per_wavelength = std::size_t(plan.nx) * plan.ny * plan.nz;
-    const std::size_t total = per_wavelength * std::size_t(plan.wavelength_count);
-    // Pages in bulk: faulted one by one, those of a large stack cost a
-    // good part of computing it.
-    bulk_array<float> voxels = allocate_bulk<float>(std::int64_t(total));
-    if (!voxels) {
-        print_message("%s: insufficient memory for a %d x %d x %d stack\n", kProgram,
-                     plan.nx, plan.ny, plan.nz);
-        return 1;
-    }
     progress_line progress;
     progress.wavelengths = plan.wavelength_count;
     progress.planes = plan.nz;
     for (int s = 0; s < plan.wavelength_count; ++s) {
         progress.wavelength = s;
-        const std::span<float> stack(voxels.get() + std::size_t(s) * per_wavelength, per_wavelength);
+        const std::span<float> stack = voxels.subspan(std::size_t(s) * per_wavelength, per_wavelength);
         if (compute_model_stack(inputs.model, inputs.vector, model, plan, s, stack, report_progress,
                                 &progress) != 0)
             return 1;
         normalize_stack(inputs.normalize, stack);
     }
-    progress.finish();
+    return 0;
+}
+
+image_stack_header psf_stack_header(const psf_plan& plan) {
     image_stack_header header;
     header.nx = plan.nx;
     header.ny = plan.ny;
@@ -139,7 +134,24 @@ int write_psf_stack(const psf_inputs& inputs, ParametricPupil* model, const psf_
     header.dz_um = float(plan.dz_um);
     for (int s = 0; s < plan.wavelength_count; ++s)
         header.wavelengths_nm[s] = float(plan.wavelength_um[s] * 1000.0);
-    return write_image_stack(inputs.output_name, header, {voxels.get(), total}) != 0 ? 1 : 0;
+    return header;
+}
+
+int write_psf_stack(const psf_inputs& inputs, ParametricPupil* model, const psf_plan& plan) {
+    const std::size_t total =
+        std::size_t(plan.nx) * plan.ny * plan.nz * std::size_t(plan.wavelength_count);
+    // Pages in bulk: faulted one by one, those of a large stack cost a
+    // good part of computing it.
+    bulk_array<float> voxels = allocate_bulk<float>(std::int64_t(total));
+    if (!voxels) {
+        print_message("%s: insufficient memory for a %d x %d x %d stack\n", kProgram,
+                     plan.nx, plan.ny, plan.nz);
+        return 1;
+    }
+    if (compute_psf_voxels(inputs, model, plan, {voxels.get(), total}) != 0) return 1;
+    return write_image_stack(inputs.output_name, psf_stack_header(plan), {voxels.get(), total}) != 0
+               ? 1
+               : 0;
 }
 
 }  // namespace torvel

@@ -30,9 +30,11 @@
 #include <torvel/fit.hpp>
 #include <torvel/imageio.hpp>
 #include <torvel/messages.hpp>
+#include <torvel/psf.hpp>
 #include <torvel/pupil.hpp>
 #include <torvel/render.hpp>
 #include <torvel/report.hpp>
+#include <torvel/retrieve.hpp>
 #include <torvel/safeout.hpp>
 #include <torvel/zernike.hpp>
 
@@ -55,6 +57,28 @@ struct library_error : std::runtime_error {
 struct model {
     pupil_ptr pupil;
     std::string name;
+};
+
+// A stack of planes in memory, as torvel-psf writes it: voxels float32
+// (nw, nz, ny, nx); header the file's header, with its spacing in µm as
+// floats; dx_nm and dz_nm the spacing the stack was computed on.
+struct stack_result {
+    py::array voxels;
+    image_stack_header header;
+    double dx_nm = 0, dz_nm = 0;
+};
+
+// A retrieved pupil image in memory, as torvel-retrieve writes it, with the
+// geometry torvel.fit takes and what each wavelength's iteration ended with.
+struct pupil_result {
+    py::array image;  // complex64 (nw, size, size)
+    double na = 0, n = 0;
+    int lens = 0;
+    std::vector<double> wavelengths_nm;
+    float spacing = 0;  // µm⁻¹
+    float x0 = 0, y0 = 0;
+    std::vector<double> background;
+    py::list errors;  // float64 arrays, one per wavelength
 };
 
 const char* model_label(const model& m) {
@@ -150,9 +174,14 @@ std::int64_t pixels_of(const input_header& h) {
     return std::int64_t(h.nx) * h.ny;
 }
 
-int insufficient_memory() {
-    print_message("torvel: insufficient memory\n");
+int insufficient_memory(const char* program = "torvel") {
+    print_message("%s: insufficient memory\n", program);
     return 1;
+}
+
+// A path argument as the library takes it.
+std::string path_text(const py::object& path) {
+    return py::str(py::module_::import("os").attr("fspath")(path));
 }
 
 // Fits every selected slot: planes_of(slot, &amplitude, &phase) hands over
@@ -236,6 +265,12 @@ py::object fit_file(const std::string& path, option_list options, bool want_resi
                       {inputs.wavelength_count, h.ny, h.nx});
 }
 
+// An array's shape as Python writes it, for messages.
+std::string shape_text(const py::array& array) {
+    return py::str(
+        py::tuple(py::cast(std::vector<py::ssize_t>(array.shape(), array.shape() + array.ndim()))));
+}
+
 // A pair (x, y) of floats, or one float for both.
 void float_pair(const py::object& value, const char* what, float* x, float* y) {
     if (py::isinstance<py::sequence>(value)) {
@@ -257,10 +292,8 @@ py::object fit_array(const py::array& image, option_list options, bool want_resi
                              " (numpy.complex64: the interleaved float pairs torvel reads)");
     if (image.ndim() != 2 && image.ndim() != 3)
         throw py::value_error(
-            "torvel: the pupil array must have the shape (ny, nx) or (nw, ny, "
-            "nx), not " +
-            std::string(py::str(py::tuple(
-                py::cast(std::vector<py::ssize_t>(image.shape(), image.shape() + image.ndim()))))));
+            "torvel: the pupil array must have the shape (ny, nx) or (nw, ny, nx), not " +
+            shape_text(image));
     for (const char* key : {"na", "n", "wavelengths_nm", "spacing"})
         if (!geometry.contains(key))
             throw py::type_error(std::string("torvel: fitting an array needs the keyword ") + key);
@@ -346,20 +379,36 @@ py::object fit(const py::object& image, const py::object& w, const py::object& z
                const py::kwargs& geometry) {
     option_list options = fit_options(w, zernike_amp, zernike_phase, tol);
     if (py::isinstance<py::array>(image)) return fit_array(image, options, residual, geometry);
+    if (py::isinstance<pupil_result>(image)) {
+        if (geometry.size() > 0)
+            throw py::type_error(
+                "torvel: na, n, wavelengths_nm, spacing, centre and lens are given "
+                "with an array; a retrieved pupil holds them");
+        const auto& p = image.cast<const pupil_result&>();
+        py::kwargs own;
+        own["na"] = p.na;
+        own["n"] = p.n;
+        own["lens"] = p.lens;
+        own["wavelengths_nm"] = p.wavelengths_nm;
+        own["spacing"] = p.spacing;
+        own["centre"] = py::make_tuple(p.x0, p.y0);
+        return fit_array(p.image, options, residual, own);
+    }
     if (!py::isinstance<py::str>(image) && !py::hasattr(image, "__fspath__"))
-        throw py::type_error("torvel: fit() takes a file name or a complex64 numpy array");
+        throw py::type_error(
+            "torvel: fit() takes a file name, a complex64 numpy array or a retrieved pupil");
     if (geometry.size() > 0)
         throw py::type_error(
             "torvel: na, n, wavelengths_nm, spacing, centre and lens are given "
             "with an array; a file's header holds them");
-    const std::string path = py::str(py::module_::import("os").attr("fspath")(image));
+    const std::string path = path_text(image);
     return fit_file(path, options, residual);
 }
 
 // ---- the model ---------------------------------------------------------------
 
 std::unique_ptr<model> read_fit(const py::object& path_object) {
-    const std::string path = py::str(py::module_::import("os").attr("fspath")(path_object));
+    const std::string path = path_text(path_object);
     auto read = std::make_unique<model>();
     read->name = path;
     run_released([&] {
@@ -374,7 +423,7 @@ std::unique_ptr<model> read_fit(const py::object& path_object) {
 }
 
 void write_model(model& m, const py::object& path_object) {
-    const std::string path = py::str(py::module_::import("os").attr("fspath")(path_object));
+    const std::string path = path_text(path_object);
     run_released([&] { return write_fit_file(m.pupil.get(), path.c_str()); });
     m.name = path;
 }
@@ -464,6 +513,17 @@ std::string model_repr(const model& m) {
 
 // ---- render and report -------------------------------------------------------------
 
+// Runs work, which reads or writes files through the image layer, under the
+// layer's lock and with the layer's messages under program's name.
+template <class Work>
+int in_image_layer(const char* program, Work&& work) {
+    std::lock_guard<std::mutex> lock(g_image_layer);
+    image_set_program_name(program);
+    const int status = work();
+    image_set_program_name("torvel");
+    return status;
+}
+
 py::object render(const model& m, const py::object& size, const std::optional<double>& spacing,
                   const py::object& centre, const py::object& w, const std::string& form,
                   const py::object& drop, const std::string& amplitude,
@@ -479,8 +539,7 @@ py::object render(const model& m, const py::object& size, const std::optional<do
     options.texts.push_back("-amplitude=" + amplitude);
     std::vector<char*> argv = options.argv();
     std::string path;
-    if (!path_object.is_none())
-        path = py::str(py::module_::import("os").attr("fspath")(path_object));
+    if (!path_object.is_none()) path = path_text(path_object);
 
     render_inputs inputs = kDefaultRenderInputs;
     inputs.model_name = model_label(m);
@@ -501,11 +560,8 @@ py::object render(const model& m, const py::object& size, const std::optional<do
                               inputs.image_name);
                 return 1;
             }
-            std::lock_guard<std::mutex> lock(g_image_layer);
-            image_set_program_name("torvel-render");
-            const int status = write_rendered_image(inputs, copy.get(), plan);
-            image_set_program_name("torvel");
-            return status;
+            return in_image_layer("torvel-render",
+                                  [&] { return write_rendered_image(inputs, copy.get(), plan); });
         }
         const std::int64_t pixels = std::int64_t(plan.nx) * plan.ny;
         planes = allocate_bulk<float>(2 * pixels * plan.wavelength_count);
@@ -536,15 +592,13 @@ py::object report(const model& m, const py::object& json_name, const py::object&
                   const py::object& residual_name) {
     option_list options;
     options.texts = {"torvel-report", model_label(m)};
-    const py::object os = py::module_::import("os");
     const std::pair<const char*, const py::object*> outputs[] = {{"-json=", &json_name},
                                                                  {"-csv=", &csv_name},
                                                                  {"-png=", &png_name},
                                                                  {"-image=", &image_name},
                                                                  {"-residual=", &residual_name}};
     for (const auto& [option, value] : outputs)
-        if (!value->is_none())
-            options.texts.push_back(option + std::string(py::str(os.attr("fspath")(*value))));
+        if (!value->is_none()) options.texts.push_back(option + path_text(*value));
     std::vector<char*> argv = options.argv();
     std::string text;
     run_released([&] {
@@ -558,13 +612,225 @@ py::object report(const model& m, const py::object& json_name, const py::object&
         text = report_json_text(entries);
         if (inputs.json_name == nullptr && inputs.csv_name == nullptr && inputs.png_name == nullptr)
             return 0;
-        std::lock_guard<std::mutex> lock(g_image_layer);
-        image_set_program_name("torvel-report");
-        const int status = write_report_outputs(inputs, entries);
-        image_set_program_name("torvel");
-        return status;
+        return in_image_layer("torvel-report",
+                              [&] { return write_report_outputs(inputs, entries); });
     });
     return py::module_::import("json").attr("loads")(text);
+}
+
+// ---- psf and retrieve ----------------------------------------------------------
+
+py::object psf(const model& m, const py::object& size, const std::optional<double>& dx,
+               const std::optional<double>& dz, const py::object& w, const py::object& drop,
+               const std::string& amplitude, bool vector, const std::string& normalize,
+               const py::object& path_object) {
+    option_list options;
+    options.texts.push_back("");  // where the output name stands on the command line
+    if (!size.is_none()) options.texts.push_back("-size=" + list_text(size, ":"));
+    if (dx) options.texts.push_back("-dx=" + number_text(*dx));
+    if (dz) options.texts.push_back("-dz=" + number_text(*dz));
+    if (!w.is_none()) options.texts.push_back("-w=" + list_text(w, ":"));
+    if (!drop.is_none()) options.texts.push_back("-drop=" + list_text(drop, ","));
+    options.texts.push_back("-amplitude=" + amplitude);
+    options.texts.push_back(std::string("-model=") + (vector ? "vector" : "scalar"));
+    options.texts.push_back("-normalize=" + normalize);
+    std::vector<char*> argv = options.argv();
+    const std::string path = path_object.is_none() ? std::string() : path_text(path_object);
+
+    psf_inputs inputs = kDefaultPsfInputs;
+    inputs.model_name = model_label(m);
+    inputs.output_name = path.empty() ? nullptr : path.c_str();
+    psf_plan plan{};
+    bulk_array<float> voxels;
+    run_released([&] {
+        // The dropped terms are left out of a copy: the model stays whole.
+        pupil_ptr copy(copy_parametric_pupil(m.pupil.get()));
+        if (!copy) return insufficient_memory("torvel-psf");
+        if (parse_psf_options(int(argv.size()), argv.data(), *copy, &inputs) != 0 ||
+            plan_psf(inputs, *copy, &plan) != 0)
+            return 1;
+        drop_phase_terms(inputs.model, copy.get());
+        if (!path.empty())
+            return in_image_layer("torvel-psf",
+                                  [&] { return write_psf_stack(inputs, copy.get(), plan); });
+        const std::int64_t count =
+            std::int64_t(plan.nx) * plan.ny * plan.nz * plan.wavelength_count;
+        voxels = allocate_bulk<float>(count);
+        if (!voxels) return insufficient_memory("torvel-psf");
+        return compute_psf_voxels(inputs, copy.get(), plan, {voxels.get(), std::size_t(count)});
+    });
+    if (!path.empty()) return py::none();
+    stack_result result;
+    result.voxels =
+        floats_to_numpy(std::move(voxels), {plan.wavelength_count, plan.nz, plan.ny, plan.nx});
+    result.header = psf_stack_header(plan);
+    result.dx_nm = plan.dx_um * 1000.0;
+    result.dz_nm = plan.dz_um * 1000.0;
+    return py::cast(std::move(result));
+}
+
+// A bead stack handed over in memory: its voxels, as float32 laid out as a
+// file's are read, and what is known of its geometry.
+struct stack_in_memory {
+    py::array_t<float, py::array::c_style> voxels;
+    image_stack_header header;
+};
+
+// A numpy array (nz, ny, nx) or (nw, nz, ny, nx) of real numbers, read where
+// it lies when it is contiguous float32, else copied once into that form.
+stack_in_memory stack_of_array(const py::array& array) {
+    const char kind = array.dtype().kind();
+    if (kind != 'f' && kind != 'i' && kind != 'u')
+        throw py::type_error("torvel: the stack must hold real numbers, not " +
+                             std::string(py::str(array.dtype())));
+    if (array.ndim() != 3 && array.ndim() != 4)
+        throw py::value_error(
+            "torvel: the stack must have the shape (nz, ny, nx) or (nw, nz, ny, nx), not " +
+            shape_text(array));
+    stack_in_memory stack;
+    stack.voxels = py::array_t<float, py::array::c_style | py::array::forcecast>::ensure(array);
+    if (!stack.voxels) throw py::error_already_set();
+    const int first = array.ndim() - 3;
+    image_stack_header& h = stack.header;
+    h.nw = first == 0 ? 1 : int(std::min<py::ssize_t>(array.shape(0), 6));
+    if (h.nw > 5)
+        throw py::value_error("torvel: a stack holds at most 5 wavelengths; the array has " +
+                              std::to_string(array.shape(0)));
+    constexpr py::ssize_t kMaxSide = std::numeric_limits<int>::max();
+    for (int axis = first; axis < array.ndim(); ++axis)
+        if (array.shape(axis) > kMaxSide || array.shape(axis) < 1)
+            throw py::value_error("torvel: the stack's sides must be 1 to " +
+                                  std::to_string(kMaxSide) + " voxels");
+    h.nz = int(array.shape(first));
+    h.ny = int(array.shape(first + 1));
+    h.nx = int(array.shape(first + 2));
+    return stack;
+}
+
+stack_in_memory stack_of_result(const stack_result& result) {
+    return {py::array_t<float, py::array::c_style>::ensure(result.voxels), result.header};
+}
+
+std::vector<std::string> retrieve_options(const py::object& w, const std::optional<double>& dx,
+                                          const std::optional<double>& dz,
+                                          const std::optional<int>& lens,
+                                          const std::optional<int>& size,
+                                          const std::optional<int>& iterations,
+                                          const std::optional<double>& tol,
+                                          const py::object& background, bool vector) {
+    std::vector<std::string> texts;
+    if (!w.is_none()) texts.push_back("-w=" + list_text(w, ":"));
+    if (dx) texts.push_back("-dx=" + number_text(*dx));
+    if (dz) texts.push_back("-dz=" + number_text(*dz));
+    if (lens) texts.push_back("-lens=" + std::to_string(*lens));
+    if (size) texts.push_back("-size=" + std::to_string(*size));
+    if (iterations) texts.push_back("-iterations=" + std::to_string(*iterations));
+    if (tol) texts.push_back("-tol=" + number_text(*tol));
+    texts.push_back("-background=" + list_text(background, ":"));
+    texts.push_back(std::string("-model=") + (vector ? "vector" : "scalar"));
+    return texts;
+}
+
+// What a retrieval keeps besides its pupil image, per wavelength.
+py::list error_arrays(std::span<const retrieval_log> logs) {
+    py::list errors;
+    for (const retrieval_log& log : logs) {
+        py::array_t<double> values(log.count);
+        std::copy_n(log.error.get(), log.count, values.mutable_data());
+        errors.append(values);
+    }
+    return errors;
+}
+
+py::object retrieve(const py::object& stack, const std::optional<double>& na,
+                    const std::optional<double>& n, const py::object& w,
+                    const std::optional<double>& dx, const std::optional<double>& dz,
+                    const std::optional<int>& lens, const std::optional<int>& size,
+                    const std::optional<int>& iterations, const std::optional<double>& tol,
+                    const py::object& background, bool vector, const py::object& path_object,
+                    const py::object& psf_object, const py::object& log_object) {
+    // Without them pybind11's own complaint would print the whole stack.
+    if (!na || !n)
+        throw py::type_error(std::string("torvel: retrieve() needs the keyword ") +
+                             (na ? "n (the immersion index)" : "na (the numerical aperture)"));
+    option_list options;
+    options.texts = {"", "-na=" + number_text(*na), "-n=" + number_text(*n)};
+    for (std::string& text :
+         retrieve_options(w, dx, dz, lens, size, iterations, tol, background, vector))
+        options.texts.push_back(std::move(text));
+    const std::pair<const char*, const py::object*> outputs[] = {{"-psf=", &psf_object},
+                                                                 {"-log=", &log_object}};
+    for (const auto& [option, value] : outputs)
+        if (!value->is_none()) options.texts.push_back(option + path_text(*value));
+    std::vector<char*> argv = options.argv();
+    const std::string path = path_object.is_none() ? std::string() : path_text(path_object);
+
+    std::string stack_name = "array";
+    std::optional<stack_in_memory> in_memory;
+    if (py::isinstance<stack_result>(stack))
+        in_memory = stack_of_result(stack.cast<const stack_result&>());
+    else if (py::isinstance<py::array>(stack))
+        in_memory = stack_of_array(stack);
+    else if (py::isinstance<py::str>(stack) || py::hasattr(stack, "__fspath__"))
+        stack_name = path_text(stack);
+    else
+        throw py::type_error(
+            "torvel: retrieve() takes a file name, a numpy array or a stack from torvel.psf");
+
+    retrieve_inputs inputs = kDefaultRetrieveInputs;
+    inputs.stack_name = stack_name.c_str();
+    inputs.output_name = path.empty() ? nullptr : path.c_str();
+    bead_data data;
+    retrieval results[5];
+    retrieval_log logs[5];
+    bulk_array<float> images;
+    run_released([&] {
+        if (parse_retrieve_options(int(argv.size()), argv.data(), &inputs) != 0) return 1;
+        if (in_memory) {
+            const std::size_t count = std::size_t(in_memory->voxels.size());
+            if (load_bead_voxels(inputs, in_memory->header, {in_memory->voxels.data(), count},
+                                 &data) != 0)
+                return 1;
+        } else if (in_image_layer("torvel-retrieve",
+                                  [&] { return load_bead_data(inputs, &data); }) != 0) {
+            return 1;
+        }
+        for (int k = 0; k < data.wavelengths; ++k)
+            if (retrieve_pupil(inputs, data.stacks[k], &results[k], &logs[k]) != 0) return 1;
+        const std::size_t pixels = std::size_t(inputs.size) * inputs.size;
+        images = allocate_bulk<float>(std::int64_t(2 * pixels) * data.wavelengths);
+        if (!images) return insufficient_memory("torvel-retrieve");
+        const std::span<std::complex<float>> all(
+            reinterpret_cast<std::complex<float>*>(images.get()), pixels * data.wavelengths);
+        for (int k = 0; k < data.wavelengths; ++k)
+            pupil_on_image_grid(results[k], inputs.size, all.subspan(pixels * k, pixels));
+        return in_image_layer("torvel-retrieve", [&] {
+            if (inputs.output_name != nullptr && write_retrieved_pupil(inputs, data, all) != 0)
+                return 1;
+            if (inputs.psf_name != nullptr && write_retrieved_psf(inputs, data, results) != 0)
+                return 1;
+            if (inputs.log_name != nullptr &&
+                write_retrieval_log(inputs, data, {logs, std::size_t(data.wavelengths)}) != 0)
+                return 1;
+            return 0;
+        });
+    });
+    pupil_result result;
+    result.image =
+        complex_to_numpy(std::move(images), {data.wavelengths, inputs.size, inputs.size});
+    result.na = inputs.na;
+    result.n = inputs.n;
+    result.lens = inputs.lens;
+    for (int k = 0; k < data.wavelengths; ++k) {
+        result.wavelengths_nm.push_back(data.header.wavelengths_nm[k]);
+        result.background.push_back(results[k].background);
+    }
+    const render_plan plan = retrieved_pupil_plan(inputs, data);
+    result.spacing = plan.spacing;
+    result.x0 = plan.x0;
+    result.y0 = plan.y0;
+    result.errors = error_arrays({logs, std::size_t(data.wavelengths)});
+    return py::cast(std::move(result));
 }
 
 }  // namespace
@@ -581,9 +847,11 @@ PYBIND11_MODULE(torvel, module) {
 
 The same library as the torvel programs, on files and numpy arrays:
 read_fit() and fit() give a Model; render() turns a Model into a pupil
-image, report() into the figures torvel-report gives. Failures raise
-torvel.Error with the programs' message text; nothing is printed. The GIL
-is released while fits and renders run, so threads fit in parallel.)doc";
+image, report() into the figures torvel-report gives, psf() into its 3D
+point spread function; retrieve() gives the pupil image of a bead z-stack,
+which fit() takes. Failures raise torvel.Error with the programs' message
+text; nothing is printed. The GIL is released while the library works, so
+threads fit, render and compute in parallel.)doc";
     module.attr("__version__") = TORVEL_VERSION;
     py::register_exception<library_error>(module, "Error", PyExc_RuntimeError);
 
@@ -705,4 +973,122 @@ Strehl estimate, named aberrations, every coefficient), as a dict with the
 content of its JSON export. json, csv and png name files to write as well,
 as torvel-report's options do; image and residual (with png) add the
 measured pupil image and torvel's residual image to the figure.)doc");
+
+    py::class_<stack_result>(module, "Stack", R"doc(A stack of planes as torvel-psf writes it.
+
+voxels: float32 array (nw, nz, ny, nx), one stack per wavelength; voxel
+    [w, k, j, i] lies at x = (i - nx // 2) dx, y = (j - ny // 2) dx,
+    z = (k - nz // 2) dz, the emitter at the origin (the layout of the MRC
+    file: sections wavelength after wavelength, rows of x).
+dx_nm, dz_nm: lateral voxel size and plane spacing in nm.
+wavelengths_nm: the wavelength of each stack.
+numpy.asarray(stack) is stack.voxels; retrieve() takes a Stack with its
+spacing and wavelengths.)doc")
+        .def_readonly("voxels", &stack_result::voxels, "float32 (nw, nz, ny, nx).")
+        .def_readonly("dx_nm", &stack_result::dx_nm, "Lateral voxel size in nm.")
+        .def_readonly("dz_nm", &stack_result::dz_nm, "Plane spacing in nm.")
+        .def_property_readonly(
+            "wavelengths_nm",
+            [](const stack_result& r) {
+                return std::vector<double>(r.header.wavelengths_nm,
+                                           r.header.wavelengths_nm + r.header.nw);
+            },
+            "The wavelength of each stack in nm.")
+        .def(
+            "__array__",
+            [](const stack_result& r, const py::object& dtype, const py::object&) {
+                return dtype.is_none() ? py::object(r.voxels) : r.voxels.attr("astype")(dtype);
+            },
+            "dtype"_a = py::none(), "copy"_a = py::none())
+        .def("__repr__", [](const stack_result& r) {
+            return "torvel.Stack(voxels=float32" + std::string(py::str(r.voxels.attr("shape"))) +
+                   ", dx_nm=" + short_text(r.dx_nm) + ", dz_nm=" + short_text(r.dz_nm) + ")";
+        });
+
+    py::class_<pupil_result>(module, "Pupil", R"doc(A retrieved pupil: what torvel-retrieve writes.
+
+image: complex64 array (nw, size, size), one pupil per wavelength; pixel
+    [w, j, i] at k = ((i - size // 2), (j - size // 2)) * spacing, 0 outside
+    the disc NA / wavelength, mean amplitude 1 over the disc.
+na, n, lens, wavelengths_nm, spacing (reciprocal micrometres), centre
+    (pixels): its geometry, as the pupil image's header records it.
+background: the background each wavelength's iteration ended with, in the
+    stack's units; errors: the error of every iteration, one float64 array
+    per wavelength.
+fit(pupil) fits it with this geometry.)doc")
+        .def_readonly("image", &pupil_result::image, "complex64 (nw, size, size).")
+        .def_readonly("na", &pupil_result::na, "Numerical aperture.")
+        .def_readonly("n", &pupil_result::n, "Immersion refractive index.")
+        .def_readonly("lens", &pupil_result::lens, "Lens number.")
+        .def_readonly("wavelengths_nm", &pupil_result::wavelengths_nm, "Wavelengths in nm.")
+        .def_readonly("spacing", &pupil_result::spacing, "Pixel spacing, reciprocal micrometres.")
+        .def_property_readonly(
+            "centre", [](const pupil_result& p) { return py::make_tuple(p.x0, p.y0); },
+            "The pupil centre (x0, y0) in pixels.")
+        .def_readonly("background", &pupil_result::background,
+                      "Each wavelength's background, in the stack's units.")
+        .def_readonly("errors", &pupil_result::errors,
+                      "Each wavelength's error per iteration (float64 arrays).")
+        .def("__repr__", [](const pupil_result& p) {
+            std::string nm;
+            for (double v : p.wavelengths_nm) nm += (nm.empty() ? "" : ", ") + short_text(v);
+            return "torvel.Pupil(image=complex64" + std::string(py::str(p.image.attr("shape"))) +
+                   ", na=" + short_text(p.na) + ", n=" + short_text(p.n) + ", wavelengths_nm=[" +
+                   nm + "], spacing=" + short_text(p.spacing) + ")";
+        });
+
+    module.def("psf", &psf, "model"_a, py::kw_only(), "size"_a = py::none(), "dx"_a = py::none(),
+               "dz"_a = py::none(), "w"_a = py::none(), "drop"_a = py::none(),
+               "amplitude"_a = "model", "vector"_a = false, "normalize"_a = "sum",
+               "path"_a = py::none(),
+               R"doc(psf(model, *, size=None, dx=None, dz=None, w=None, drop=None,
+    amplitude="model", vector=False, normalize="sum", path=None) -> Stack | None
+
+The 3D point spread function of a model as torvel-psf computes it, with its
+options: size nx, (nx, ny) or (nx, ny, nz) voxels (default 64, 64, 64); dx
+and dz the lateral voxel size and plane spacing in nm (default Nyquist for
+the shortest selected wavelength); w the wavelengths by index or nm; drop
+phase terms to leave out ("piston", "tilt", "defocus" or (n, m), one or a
+list); amplitude "model" or "uniform"; vector False for the scalar model
+|E|^2, True for the vector model (torvel-psf's -model=vector); normalize
+"sum" (each wavelength's stack sums to 1), "peak" (its largest voxel is 1)
+or "none" (|E|^2 in um^-4).
+
+Without path, returns a Stack: voxels float32 (nw, nz, ny, nx), voxel
+[w, k, j, i] at x = (i - nx // 2) dx, y = (j - ny // 2) dx,
+z = (k - nz // 2) dz, the emitter at the origin: the numbers torvel-psf
+writes. With path, writes the stack as torvel-psf does (.mrc, .tif or
+.tiff) and returns None.)doc");
+
+    module.def("retrieve", &retrieve, "stack"_a, py::kw_only(), "na"_a = py::none(),
+               "n"_a = py::none(), "w"_a = py::none(), "dx"_a = py::none(), "dz"_a = py::none(),
+               "lens"_a = py::none(), "size"_a = py::none(), "iterations"_a = py::none(),
+               "tol"_a = py::none(), "background"_a = "auto", "vector"_a = false,
+               "path"_a = py::none(), "psf"_a = py::none(), "log"_a = py::none(),
+               R"doc(retrieve(stack, *, na, n, w=None, dx=None, dz=None, lens=None, size=None,
+         iterations=None, tol=None, background="auto", vector=False, path=None,
+         psf=None, log=None) -> Pupil
+
+The pupil function of a microscope from a z-stack of a sub-resolution bead,
+by torvel-retrieve's phase retrieval, with its options:
+
+stack: a stack file name (MRC or TIFF), a Stack (from psf()), or a numpy
+    array of real numbers (nz, ny, nx) or (nw, nz, ny, nx), plane k at
+    z = (k - nz // 2) dz (a C-contiguous float32 array is read where it
+    lies; any other is copied once as float32).
+na, n: numerical aperture and immersion refractive index (required).
+w: each wavelength in nm; dx, dz: pixel size and plane spacing in nm. An
+    array needs all three; they override a file's or a Stack's.
+lens: the lens number recorded (default 0); size: the crop around the
+    bead, N x N pixels (default 64); iterations: the most iterations
+    (default 200); tol: stop when the pupil changes by less than this
+    fraction of its norm (default 1e-6); background: "auto" (estimated
+    from the border and refined) or the background per voxel in the
+    stack's units; vector: the vector forward model.
+path, psf, log: also write the pupil image (.mrc), the retrieved PSF
+    beside the bead, and the error of every iteration (CSV), as
+    torvel-retrieve's pupil_image, -psf= and -log= do.
+
+Returns a Pupil, whose image holds the numbers torvel-retrieve writes;
+fit(pupil) fits it. Raises torvel.Error with the program's message.)doc");
 }

@@ -41,10 +41,45 @@ class Model:
     ) -> list[tuple[int, int, Literal["cos", "sin"], int, int]]: ...
     def write(self, path: Path) -> None: ...
 
+class Stack:
+    """A stack of planes as torvel-psf writes it."""
+
+    @property
+    def voxels(self) -> npt.NDArray[np.float32]: ...
+    @property
+    def dx_nm(self) -> float: ...
+    @property
+    def dz_nm(self) -> float: ...
+    @property
+    def wavelengths_nm(self) -> list[float]: ...
+    def __array__(self, dtype: npt.DTypeLike | None = None, copy: bool | None = None) -> npt.NDArray[Any]: ...
+
+class Pupil:
+    """A retrieved pupil: what torvel-retrieve writes; fit() takes it."""
+
+    @property
+    def image(self) -> npt.NDArray[np.complex64]: ...
+    @property
+    def na(self) -> float: ...
+    @property
+    def n(self) -> float: ...
+    @property
+    def lens(self) -> int: ...
+    @property
+    def wavelengths_nm(self) -> list[float]: ...
+    @property
+    def spacing(self) -> float: ...
+    @property
+    def centre(self) -> tuple[float, float]: ...
+    @property
+    def background(self) -> list[float]: ...
+    @property
+    def errors(self) -> list[npt.NDArray[np.float64]]: ...
+
 def read_fit(path: Path) -> Model: ...
 @overload
 def fit(
-    image: Path | npt.NDArray[np.complex64],
+    image: Path | npt.NDArray[np.complex64] | Pupil,
     *,
     w: Selection = None,
     zernike_amp: ZernikeSet = (8, 0),
@@ -60,7 +95,7 @@ def fit(
 ) -> Model: ...
 @overload
 def fit(
-    image: Path | npt.NDArray[np.complex64],
+    image: Path | npt.NDArray[np.complex64] | Pupil,
     *,
     w: Selection = None,
     zernike_amp: ZernikeSet = (8, 0),
@@ -95,3 +130,34 @@ def report(
     image: Path | None = None,
     residual: Path | None = None,
 ) -> dict[str, Any]: ...
+def psf(
+    model: Model,
+    *,
+    size: int | tuple[int, int] | tuple[int, int, int] | None = None,
+    dx: float | None = None,
+    dz: float | None = None,
+    w: Selection = None,
+    drop: str | tuple[int, int] | Sequence[str | tuple[int, int]] | None = None,
+    amplitude: Literal["model", "uniform"] = "model",
+    vector: bool = False,
+    normalize: Literal["sum", "peak", "none"] = "sum",
+    path: Path | None = None,
+) -> Stack | None: ...
+def retrieve(
+    stack: Path | Stack | npt.NDArray[Any],
+    *,
+    na: float,
+    n: float,
+    w: float | Sequence[float] | None = None,
+    dx: float | None = None,
+    dz: float | None = None,
+    lens: int | None = None,
+    size: int | None = None,
+    iterations: int | None = None,
+    tol: float | None = None,
+    background: Literal["auto"] | float = "auto",
+    vector: bool = False,
+    path: Path | None = None,
+    psf: Path | None = None,
+    log: Path | None = None,
+) -> Pupil: ...

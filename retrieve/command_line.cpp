@@ -141,11 +141,12 @@ int parse_background(const option_args& args, retrieve_inputs* inputs) {
     return 0;
 }
 
-// The pupil image must be an MRC file and no other file named on the line.
+// The pupil image, when written, must be an MRC file, and no output may be
+// the stack or another output.
 int check_output_names(const retrieve_inputs& inputs) {
     int error = 0;
-    const char* dot = std::strrchr(inputs.output_name, '.');
-    if (dot == nullptr || std::strcmp(dot, ".mrc") != 0) {
+    const char* dot = inputs.output_name ? std::strrchr(inputs.output_name, '.') : nullptr;
+    if (inputs.output_name != nullptr && (dot == nullptr || std::strcmp(dot, ".mrc") != 0)) {
         print_message("%s: %s: the pupil image's name must end in .mrc\n", kProgram,
                      inputs.output_name);
         error = 1;
@@ -180,7 +181,11 @@ int parse_retrieve_command_line(int argc, char** argv, retrieve_inputs* inputs) 
     }
     inputs->stack_name = argv[1];
     inputs->output_name = argv[2];
-    const option_args args{argv + 2, argc - 2};
+    return parse_retrieve_options(argc - 2, argv + 2, inputs);
+}
+
+int parse_retrieve_options(int argc, const char* const* argv, retrieve_inputs* inputs) {
+    const option_args args{argv, argc};
     int error = check_option_names(kProgram, args.argv, args.argc, kOptions);
     error |= parse_positive(args, kNaOption, "", &inputs->na);
     error |= parse_positive(args, kIndexOption, "", &inputs->n);

@@ -2,7 +2,6 @@
 // magnitude replacement on the forward model of torvel-psf, planes in
 // parallel, each thread with its own work space and pupil sum.
 
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -64,7 +63,7 @@ int internal_fft_size(const bead_stack& bead, double na, double n) {
 // Progress on a terminal: the iteration and its error, one line rewritten
 // in place; nothing when standard error is not a terminal.
 struct progress_line {
-    bool terminal = isatty(STDERR_FILENO) == 1;
+    bool terminal = progress_on_terminal();
     bool shown = false;
     std::chrono::steady_clock::time_point last{};
     void update(double wavelength_nm, int iteration, int iterations, double error) {

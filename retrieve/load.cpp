@@ -195,9 +195,15 @@ int load_bead_data(const retrieve_inputs& inputs, bead_data* data) {
     image_stack_header h;
     std::unique_ptr<float[]> voxels;
     if (read_image_stack(inputs.stack_name, &h, &voxels) != 0) return 1;
+    const std::size_t count = std::size_t(h.nx) * h.ny * h.nz * h.nw;
+    return load_bead_voxels(inputs, h, {voxels.get(), count}, data);
+}
+
+int load_bead_voxels(const retrieve_inputs& inputs, image_stack_header h,
+                     std::span<const float> voxels, bead_data* data) {
     if (settle_geometry(inputs, &h) != 0) return 1;
     const std::size_t per_wavelength = std::size_t(h.nx) * h.ny * h.nz;
-    const std::span<const float> all(voxels.get(), per_wavelength * h.nw);
+    const std::span<const float> all = voxels.first(per_wavelength * h.nw);
     if (check_shape(inputs, h, all) != 0) return 1;
     data->header = h;
     data->wavelengths = h.nw;

@@ -124,8 +124,7 @@ void pupil_on_image_grid(const retrieval& result, int size, std::span<std::compl
     }
 }
 
-int write_retrieved_pupil(const retrieve_inputs& inputs, const bead_data& data,
-                          std::span<const std::complex<float>> images) {
+render_plan retrieved_pupil_plan(const retrieve_inputs& inputs, const bead_data& data) {
     render_plan plan{};
     plan.nx = plan.ny = inputs.size;
     plan.spacing = float(1.0 / (inputs.size * double(data.header.dx_um)));
@@ -135,6 +134,12 @@ int write_retrieved_pupil(const retrieve_inputs& inputs, const bead_data& data,
     plan.lens_id = inputs.lens;
     plan.wavelength_count = data.wavelengths;
     for (int w = 0; w < data.wavelengths; ++w) plan.wavelength_nm[w] = data.header.wavelengths_nm[w];
+    return plan;
+}
+
+int write_retrieved_pupil(const retrieve_inputs& inputs, const bead_data& data,
+                          std::span<const std::complex<float>> images) {
+    const render_plan plan = retrieved_pupil_plan(inputs, data);
     char label[81];
     std::snprintf(label, sizeof label, "torvel-retrieve %s%s", inputs.stack_name,
                   inputs.vector ? " -model=vector" : "");

@@ -20,6 +20,10 @@ namespace torvel {
 // or drops it while the calling thread holds a capture.
 [[gnu::format(printf, 1, 2)]] void print_progress(const char* format, ...) noexcept;
 
+// Whether a progress line redrawn in place on standard error may be shown:
+// standard error is a terminal and the calling thread holds no capture.
+bool progress_on_terminal() noexcept;
+
 // While it lives, the messages of its thread are appended to text() and its
 // progress lines are dropped. Captures nest: the innermost one takes them,
 // and the outer one takes over again when it ends.

@@ -35,6 +35,7 @@
 #include <span>
 
 #include <torvel/bulk.hpp>
+#include <torvel/imageio.hpp>
 #include <torvel/render.hpp>
 
 namespace torvel {
@@ -113,8 +114,8 @@ struct psf_propagator {
 };
 
 // Sets up *propagator for optics, grid and model (vector or scalar), with at
-// least min_disc_pixels pupil pixels across the disc. Not thread-safe (FFTW's
-// planner is not): make propagators on one thread. Returns 0, or 1 when
+// least min_disc_pixels pupil pixels across the disc. Threads may make
+// propagators at once (FFTW's planner is taken in turn). Returns 0, or 1 when
 // memory runs out or the optics make no sense (aperture not below the
 // immersion index, non-positive sizes); prints nothing.
 int make_psf_propagator(const psf_optics& optics, const psf_plane_grid& grid, bool vector,
@@ -222,6 +223,14 @@ void print_psf_usage(std::FILE* stream);
 // was any, else 0.
 int parse_psf_command_line(int argc, char** argv, psf_inputs* inputs, pupil_ptr* model);
 
+// Fills *inputs from the options argv[1 .. argc - 1] (argv[0], the output
+// name on the command line, is not looked at) for the model in memory, whose
+// wavelengths -w= selects from; inputs->model_name names the model in
+// messages, and inputs->output_name, when not null, is checked as the
+// command line's is. Reports every problem; returns 1 if there was any, else 0.
+int parse_psf_options(int argc, const char* const* argv, const ParametricPupil& model,
+                      psf_inputs* inputs);
+
 // The stack about to be computed: voxels, spacings in µm and wavelengths.
 struct psf_plan {
     std::int32_t nx, ny, nz, wavelength_count;
@@ -261,6 +270,16 @@ int compute_psf_stack(const psf_plan& plan, const psf_propagator& propagator,
 int compute_model_stack(const model_choice& choice, bool vector, ParametricPupil* model,
                         const psf_plan& plan, int slot, std::span<float> stack,
                         void (*progress)(void* context, int planes_done), void* context);
+
+// Computes the stack of every selected wavelength into voxels (wavelength
+// after wavelength, each nz planes of ny rows of nx values, as planned) and
+// normalises each as inputs ask, showing progress on a terminal. Returns 0,
+// or 1 after one message when memory runs out.
+int compute_psf_voxels(const psf_inputs& inputs, ParametricPupil* model, const psf_plan& plan,
+                       std::span<float> voxels);
+
+// The header of the planned stack: sizes, spacings in µm and wavelengths.
+image_stack_header psf_stack_header(const psf_plan& plan);
 
 // Computes the stack of every selected wavelength, normalises it and writes
 // it to inputs.output_name (MRC or TIFF by the extension) through the image

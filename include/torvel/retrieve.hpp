@@ -63,6 +63,13 @@ void print_retrieve_usage(std::FILE* stream);
 // returns 1 if there was any, else 0.
 int parse_retrieve_command_line(int argc, char** argv, retrieve_inputs* inputs);
 
+// Fills *inputs from the options argv[1 .. argc - 1] (argv[0] is not looked
+// at), for a caller that names the stack (inputs->stack_name, as messages
+// name it) and the pupil image (inputs->output_name, null when the pupil is
+// kept in memory) itself. Reports every problem, the names included;
+// returns 1 if there was any, else 0.
+int parse_retrieve_options(int argc, const char* const* argv, retrieve_inputs* inputs);
+
 // One wavelength's measurement, cropped around the bead: nz planes of
 // size x size voxels, in the stack's units.
 struct bead_stack {
@@ -88,6 +95,13 @@ struct bead_data {
 // Estimates the background and crops each wavelength around its bead.
 // Returns 0, or 1 after one message.
 int load_bead_data(const retrieve_inputs& inputs, bead_data* data);
+
+// As load_bead_data for a stack already in memory: voxels laid out as
+// read_image_stack gives them for header, whose spacing and wavelengths
+// (0 where unknown) the options override; inputs.stack_name names it in
+// messages.
+int load_bead_voxels(const retrieve_inputs& inputs, image_stack_header header,
+                     std::span<const float> voxels, bead_data* data);
 
 // The background of one wavelength's stack (nx x ny x nz voxels) when none
 // is given: the median of the voxels on the image border of every plane.
@@ -122,6 +136,11 @@ int retrieve_pupil(const retrieve_inputs& inputs, const bead_stack& bead, retrie
 // 0 outside the disc, mean amplitude over the disc 1, mean phase gradient
 // removed.
 void pupil_on_image_grid(const retrieval& result, int size, std::span<std::complex<float>> image);
+
+// The pupil image's geometry and header values: size x size pixels of
+// 1 / (size dx) µm⁻¹, centre pixel (size/2, size/2), aperture, index, lens
+// and wavelengths.
+render_plan retrieved_pupil_plan(const retrieve_inputs& inputs, const bead_data& data);
 
 // Writes the pupil image (type 8000, mode 4, one section per wavelength)
 // through the image layer. images holds wavelengths planes of size² values.

@@ -20,15 +20,26 @@ from mrc_pupil import read_pupil
 
 SOURCE = Path(os.environ["TORVEL_SOURCE_DIR"])
 PROGRAM = os.environ["TORVEL_BINARY"]
+PSF_PROGRAM = str(Path(PROGRAM).parent / "torvel-psf")
+RETRIEVE_PROGRAM = str(Path(PROGRAM).parent / "torvel-retrieve")
 SAMPLE = SOURCE / "sample" / "pupil.mrc"
 SAMPLE_MODEL = SOURCE / "sample" / "model_fit.txt"
+# The residual, the PSF's planes and the retrieval's sums are split between
+# threads, which may change their last bits: the programs run with as many
+# as the module (on a busy machine they would take fewer).
+THREADS = os.environ.get("OMP_NUM_THREADS") or str(len(os.sched_getaffinity(0)))
+
+
+def run(command, **keywords):
+    """A program's run with the module's thread count."""
+    return subprocess.run([str(part) for part in command], capture_output=True,
+                          env={**os.environ, "OMP_NUM_THREADS": THREADS}, **keywords)
 
 
 def run_program(tmp_path, *options):
     fit_file = tmp_path / "program_fit.txt"
     residual = tmp_path / "program_residual.mrc"
-    subprocess.run([PROGRAM, str(SAMPLE), str(fit_file), f"-residual={residual}", *options],
-                   check=True, capture_output=True)
+    run([PROGRAM, SAMPLE, fit_file, f"-residual={residual}", *options], check=True)
     with mrcfile.open(residual) as mrc:
         return fit_file.read_bytes(), mrc.data.copy()
 
@@ -106,11 +117,69 @@ def test_a_rendered_model_fits_back_in_memory():
 def test_the_report_holds_what_the_program_exports(tmp_path):
     model = torvel.read_fit(SAMPLE_MODEL)
     content = torvel.report(model, json=tmp_path / "report.json")
-    subprocess.run([str(Path(PROGRAM).parent / "torvel-report"), str(SAMPLE_MODEL),
-                    f"-json={tmp_path / 'program.json'}"], check=True, capture_output=True)
+    run([Path(PROGRAM).parent / "torvel-report", SAMPLE_MODEL, f"-json={tmp_path / 'program.json'}"],
+        check=True)
     exported = (tmp_path / "program.json").read_text()
     assert (tmp_path / "report.json").read_text() == exported
     assert content == json.loads(exported)
+
+
+def program_stack(path):
+    """An MRC stack as (nw, nz, ny, nx) float32, and its header's spacing in nm."""
+    with mrcfile.open(path) as mrc:
+        block = mrc.header.extra2.tobytes()
+        nw = int(np.frombuffer(block, "<i2", 1, 24)[0])
+        voxels = mrc.data.reshape(nw, -1, *mrc.data.shape[1:])
+        return voxels, (float(mrc.voxel_size.x) * 1000, float(mrc.voxel_size.z) * 1000)
+
+
+@pytest.mark.parametrize("options, keywords", [
+    (("-size=24:20:6", "-dx=90", "-dz=250"), dict(size=(24, 20, 6), dx=90, dz=250)),
+    (("-size=16", "-w=617", "-drop=defocus", "-model=vector", "-normalize=peak",
+      "-amplitude=uniform"),
+     dict(size=16, w=617, drop="defocus", vector=True, normalize="peak", amplitude="uniform")),
+])
+def test_the_psf_is_the_stack_the_program_writes(tmp_path, options, keywords):
+    written_stack = tmp_path / "program.mrc"
+    run([PSF_PROGRAM, SAMPLE_MODEL, written_stack, *options], check=True)
+    voxels, (dx_nm, dz_nm) = program_stack(written_stack)
+    model = torvel.read_fit(SAMPLE_MODEL)
+    stack = torvel.psf(model, **keywords)
+    assert stack.voxels.dtype == np.float32 and np.array_equal(stack.voxels, voxels)
+    assert (stack.dx_nm, stack.dz_nm) == (pytest.approx(dx_nm), pytest.approx(dz_nm))
+    torvel.psf(model, **keywords, path=tmp_path / "module.mrc")
+    assert (tmp_path / "module.mrc").read_bytes() == written_stack.read_bytes()
+    # Dropping a term leaves the model whole.
+    assert np.array_equal(model.phase(0), torvel.read_fit(SAMPLE_MODEL).phase(0))
+
+
+def test_a_retrieval_from_an_array_is_the_programs(tmp_path):
+    # A bead: the sample model's PSF without its defocus, with photons and a
+    # background, as a camera stack of 16-bit counts.
+    model = torvel.read_fit(SAMPLE_MODEL)
+    optics = dict(na=model.na, n=model.n, w=617, dx=80, dz=200)
+    psf = torvel.psf(model, size=(40, 40, 9), dx=80, dz=200, w=617, drop="defocus")
+    counts = np.round(psf.voxels[0] * 2e6 + 100).astype(np.uint16)
+    bead = tmp_path / "bead.mrc"
+    with mrcfile.new(bead) as mrc:
+        mrc.set_data(counts.astype(np.float32))
+    options = ["-size=32", "-iterations=4"]
+    run([RETRIEVE_PROGRAM, bead, tmp_path / "program.mrc",
+         *(f"-{k}={v}" for k, v in optics.items()), *options], check=True)
+    image, geometry = read_pupil(tmp_path / "program.mrc")
+
+    pupil = torvel.retrieve(counts, **optics, size=32, iterations=4,
+                            path=tmp_path / "module.mrc")
+    assert pupil.image.dtype == np.complex64 and pupil.image.shape == (1, 32, 32)
+    assert np.array_equal(pupil.image[0], image)
+    # The same file but for the label (header bytes 224 to 1024) naming the stack.
+    ours, theirs = ((tmp_path / name).read_bytes() for name in ("module.mrc", "program.mrc"))
+    assert (ours[:224], ours[1024:]) == (theirs[:224], theirs[1024:])
+    assert len(pupil.errors[0]) == 4 and pupil.background[0] > 0
+    # fit() takes the pupil with its geometry, as it reads the file's.
+    assert written(torvel.fit(pupil), tmp_path, "a.txt") == \
+        written(torvel.fit(tmp_path / "program.mrc"), tmp_path, "b.txt")
+    assert (pupil.na, pupil.n, pupil.wavelengths_nm) == (geometry["na"], geometry["n"], [617])
 
 
 def test_bad_input_raises_with_the_programs_message_and_prints_nothing(capfd, tmp_path):
@@ -129,8 +198,7 @@ def test_bad_input_raises_with_the_programs_message_and_prints_nothing(capfd, tm
         out.header.extra2 = mrc.header.extra2
         out.voxel_size = mrc.voxel_size
         out.header.origin = mrc.header.origin
-    program = subprocess.run([PROGRAM, str(bad_file), str(tmp_path / "fit.txt")],
-                             capture_output=True, text=True)
+    program = run([PROGRAM, bad_file, tmp_path / "fit.txt"], text=True)
     assert program.returncode == 1
     assert program.stderr == (f"torvel: {bad_file}: the amplitude at wavelength 617 (1) "
                               "is not finite inside the pupil\n")
@@ -152,6 +220,46 @@ def test_bad_input_raises_with_the_programs_message_and_prints_nothing(capfd, tm
         bad_fit = tmp_path / "bad_fit.txt"
         bad_fit.write_text("\n".join(SAMPLE_MODEL.read_text().splitlines()[:2] + ["x"]) + "\n")
         torvel.read_fit(bad_fit)
+    assert capfd.readouterr() == ("", "")
+
+
+def test_psf_and_retrieve_refuse_with_their_programs_messages(capfd, tmp_path):
+    def program_says(*command):
+        program = run(command, text=True)
+        assert program.returncode == 1
+        return program.stderr.rstrip("\n")
+
+    model = torvel.read_fit(SAMPLE_MODEL)
+    expected = program_says(PSF_PROGRAM, SAMPLE_MODEL, tmp_path / "psf.mrc", "-size=0",
+                            "-normalize=max", "-w=700")
+    assert expected.count("\n") == 2
+    capfd.readouterr()
+    with pytest.raises(torvel.Error) as raised:
+        torvel.psf(model, size=0, normalize="max", w=700)
+    assert str(raised.value) == expected
+    with pytest.raises(torvel.Error, match=r"^torvel-psf: \S+/x\.png: the name must end in"):
+        torvel.psf(model, path=tmp_path / "x.png")
+
+    expected = program_says(RETRIEVE_PROGRAM, tmp_path / "none.mrc", tmp_path / "pupil.mrc",
+                            "-na=1.6", "-n=1.515", "-iterations=0")
+    with pytest.raises(torvel.Error) as raised:
+        torvel.retrieve(np.ones((3, 16, 16)), na=1.6, n=1.515, iterations=0)
+    assert str(raised.value) == expected
+    expected = program_says(RETRIEVE_PROGRAM, tmp_path / "none.mrc", tmp_path / "pupil.mrc",
+                            "-na=1.4", "-n=1.515")
+    with pytest.raises(torvel.Error) as raised:
+        torvel.retrieve(tmp_path / "none.mrc", na=1.4, n=1.515)
+    assert str(raised.value) == expected
+    optics = dict(na=1.4, n=1.515, w=600, dx=80, dz=200, size=16)
+    with pytest.raises(torvel.Error, match=r"^torvel-retrieve: array: no bead found: nothing "
+                                           r"stands out of the background"):
+        torvel.retrieve(np.full((5, 20, 20), 3, np.uint16), **optics)
+    with pytest.raises(TypeError, match=r"^torvel: retrieve\(\) needs the keyword n "):
+        torvel.retrieve(np.ones((5, 20, 20)), na=1.4)
+    with pytest.raises(TypeError, match="real numbers"):
+        torvel.retrieve(np.ones((5, 20, 20), np.complex64), **optics)
+    with pytest.raises(ValueError, match=r"shape \(nz, ny, nx\) or \(nw, nz, ny, nx\)"):
+        torvel.retrieve(np.ones((20, 20)), **optics)
     assert capfd.readouterr() == ("", "")
 
 
