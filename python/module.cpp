@@ -179,9 +179,11 @@ int insufficient_memory(const char* program = "torvel") {
     return 1;
 }
 
-// A path argument as the library takes it.
+// A path argument (str, bytes or path-like) as the library takes it: the
+// bytes the file system sees, so that a name that is not UTF-8 (bytes, or a
+// str with Python's surrogate escapes) names the same file as in Python.
 std::string path_text(const py::object& path) {
-    return py::str(py::module_::import("os").attr("fspath")(path));
+    return py::bytes(py::module_::import("os").attr("fsencode")(path));
 }
 
 // Fits every selected slot: planes_of(slot, &amplitude, &phase) hands over

@@ -147,8 +147,10 @@ def test_the_psf_is_the_stack_the_program_writes(tmp_path, options, keywords):
     stack = torvel.psf(model, **keywords)
     assert stack.voxels.dtype == np.float32 and np.array_equal(stack.voxels, voxels)
     assert (stack.dx_nm, stack.dz_nm) == (pytest.approx(dx_nm), pytest.approx(dz_nm))
-    torvel.psf(model, **keywords, path=tmp_path / "module.mrc")
-    assert (tmp_path / "module.mrc").read_bytes() == written_stack.read_bytes()
+    # A name that is not UTF-8, as Python passes it: bytes.
+    module_stack = os.fsencode(tmp_path) + b"/module\xff.mrc"
+    torvel.psf(model, **keywords, path=module_stack)
+    assert open(module_stack, "rb").read() == written_stack.read_bytes()
     # Dropping a term leaves the model whole.
     assert np.array_equal(model.phase(0), torvel.read_fit(SAMPLE_MODEL).phase(0))
 
